@@ -1,0 +1,85 @@
+#include "common/Analytics/AnalyticsParcel.h"
+
+#include "common/infra/Singleton.h"
+#include "common/infra/Timer.h"
+
+#include <cstdio>
+#include <limits>
+#include <utility>
+
+AnalyticsParcel::AnalyticsParcel() {
+    setKelTimeStamp(Singleton<ITimer, Timer>::instance()->getTimestampMs());
+}
+
+void AnalyticsParcel::setEventName(const std::string& eventName) {
+    m_eventName = eventName;
+}
+
+void AnalyticsParcel::setCategory(const std::string& category) {
+    m_category = category;
+}
+
+void AnalyticsParcel::setAccount(AccountType account) {
+    m_account = account;
+}
+
+void AnalyticsParcel::setEventPriority(Priority eventPriority) {
+    m_eventPriority = eventPriority;
+}
+
+void AnalyticsParcel::setValue(u32 value) {
+    m_value = value;
+}
+
+void AnalyticsParcel::setText(const std::string& text) {
+    m_txt = text;
+}
+
+void AnalyticsParcel::setDetails(const std::string& details) {
+    m_details = details;
+}
+
+void AnalyticsParcel::setKelTimeStamp(u64 kelTime) {
+    m_kelTime = kelTime;
+}
+
+void AnalyticsParcel::addText(const std::string& key, const std::string& value) {
+    std::string pairs = m_concatKeyValueText;
+    pairs.append("[").append(key).append("=").append(value).append("]");
+    m_concatKeyValueText = std::move(pairs);
+    setText(m_concatKeyValueText);
+}
+
+AnalyticsParcel& AnalyticsParcel::addEntry(const std::string& key, const std::string& value) {
+    m_strEntries[key] = value;
+    return *this;
+}
+
+AnalyticsParcel& AnalyticsParcel::addEntry(const std::string& key, u32 value) {
+    m_u32Entries[key] = value;
+    return *this;
+}
+
+AnalyticsParcel& AnalyticsParcel::addEntry(const std::string& key, u64 value) {
+    m_u64Entries[key] = value;
+    return *this;
+}
+
+AnalyticsParcel& AnalyticsParcel::addEntry(const std::string& key, s64 value) {
+    m_longEntries[key] = value;
+    return *this;
+}
+
+AnalyticsParcel& AnalyticsParcel::addEntry(const std::string& key, double value) {
+    // Sign, the digits of the largest double, the point, six decimals and the terminator.
+    constexpr int capacity = 1 + (std::numeric_limits<double>::max_exponent10 + 1) + 1 + 6 + 1;
+    char text[capacity];
+    std::snprintf(text, sizeof text, "%f", value);
+    m_doubleEntries[key] = text;
+    return *this;
+}
+
+AnalyticsParcel& AnalyticsParcel::addEntry(const std::string& key, int value) {
+    m_intEntries[key] = value;
+    return *this;
+}

@@ -1,0 +1,16 @@
+#pragma once
+
+#include "common/Analytics/AnalyticsParcel.h"
+#include "common/infra/Defs.h"
+#include "common/infra/Export.h"
+
+// The door to the process-wide parcel outbox.
+class ANALYTICS_EXPORT AnalyticsParcelSender {
+public:
+    AnalyticsParcelSender() = delete;
+
+    // Logs the hand-over, pushes the parcel under KEL_ANALYTICS and returns the outbox's status.
+    // With RC_SUCCESS the parcel belongs to the outbox and must not be touched again; with any
+    // other status it stays with the caller, unchanged. Any thread.
+    static RcStatus sendAnalyticsParcel(AnalyticsParcel* parcel);
+};

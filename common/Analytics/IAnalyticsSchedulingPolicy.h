@@ -1,0 +1,19 @@
+#pragma once
+
+#include "common/infra/Defs.h"
+#include "common/infra/Export.h"
+
+#include <ctime>
+
+// Answers when the next periodic report is due.
+class ANALYTICS_EXPORT IAnalyticsSchedulingPolicy {
+public:
+    virtual ~IAnalyticsSchedulingPolicy() = default;
+
+    // Milliseconds from now until the next report. Each call stands alone.
+    virtual u64 getNextSchedule() = 0;
+
+protected:
+    // The current UTC time. Policies ask for it here, so that a subclass can supply another time.
+    virtual tm getCurtime();
+};

@@ -1,0 +1,14 @@
+#pragma once
+
+#include "common/Analytics/AnalyticsParcel.h"
+#include "common/infra/Export.h"
+
+// Makes the parcel of each reporting period.
+class ANALYTICS_EXPORT IPeriodicAnalyticsParcelFinalizer {
+public:
+    virtual ~IPeriodicAnalyticsParcelFinalizer() = default;
+
+    // Closes the current period and returns its parcel: never null, from tracked allocation, owned
+    // by the caller from then on.
+    virtual AnalyticsParcel* finalizeParcel() = 0;
+};

@@ -1,0 +1,76 @@
+#pragma once
+
+#include "common/infra/Defs.h"
+#include "common/infra/Export.h"
+#include "common/infra/IParcel.h"
+
+#include <chrono>
+#include <memory>
+#include <vector>
+
+// The process-wide queue of parcels between those who produce them and the one who forwards them,
+// reached as Singleton<IParcelOutbox, ParcelOutbox>. Every operation may be called from any thread.
+class ANALYTICS_EXPORT IParcelOutbox {
+public:
+    // What class stands behind an IParcel*.
+    enum ParcelType : u32 {
+        KEL_ANALYTICS = 0 // AnalyticsParcel
+    };
+
+    virtual ~IParcelOutbox() = default;
+
+    // Takes the parcel over and returns RC_SUCCESS; any other status leaves it with the caller.
+    virtual RcStatus pushParcel(IParcel* parcel, ParcelType type) = 0;
+    // The oldest parcel of the type, owned by the caller from then on; null if there is none.
+    virtual IParcel* popParcel(ParcelType type) = 0;
+    // All parcels of the type, oldest first, owned by the caller from then on.
+    virtual std::vector<IParcel*> popParcels(ParcelType type) = 0;
+    virtual u64 size() const = 0;
+    virtual bool isEmpty() const = 0;
+    virtual u64 getMaxSize() const = 0;
+    // Destroys every parcel that is held.
+    virtual void freeAndRemoveAllParcels() = 0;
+};
+
+// The reference host's outbox: holds at most `maxSize` parcels. A push beyond that makes room by
+// destroying the oldest one: a report that was just made is worth more than one that nobody
+// fetched. What is dropped is counted and logged, one line when a run of drops begins and one when
+// it ends.
+class ANALYTICS_EXPORT ParcelOutbox final : public IParcelOutbox {
+public:
+    struct Counts {
+        u64 pushed = 0;  // accepted
+        u64 popped = 0;  // handed out
+        u64 dropped = 0; // destroyed to make room
+    };
+
+    // Throws std::invalid_argument if `maxSize` is 0.
+    explicit ParcelOutbox(u64 maxSize = 5000);
+    // Destroys what is still held.
+    ~ParcelOutbox() override;
+    ParcelOutbox(const ParcelOutbox&) = delete;
+    ParcelOutbox& operator=(const ParcelOutbox&) = delete;
+
+    // RC_BAD_PARAMETERS for a null parcel or an unknown type, which is left alone.
+    RcStatus pushParcel(IParcel* parcel, ParcelType type) override;
+    IParcel* popParcel(ParcelType type) override;
+    std::vector<IParcel*> popParcels(ParcelType type) override;
+    u64 size() const override;
+    bool isEmpty() const override;
+    u64 getMaxSize() const override;
+    void freeAndRemoveAllParcels() override;
+
+    // Blocks until a parcel is held, stopWaiting() was called or `limit` has passed. True if a
+    // parcel is held.
+    bool waitForParcel(std::chrono::milliseconds limit);
+    // Blocks without a limit: false means that waitings are over and nothing is held.
+    bool waitForParcel();
+    // Ends all waits, the present and the coming ones; pushing and popping go on.
+    void stopWaiting();
+
+    Counts counts() const;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> m_impl;
+};

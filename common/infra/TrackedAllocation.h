@@ -1,0 +1,54 @@
+#pragma once
+
+#include "common/infra/MemShield.h"
+
+#include <memory>
+#include <new>
+#include <utility>
+
+// Objects that one part of the program creates and another releases live on blocks of the memory
+// tracker, which knows each by its type and by the place that created it:
+//
+//     auto* policy = TRACKED_NEW(FixedFrequencySchedulingPolicy)(3600);
+//     TRACKED_DELETE(policy);
+//
+//     TrackedPtr<AnalyticsParcel> parcel(TRACKED_NEW(AnalyticsParcel)(), TRACKED_DELETE);
+
+// Creates a T on a tracked block. If T's constructor throws, the block is given back the way a
+// deletion does it, and the failure passes on.
+#define TRACKED_NEW(...) (TrackedAllocation<__VA_ARGS__>{#__VA_ARGS__, __FILE_NAME__, __LINE__})
+
+// Destroys an object made by TRACKED_NEW, which must not be null, naming this line to the tracker.
+#define TRACKED_DELETE (TrackedDelete{__FILE_NAME__, __LINE__})
+
+struct TrackedDelete {
+    template <typename T>
+    void operator()(T* ptr) const {
+        internal_delete_helper(ptr, file, line);
+    }
+
+    const char* file;
+    int line;
+};
+
+// Owns a tracked object until it is released to its next owner.
+template <typename T>
+using TrackedPtr = std::unique_ptr<T, TrackedDelete>;
+
+template <typename T>
+struct TrackedAllocation {
+    template <typename... Args>
+    T* operator()(Args&&... args) const {
+        struct Unconstructed {};
+        void* block = Singleton<MemShield, MemShield>::instance()->allocAndRegister(
+            sizeof(T), 0, typeName, file, static_cast<unsigned int>(line));
+        TrackedPtr<Unconstructed> guard(new (block) Unconstructed, TrackedDelete{file, line});
+        T* object = new (block) T(std::forward<Args>(args)...);
+        guard.release();
+        return object;
+    }
+
+    const char* typeName;
+    const char* file;
+    int line;
+};
