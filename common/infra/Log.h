@@ -79,7 +79,7 @@ public:
     operator std::ostream&() { return stream(); }
 
 private:
-    class Stream;
+    struct Stream;
 
     template <typename T>
     static constexpr bool isCharacter =

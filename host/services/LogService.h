@@ -28,12 +28,12 @@ class ANALYTICS_EXPORT LogService {
 public:
     LogService() = delete;
 
-    // Installs a sink and returns the one before it; null installs standard error. The sink stays the
-    // caller's, and must outlive its use by lines that are being written while it is replaced.
+    // Installs a sink and returns the one before it; null installs standard error. The sink stays
+    // the caller's, and must outlive its use by lines that are being written while it is replaced.
     static ILogSink* setSink(ILogSink* sink);
 
-    // The least severe level that is written: AssertLevel to CtrLevel. Assertion lines always are, and
-    // LongTermInfoLevel counts as InfoLevel. InfoLevel at start.
+    // The least severe level that is written: AssertLevel to CtrLevel. Assertion lines always are,
+    // and LongTermInfoLevel counts as InfoLevel. InfoLevel at start.
     static void setLevel(LogLevel level);
     static bool isEnabled(LogLevel level);
 

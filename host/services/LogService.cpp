@@ -1,0 +1,92 @@
+#include "host/services/LogService.h"
+
+#include "host/services/SpdlogSink.h"
+
+#include <atomic>
+#include <cstdlib>
+
+namespace {
+
+std::atomic<ILogSink*> installedSink{nullptr};
+std::atomic<int> leastSevereLevel{InfoLevel};
+std::atomic<bool> abortsOnAssert{false};
+std::atomic<u64> assertions{0};
+
+// Never destroyed: lines are written until the last destructor has run.
+ILogSink& standardError() {
+    static ILogSink* sink = SpdlogSink::toStandardError().release();
+    return *sink;
+}
+
+} // namespace
+
+ILogSink* LogService::setSink(ILogSink* sink) {
+    return installedSink.exchange(sink, std::memory_order_acq_rel);
+}
+
+void LogService::setLevel(LogLevel level) {
+    leastSevereLevel.store(level, std::memory_order_relaxed);
+}
+
+bool LogService::isEnabled(LogLevel level) {
+    const int severity = level == LongTermInfoLevel ? InfoLevel : level;
+    return severity <= leastSevereLevel.load(std::memory_order_relaxed);
+}
+
+void LogService::setAbortOnAssert(bool abortOnAssert) {
+    abortsOnAssert.store(abortOnAssert, std::memory_order_relaxed);
+}
+
+u64 LogService::assertionCount() {
+    return assertions.load(std::memory_order_relaxed);
+}
+
+void LogService::write(const LogRecord& record) {
+    ILogSink* sink = installedSink.load(std::memory_order_acquire);
+    (sink != nullptr ? *sink : standardError()).write(record);
+    if (record.level == AssertLevel) {
+        assertions.fetch_add(1, std::memory_order_relaxed);
+        if (abortsOnAssert.load(std::memory_order_relaxed)) {
+            std::abort();
+        }
+    }
+}
+
+const char* toString(LogLevel level) {
+    switch (level) {
+    case AssertLevel:
+        return "assert";
+    case FatalLevel:
+        return "fatal";
+    case ErrorLevel:
+        return "error";
+    case WarnLevel:
+        return "warn";
+    case InfoLevel:
+        return "info";
+    case DebugLevel:
+        return "debug";
+    case CtrLevel:
+        return "ctr";
+    case LongTermInfoLevel:
+        return "long-term-info";
+    case LevelsCount:
+        break;
+    }
+    return "unknown";
+}
+
+const char* toString(LogModule module) {
+    switch (module) {
+    case LogModuleKel:
+        return "kel";
+    case LogModuleQem:
+        return "qem";
+    case LogModuleCommon:
+        return "common";
+    case LogModuleInvalid:
+    case LogModulesCount:
+        break;
+    }
+    return "invalid";
+}
