@@ -31,6 +31,7 @@ struct ANALYTICS_EXPORT AioRequest {
     u64 offset = 0; // bytes from the start of the file
     void* buffer = nullptr;
     Completed completed = nullptr;
+    u64 latencyNs = 0; // written by the service before it calls `completed`
 
 private:
     friend class AIO;
