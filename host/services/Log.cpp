@@ -22,14 +22,14 @@ struct LogItem::Stream {
     private:
         int_type overflow(int_type character) override {
             if (!traits_type::eq_int_type(character, traits_type::eof())) {
-                const char text = traits_type::to_char_type(character);
-                m_item.append({&text, 1});
+                const char single = traits_type::to_char_type(character);
+                m_item.append({&single, 1});
             }
             return traits_type::not_eof(character);
         }
 
-        std::streamsize xsputn(const char* text, std::streamsize length) override {
-            m_item.append({text, static_cast<std::size_t>(length)});
+        std::streamsize xsputn(const char* characters, std::streamsize length) override {
+            m_item.append({characters, static_cast<std::size_t>(length)});
             return length;
         }
 

@@ -1,0 +1,166 @@
+#include "host/program/DataPath.h"
+
+#include "common/infra/Log.h"
+#include "common/infra/Singleton.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+AIO& aio() {
+    return *Singleton<AIO, AIO>::instance();
+}
+
+std::string describe(int result, u32 expected) {
+    if (result < 0) {
+        return std::strerror(-result);
+    }
+    return "moved " + std::to_string(result) + " bytes of " + std::to_string(expected);
+}
+
+} // namespace
+
+DataPath::DataPath(const Options& options)
+    : m_options(options),
+      m_buffers(std::size_t{options.blockSize} * options.queueDepth),
+      m_slots(options.queueDepth),
+      m_random(std::random_device{}()) {
+    m_idle.reserve(m_slots.size());
+    m_batch.reserve(m_slots.size());
+    for (std::size_t i = 0; i < m_slots.size(); ++i) {
+        Slot& slot = m_slots[i];
+        slot.dataPath = this;
+        slot.buffer = m_buffers.data() + i * options.blockSize;
+        slot.length = options.blockSize;
+        slot.completed = ioCompleted;
+        m_idle.push_back(&slot);
+    }
+}
+
+DataPath::~DataPath() {
+    stop();
+}
+
+void DataPath::start() {
+    aio().open({m_options.file, m_options.queueDepth, m_buffers.data(), m_buffers.size()});
+    if (m_options.rate != 0) {
+        m_pacer = std::thread(&DataPath::pace, this);
+    } else {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        issue(m_slots.size());
+    }
+}
+
+void DataPath::stop() {
+    const std::lock_guard<std::mutex> oneAtATime(m_stopMutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_stopping = true;
+    m_changed.notify_all();
+    m_changed.wait(lock, [this] { return m_idle.size() == m_slots.size(); });
+    std::thread pacer = std::move(m_pacer);
+    lock.unlock();
+    if (pacer.joinable()) {
+        pacer.join();
+    }
+    aio().close();
+}
+
+DataPath::Counts DataPath::counts() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_counts;
+}
+
+DataPath::Maxima DataPath::maxima() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return {m_longestIoUs, m_deepestQueue};
+}
+
+// Issues what is due at each beat. What finds no idle slot is not made up for: a disk that cannot
+// keep the rate is not given a backlog.
+void DataPath::pace() {
+    pthread_setname_np(pthread_self(), "pacer");
+    constexpr std::chrono::nanoseconds shortestBeat = std::chrono::milliseconds(1);
+    const auto perIo = std::chrono::nanoseconds(std::chrono::seconds(1)) / m_options.rate;
+    const auto beat = std::max(perIo, shortestBeat);
+    const auto started = Clock::now();
+    u64 due = 0;
+
+    std::unique_lock<std::mutex> lock(m_mutex);
+    for (auto next = started + beat; mayIssue(); next += beat) {
+        if (m_changed.wait_until(lock, next, [this] { return m_stopping; })) {
+            return;
+        }
+        const std::chrono::duration<double> elapsed = next - started;
+        const u64 dueNow = static_cast<u64>(elapsed.count() * m_options.rate + 0.5);
+        issue(dueNow - due);
+        due = dueNow;
+    }
+}
+
+// With the mutex held.
+bool DataPath::mayIssue() const {
+    return !m_stopping && m_issued < m_options.maxIos.value_or(~u64{0});
+}
+
+// With the mutex held: hands over up to `count` I/Os.
+void DataPath::issue(u64 count) {
+    m_batch.clear();
+    while (m_batch.size() < count && mayIssue() && !m_idle.empty()) {
+        Slot& slot = *m_idle.back();
+        m_idle.pop_back();
+        aim(slot);
+        m_batch.push_back(&slot);
+        ++m_issued;
+    }
+    m_deepestQueue.update(m_slots.size() - m_idle.size());
+    aio().submit(m_batch.data(), m_batch.size());
+}
+
+// With the mutex held.
+void DataPath::aim(Slot& slot) {
+    const u64 blocks = m_options.fileSize / m_options.blockSize;
+    const bool reads = m_random() % 100 < m_options.readPercent;
+    slot.operation = reads ? AioRequest::Read : AioRequest::Write;
+    slot.offset = m_random() % blocks * m_options.blockSize;
+}
+
+void DataPath::ioCompleted(AioRequest& request, int result) {
+    auto& slot = static_cast<Slot&>(request);
+    slot.dataPath->completed(slot, result);
+}
+
+void DataPath::completed(Slot& slot, int result) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    countResult(slot, result);
+    m_longestIoUs.update(slot.latencyNs / 1'000);
+    m_idle.push_back(&slot);
+    if (m_options.rate == 0) {
+        issue(1);
+    }
+    if (m_stopping && m_idle.size() == m_slots.size()) {
+        m_changed.notify_all();
+    }
+}
+
+// With the mutex held. A disk that fails every I/O gets two lines, not one for each.
+void DataPath::countResult(const Slot& slot, int result) {
+    ++(slot.operation == AioRequest::Read ? m_counts.reads : m_counts.writes);
+    const bool failed = result != static_cast<int>(slot.length);
+    if (failed && m_failedInRow == 0) {
+        LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3)
+            << (slot.operation == AioRequest::Read ? "read" : "write")
+            << " failed at offset=" << slot.offset << ": " << describe(result, slot.length)
+            << std::endl;
+    } else if (!failed && m_failedInRow > 0) {
+        LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
+            << "I/O works again after failures in a row=" << m_failedInRow << std::endl;
+    }
+    m_failedInRow = failed ? m_failedInRow + 1 : 0;
+    m_counts.failed += failed ? 1 : 0;
+}

@@ -1,0 +1,87 @@
+#pragma once
+
+#include "common/Analytics/AnalyticsMetrics.h"
+#include "common/infra/AIO.h"
+#include "common/infra/Defs.h"
+#include "host/program/AlignedBuffer.h"
+
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <thread>
+#include <vector>
+
+// The program's data path: random reads and writes of a file through the host's AIO service, at a
+// steady rate or as fast as the queue depth allows.
+class DataPath {
+public:
+    struct Options {
+        int file;
+        u64 fileSize; // bytes
+        u32 blockSize;
+        u32 queueDepth;
+        u32 readPercent;
+        u32 rate; // I/Os per second; 0: the next one as soon as one has completed
+        std::optional<u64> maxIos;
+    };
+    struct Counts {
+        u64 reads = 0; // completed, the failed ones included
+        u64 writes = 0;
+        u64 failed = 0;
+        u64 completed() const { return reads + writes; }
+    };
+
+    struct Maxima {
+        u64 longestIoUs;  // of a single I/O
+        u64 deepestQueue; // I/Os in flight at a time
+    };
+
+    explicit DataPath(const Options& options);
+    ~DataPath(); // stops
+    DataPath(const DataPath&) = delete;
+    DataPath& operator=(const DataPath&) = delete;
+
+    // Opens the AIO service and starts. Throws std::system_error if the kernel refuses.
+    void start();
+    // Makes no more I/Os and waits for those in flight: on return all of them are counted. Any
+    // thread, but not from inside a completion; may be repeated.
+    void stop();
+
+    Counts counts() const;
+    Maxima maxima() const;
+
+private:
+    // One I/O of the queue depth, made again and again.
+    struct Slot : AioRequest {
+        DataPath* dataPath = nullptr;
+    };
+
+    static void ioCompleted(AioRequest& request, int result);
+    void completed(Slot& slot, int result);
+    void countResult(const Slot& slot, int result);
+
+    void pace();
+    void issue(u64 count);
+    bool mayIssue() const;
+    void aim(Slot& slot);
+
+    const Options m_options;
+    AlignedBuffer m_buffers;
+    std::vector<Slot> m_slots;
+    std::thread m_pacer;
+    std::mutex m_stopMutex; // taken before the other
+
+    // Under the mutex.
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed; // stopping, or nothing in flight any more
+    std::vector<Slot*> m_idle;
+    std::vector<AioRequest*> m_batch; // being issued
+    std::mt19937_64 m_random;
+    Counts m_counts;
+    AnalyticsMaximumMetric m_longestIoUs{"longest I/O [us]"};
+    AnalyticsMaximumMetric m_deepestQueue{"deepest queue"};
+    u64 m_issued = 0;
+    u64 m_failedInRow = 0;
+    bool m_stopping = false;
+};

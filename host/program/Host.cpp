@@ -1,0 +1,126 @@
+#include "host/program/Host.h"
+
+#include "common/Analytics/AnalyticsParcelSender.h"
+#include "common/Analytics/StorageAnalyticsGenerator.h"
+#include "common/infra/IParcelOutbox.h"
+#include "common/infra/Log.h"
+#include "common/infra/Singleton.h"
+#include "common/infra/Timer.h"
+#include "common/infra/TrackedAllocation.h"
+#include "host/program/ExitCodes.h"
+#include "host/program/LastReport.h"
+#include "host/program/Schedule.h"
+#include "host/services/MemLedger.h"
+
+#include <iostream>
+#include <utility>
+
+namespace {
+
+// The host's own services, where it needs more of them than their interfaces say.
+template <typename I, typename T>
+T& ownService() {
+    return static_cast<T&>(*Singleton<I, T>::instance());
+}
+
+DataPath::Options dataPathOptions(const Options& options, const ScratchFile& file) {
+    return {file.descriptor(),   options.size, options.blockSize, options.queueDepth,
+            options.readPercent, options.rate, options.maxIos};
+}
+
+// The program's own event: the maxima that the data path kept.
+void sendMaxima(const DataPath::Maxima& maxima) {
+    TrackedPtr<AnalyticsParcel> parcel(TRACKED_NEW(AnalyticsParcel)(), TRACKED_DELETE);
+    parcel->setEventName("HostMaximaParcel");
+    parcel->setCategory("storage");
+    parcel->addEntry("deepestQueue", maxima.deepestQueue);
+    parcel->addEntry("longestIoUs", maxima.longestIoUs);
+    if (AnalyticsParcelSender::sendAnalyticsParcel(parcel.get()) == RC_SUCCESS) {
+        parcel.release();
+    }
+}
+
+} // namespace
+
+Host::Host(const Options& options)
+    : m_options(options),
+      m_timer(ownService<ITimer, Timer>()),
+      m_outbox(ownService<IParcelOutbox, ParcelOutbox>()),
+      m_output(options.outputFile),
+      m_tweaksFile(loadTweaks(options)),
+      m_scratchFile(options.path, options.size / options.blockSize * options.blockSize),
+      m_dataPath(dataPathOptions(options, m_scratchFile)) {}
+
+Host::~Host() {
+    // Its callbacks hold the scheduler's address.
+    m_timer.stop();
+}
+
+int Host::run() {
+    start();
+    m_stopRequest.wait();
+    stop();
+    return summarize();
+}
+
+void Host::start() {
+    if (!m_scratchFile.isDirect()) {
+        LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
+            << "no direct I/O in '" << m_options.path
+            << "': the latencies are those of the page cache" << std::endl;
+    }
+    m_forwarder = std::make_unique<ParcelForwarder>(m_outbox, m_output, m_options.format,
+                                                    [this] { m_stopRequest.request(); });
+    if (m_tweaksFile) {
+        m_tweaksFile->follow();
+    }
+    scheduleReports();
+    m_dataPath.start();
+}
+
+// The scheduler owns policy and finalizer once its constructor has returned; until then we do.
+void Host::scheduleReports() {
+    TrackedPtr<StorageAnalyticsGenerator> generator(TRACKED_NEW(StorageAnalyticsGenerator)(),
+                                                    TRACKED_DELETE);
+    TrackedPtr<IAnalyticsSchedulingPolicy> policy = makePolicy(m_options, *generator);
+    TrackedPtr<IPeriodicAnalyticsParcelFinalizer> finalizer(std::move(generator));
+    if (m_options.reports != 0) {
+        auto* last = TRACKED_NEW(LastReport)(
+            finalizer.get(), m_options.reports, [this] { m_dataPath.stop(); },
+            [this] {
+                m_lastReportMade = true;
+                m_stopRequest.request();
+            });
+        finalizer.release();
+        finalizer.reset(last);
+    }
+    m_scheduler = std::make_unique<PeriodicAnalyticsScheduler>(policy.get(), finalizer.get());
+    policy.release();
+    finalizer.release();
+}
+
+void Host::stop() {
+    m_dataPath.stop();
+    m_timer.stop();
+    if (!m_lastReportMade) {
+        m_scheduler->handleReachedTimeout(); // the running period; what it arms is dropped
+    }
+    m_scheduler.reset();
+    sendMaxima(m_dataPath.maxima());
+    m_forwarded = m_forwarder->drain();
+    m_tweaksFile.reset();
+}
+
+int Host::summarize() const {
+    const DataPath::Counts ios = m_dataPath.counts();
+    const u64 lost = m_forwarded.lost + m_outbox.counts().dropped;
+    const MemReport memory = MemLedger::report();
+    std::cerr << "analytics-host: " << ios.completed() << " I/Os (" << ios.reads << " reads, "
+              << ios.writes << " writes, " << ios.failed << " failed), " << m_forwarded.written
+              << " parcels written, " << lost << " lost" << std::endl;
+    if (memory.liveBlocks != 0 || memory.badReleases != 0) {
+        std::cerr << "analytics-host: the memory ledger is not clean: " << memory << std::endl;
+        return exitLost;
+    }
+    return lost == 0 ? exitDone : exitLost;
+}

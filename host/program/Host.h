@@ -1,0 +1,54 @@
+#pragma once
+
+#include "host/program/DataPath.h"
+#include "host/program/Options.h"
+#include "host/program/OutputFile.h"
+#include "host/program/ParcelForwarder.h"
+#include "host/program/ScratchFile.h"
+#include "host/program/StopRequest.h"
+#include "host/services/TweaksFile.h"
+
+#include "common/Analytics/PeriodicAnalyticsScheduler.h"
+
+#include <memory>
+
+class ParcelOutbox;
+class Timer;
+
+// The runnable host: its constructor sets everything up, run() lets it work until it is told to
+// stop.
+//
+//     data path --> AIO counters --> generator --> scheduler --> outbox --> forwarder --> output
+//                                                     ^
+//                                                   timer
+class Host {
+public:
+    // Throws std::exception, with a message for the user, if something cannot be had.
+    explicit Host(const Options& options);
+    ~Host();
+    Host(const Host&) = delete;
+    Host& operator=(const Host&) = delete;
+
+    // Returns the exit code of the process.
+    int run();
+
+private:
+    void start();
+    void scheduleReports();
+    void stop();
+    int summarize() const;
+
+    const Options m_options;
+    Timer& m_timer;
+    ParcelOutbox& m_outbox;
+
+    OutputFile m_output;
+    std::unique_ptr<TweaksFile> m_tweaksFile;
+    ScratchFile m_scratchFile;
+    StopRequest m_stopRequest;
+    DataPath m_dataPath;
+    std::unique_ptr<ParcelForwarder> m_forwarder;
+    std::unique_ptr<PeriodicAnalyticsScheduler> m_scheduler;
+    bool m_lastReportMade = false; // the timer's thread writes it; read when the timer has stopped
+    ParcelForwarder::Counts m_forwarded;
+};

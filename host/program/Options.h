@@ -1,0 +1,47 @@
+#pragma once
+
+#include "common/Analytics/FixedDaysSchedulingPolicy.h"
+#include "common/infra/Defs.h"
+#include "common/infra/Log.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+enum class ParcelFormat { Text, JsonLines };
+
+// A report on these days at this hour (UTC).
+struct WeeklySchedule {
+    std::vector<FixedDaysSchedulingPolicy::Days> days;
+    u32 hour = 0;
+};
+
+// What the command line says.
+struct Options {
+    std::string path = ".";               // folder of the scratch file
+    std::optional<u32> intervalSecs;      // between reports
+    std::optional<WeeklySchedule> weekly; // in place of an interval
+    u64 showSchedule = 0;                 // moments to print; 0: none, run
+    u64 reports = 0;                      // to stop after; 0: none
+    ParcelFormat format = ParcelFormat::Text;
+    std::string outputFile;    // empty: standard output
+    std::string tweaksFile;    // empty: none
+    u64 size = u64{64} << 20U; // bytes of the scratch file
+    u32 blockSize = 4096;      // bytes of an I/O
+    u32 queueDepth = 8;
+    u32 readPercent = 70;
+    u32 rate = 200;            // I/Os per second; 0: as fast as it goes
+    std::optional<u64> maxIos; // to make in all
+    std::string logFile;       // empty: standard error
+    LogLevel logLevel = WarnLevel;
+    bool abortOnAssert = false;
+};
+
+// Parses and checks the command line. What it answers is either the options, or the exit code of a
+// process that has said all it has to say: 0 after --help and --version, 2 after one line on
+// standard error that names what is wrong and what was expected.
+struct ParsedCommandLine {
+    std::optional<Options> options;
+    int exitCode = 0;
+};
+ParsedCommandLine parseCommandLine(int argc, const char* const* argv);

@@ -1,0 +1,391 @@
+#include "common/infra/AIO.h"
+
+#include "common/infra/DynamicTweaks.h"
+#include "common/infra/Log.h"
+#include "host/services/StorageLatency.h"
+
+#include <liburing.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <future>
+#include <iterator>
+#include <mutex>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+namespace {
+
+u64 monotonicNs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<u64>(now.tv_sec) * 1'000'000'000 + static_cast<u64>(now.tv_nsec);
+}
+
+AIO::Limits limitsInForce() {
+    const DynamicTweaks& tweaks = *Singleton<DynamicTweaks, DynamicTweaks>::instance();
+    return {tweaks.t_StorageAnalyticsLatencyThreshold,
+            {tweaks.t_StorageAnalyticsLatencyFast, tweaks.t_StorageAnalyticsLatencyModerate,
+             tweaks.t_StorageAnalyticsLatencySlow, tweaks.t_StorageAnalyticsLatencyVerySlow}};
+}
+
+// The request behind a completion; null for the listening one.
+AioRequest* requestOf(const io_uring_cqe& completion) {
+    return static_cast<AioRequest*>(io_uring_cqe_get_data(&completion));
+}
+
+[[noreturn]] void throwErrno(int error, const char* what) {
+    throw std::system_error(error, std::generic_category(), what);
+}
+
+} // namespace
+
+// The ring belongs to one thread, which alone submits and reaps: the kernel then does the work of a
+// completion on that thread, when it asks for it, and one system call hands over a batch and
+// fetches another. Other threads leave their requests in the inbox and wake the service if it may
+// be asleep.
+struct AIO::Impl {
+    Impl() : latency(limitsInForce()) {}
+
+    // First in, first out, linked through the requests: queueing allocates nothing.
+    struct Queue {
+        bool empty() const { return head == nullptr; }
+
+        void push(AioRequest& request) {
+            request.m_next = nullptr;
+            (empty() ? head : tail->m_next) = &request;
+            tail = &request;
+        }
+
+        AioRequest& pop() {
+            AioRequest& request = *head;
+            head = request.m_next;
+            return request;
+        }
+
+        void append(Queue& other) {
+            if (other.empty()) {
+                return;
+            }
+            (empty() ? head : tail->m_next) = other.head;
+            tail = other.tail;
+            other.head = nullptr;
+        }
+
+        AioRequest* head = nullptr;
+        AioRequest* tail = nullptr;
+    };
+
+    // Any thread.
+    RcStatus submit(AioRequest* const* requests, std::size_t count);
+    void requestClose();
+    void wake() const;
+
+    // The service's thread.
+    void serve(std::promise<void> opened);
+    void openRing();
+    bool registerBuffers();
+    void takeInbox();
+    void prepare();
+    void prepareIo(AioRequest& request, u64 nowNs);
+    bool isRegistered(const AioRequest& request) const;
+    void listenForWake();
+    void exchangeWithKernel();
+    void reap();
+    bool isDone() const { return closing && waiting.empty() && inFlight == 0; }
+
+    // Synchronises itself.
+    StorageLatency latency;
+    std::atomic<bool> accepting{false};
+
+    // Fixed while the service is open.
+    Options options;
+    int wakeFd = -1;
+    std::thread thread;
+
+    // Under the mutex.
+    std::mutex mutex;
+    Queue inbox;
+    bool closeRequested = false;
+    bool mayBeAsleep = false; // the service has to be woken when something is put into the inbox
+
+    // The service's thread alone.
+    static thread_local const Impl* servedHere;
+    io_uring ring{};
+    Queue waiting;
+    u32 inFlight = 0;
+    u64 wakeCount = 0;
+    bool buffersRegistered = false;
+    bool closing = false;
+};
+
+thread_local const AIO::Impl* AIO::Impl::servedHere = nullptr;
+
+AIO::AIO() : m_impl(std::make_unique<Impl>()) {}
+
+AIO::~AIO() {
+    close();
+}
+
+void AIO::mabeStorageLatencyAnalytics(StorageAnalyticsCounters& counters) {
+    m_impl->latency.closePeriod(counters, limitsInForce(), monotonicNs());
+}
+
+AIO::Limits AIO::limitsOfClosedPeriod() const {
+    return m_impl->latency.limitsOfClosedPeriod();
+}
+
+void AIO::open(const Options& options) {
+    if (m_impl->thread.joinable()) {
+        throw std::logic_error("AIO::open: already open");
+    }
+    if (options.queueDepth == 0) {
+        throw std::invalid_argument("AIO::open: the queue depth must be at least 1");
+    }
+    m_impl->wakeFd = eventfd(0, EFD_CLOEXEC);
+    if (m_impl->wakeFd < 0) {
+        throwErrno(errno, "eventfd");
+    }
+    m_impl->options = options;
+    std::promise<void> opened;
+    std::future<void> result = opened.get_future();
+    m_impl->thread = std::thread(&Impl::serve, m_impl.get(), std::move(opened));
+    try {
+        result.get();
+    } catch (...) {
+        m_impl->thread.join();
+        ::close(m_impl->wakeFd);
+        throw;
+    }
+    m_impl->accepting = true;
+}
+
+RcStatus AIO::submit(AioRequest& request) {
+    AioRequest* const requests[] = {&request};
+    return submit(requests, 1);
+}
+
+RcStatus AIO::submit(AioRequest* const* requests, std::size_t count) {
+    return m_impl->submit(requests, count);
+}
+
+void AIO::close() {
+    if (!m_impl->thread.joinable()) {
+        return;
+    }
+    m_impl->requestClose();
+    m_impl->thread.join();
+    ::close(m_impl->wakeFd);
+    m_impl->closeRequested = m_impl->closing = false;
+}
+
+RcStatus AIO::Impl::submit(AioRequest* const* requests, std::size_t count) {
+    Queue batch;
+    for (std::size_t i = 0; i < count; ++i) {
+        batch.push(*requests[i]);
+    }
+    if (servedHere == this) { // from inside a completion: handed over when the completions are done
+        if (!accepting) {
+            return RC_WRONG_OBJECT_STATE;
+        }
+        waiting.append(batch);
+        return RC_SUCCESS;
+    }
+    bool mustWake = false;
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        if (!accepting) {
+            return RC_WRONG_OBJECT_STATE;
+        }
+        inbox.append(batch);
+        mustWake = std::exchange(mayBeAsleep, false);
+    }
+    if (mustWake) {
+        wake();
+    }
+    return RC_SUCCESS;
+}
+
+void AIO::Impl::requestClose() {
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        accepting = false;
+        closeRequested = true;
+    }
+    wake();
+}
+
+void AIO::Impl::wake() const {
+    // Can only fail when the counter is at its top, and then the service is about to wake anyway.
+    eventfd_write(wakeFd, 1);
+}
+
+void AIO::Impl::serve(std::promise<void> opened) {
+    pthread_setname_np(pthread_self(), "aio");
+    try {
+        openRing();
+    } catch (...) {
+        opened.set_exception(std::current_exception());
+        return;
+    }
+    servedHere = this;
+    opened.set_value();
+    listenForWake();
+    for (;;) {
+        takeInbox();
+        if (isDone()) {
+            break;
+        }
+        prepare();
+        exchangeWithKernel();
+        reap();
+    }
+    servedHere = nullptr;
+    io_uring_queue_exit(&ring);
+}
+
+void AIO::Impl::openRing() {
+    // The best that the running kernel offers: 6.1 has the first, 5.19 the second.
+    constexpr unsigned flavours[] = {IORING_SETUP_SINGLE_ISSUER | IORING_SETUP_DEFER_TASKRUN,
+                                     IORING_SETUP_COOP_TASKRUN, 0};
+    const unsigned entries = options.queueDepth + 1; // one for listening
+    int error = 0;
+    for (const unsigned flags : flavours) {
+        error = -io_uring_queue_init(entries, &ring, flags);
+        if (error != EINVAL) {
+            break;
+        }
+    }
+    if (error != 0) {
+        throwErrno(error, "io_uring is not available (containers often forbid it)");
+    }
+    error = -io_uring_register_files(&ring, &options.file, 1);
+    if (error != 0) {
+        io_uring_queue_exit(&ring);
+        throwErrno(error, "io_uring cannot take the file");
+    }
+    buffersRegistered = registerBuffers();
+}
+
+bool AIO::Impl::registerBuffers() {
+    if (options.buffers == nullptr) {
+        return false;
+    }
+    const iovec memory{options.buffers, options.bufferBytes};
+    const int error = -io_uring_register_buffers(&ring, &memory, 1);
+    if (error != 0) {
+        // Commonly the limit of locked memory. The kernel then maps the buffers for each I/O.
+        LogItem(LogModuleCommon, InfoLevel, __PRETTY_FUNCTION__, 3)
+            << "I/O buffers are not registered: " << std::strerror(error)
+            << " bytes=" << options.bufferBytes << std::endl;
+    }
+    return error == 0;
+}
+
+// From here on until the next look into the inbox, whoever fills it has to wake the service: it may
+// by then be asleep in the kernel.
+void AIO::Impl::takeInbox() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    waiting.append(inbox);
+    closing = closeRequested;
+    mayBeAsleep = true;
+}
+
+void AIO::Impl::prepare() {
+    if (waiting.empty() || inFlight == options.queueDepth) {
+        return;
+    }
+    // One clock reading for the batch: the latency of its first I/O is too long by the time in
+    // which the others are prepared, some 20 ns each.
+    const u64 nowNs = monotonicNs();
+    while (!waiting.empty() && inFlight < options.queueDepth) {
+        prepareIo(waiting.pop(), nowNs);
+        ++inFlight;
+    }
+}
+
+void AIO::Impl::prepareIo(AioRequest& request, u64 nowNs) {
+    constexpr int registered = 0; // the index of the only file and of the only memory
+    request.m_handedOverNs = nowNs;
+    const bool fixed = isRegistered(request);
+    io_uring_sqe* sqe = io_uring_get_sqe(&ring); // there is room: the ring has an entry for each
+    switch (request.operation) {
+    case AioRequest::Read:
+        fixed ? io_uring_prep_read_fixed(sqe, registered, request.buffer, request.length,
+                                         request.offset, registered)
+              : io_uring_prep_read(sqe, registered, request.buffer, request.length, request.offset);
+        sqe->flags |= IOSQE_FIXED_FILE;
+        break;
+    case AioRequest::Write:
+        fixed
+            ? io_uring_prep_write_fixed(sqe, registered, request.buffer, request.length,
+                                        request.offset, registered)
+            : io_uring_prep_write(sqe, registered, request.buffer, request.length, request.offset);
+        sqe->flags |= IOSQE_FIXED_FILE;
+        break;
+    case AioRequest::NoOp:
+        io_uring_prep_nop(sqe);
+        break;
+    }
+    io_uring_sqe_set_data(sqe, &request);
+}
+
+bool AIO::Impl::isRegistered(const AioRequest& request) const {
+    const auto begin = reinterpret_cast<std::uintptr_t>(options.buffers);
+    const auto buffer = reinterpret_cast<std::uintptr_t>(request.buffer);
+    return buffersRegistered && buffer >= begin &&
+           buffer + request.length <= begin + options.bufferBytes;
+}
+
+void AIO::Impl::listenForWake() {
+    io_uring_sqe* sqe = io_uring_get_sqe(&ring);
+    io_uring_prep_read(sqe, wakeFd, &wakeCount, sizeof wakeCount, 0);
+    io_uring_sqe_set_data(sqe, nullptr);
+}
+
+// Hands over what was prepared and sleeps until something has completed.
+void AIO::Impl::exchangeWithKernel() {
+    const int result = io_uring_submit_and_wait(&ring, 1);
+    if (result >= 0 || result == -EINTR || result == -EAGAIN || result == -EBUSY) {
+        return; // short of resources: what has completed makes room, and the rest is tried again
+    }
+    // The ring itself is broken, and with it every buffer that the kernel may still write to.
+    LogItem(LogModuleCommon, FatalLevel, __PRETTY_FUNCTION__, 3)
+        << "io_uring failed: " << std::strerror(-result) << std::endl;
+    std::abort();
+}
+
+void AIO::Impl::reap() {
+    io_uring_cqe* completions[64];
+    const unsigned count = io_uring_peek_batch_cqe(&ring, completions, std::size(completions));
+    {
+        // One clock reading for all that is there: none of it completed later. And all is counted
+        // before any of it is reported: who has seen an I/O complete finds it in the counters.
+        const u64 nowNs = monotonicNs();
+        StorageLatency::Batch batch(latency, nowNs);
+        for (unsigned i = 0; i < count; ++i) {
+            if (AioRequest* request = requestOf(*completions[i])) {
+                request->latencyNs = nowNs - request->m_handedOverNs;
+                batch.record(request->latencyNs);
+            }
+        }
+    }
+    for (unsigned i = 0; i < count; ++i) {
+        if (AioRequest* request = requestOf(*completions[i])) {
+            --inFlight;
+            request->completed(*request, completions[i]->res);
+        } else {
+            listenForWake();
+        }
+    }
+    io_uring_cq_advance(&ring, count);
+}

@@ -1,0 +1,222 @@
+#include "common/infra/IParcelOutbox.h"
+
+#include "common/Analytics/AnalyticsParcel.h"
+#include "common/infra/Log.h"
+#include "common/infra/TrackedAllocation.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <mutex>
+#include <ostream>
+#include <stdexcept>
+#include <utility>
+
+namespace {
+
+// Longer waits would leave the range of the clock.
+constexpr std::chrono::milliseconds longestWait = std::chrono::hours(24) * 365 * 100;
+
+void destroy(IParcel* parcel) {
+    TRACKED_DELETE(static_cast<AnalyticsParcel*>(parcel));
+}
+
+// A queue in a block of fixed size, so that pushing allocates nothing and cannot fail.
+class ParcelRing {
+public:
+    explicit ParcelRing(u64 capacity) : m_slots(capacity) {}
+
+    u64 capacity() const { return m_slots.size(); }
+    u64 size() const { return m_size; }
+    bool isEmpty() const { return m_size == 0; }
+    bool isFull() const { return m_size == m_slots.size(); }
+
+    // Not when the ring is full.
+    void push(IParcel* parcel) {
+        const u64 end = m_oldest + m_size;
+        m_slots[end < m_slots.size() ? end : end - m_slots.size()] = parcel;
+        ++m_size;
+    }
+    // Not when the ring is empty.
+    IParcel* pop() {
+        IParcel* parcel = m_slots[m_oldest];
+        m_oldest = m_oldest + 1 < m_slots.size() ? m_oldest + 1 : 0;
+        --m_size;
+        return parcel;
+    }
+
+private:
+    std::vector<IParcel*> m_slots;
+    u64 m_oldest = 0;
+    u64 m_size = 0;
+};
+
+} // namespace
+
+// A run of drops begins with a push that finds the outbox full, and ends with the first push that
+// does not, or before it when nothing is held any more.
+struct ParcelOutbox::Impl {
+    explicit Impl(u64 maxSize) : parcels(maxSize) {}
+
+    mutable std::mutex mutex;
+    // Under the mutex.
+    std::condition_variable changed; // a parcel has come, or waits are over
+    ParcelRing parcels;
+    Counts counts;
+    u64 run = 0;     // parcels dropped in the present run
+    u64 waiting = 0; // threads
+    bool waitsAreOver = false;
+
+    u64 endRun() { return std::exchange(run, 0); }
+    std::vector<IParcel*> takeAll();
+    template <typename Wait>
+    bool waitForParcel(Wait wait);
+
+    void finishDrop(IParcel* dropped, bool beginsRun) const;
+    static void reportRun(u64 length);
+};
+
+std::vector<IParcel*> ParcelOutbox::Impl::takeAll() {
+    std::vector<IParcel*> taken(parcels.size());
+    std::generate(taken.begin(), taken.end(), [this] { return parcels.pop(); });
+    return taken;
+}
+
+// `wait` blocks on `changed` until a predicate holds, or gives up.
+template <typename Wait>
+bool ParcelOutbox::Impl::waitForParcel(Wait wait) {
+    std::unique_lock<std::mutex> lock(mutex);
+    ++waiting;
+    wait(lock, [this] { return waitsAreOver || !parcels.isEmpty(); });
+    --waiting;
+    return !parcels.isEmpty();
+}
+
+void ParcelOutbox::Impl::finishDrop(IParcel* dropped, bool beginsRun) const {
+    destroy(dropped);
+    if (beginsRun) {
+        LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
+            << " parcel outbox is full, the oldest parcels are dropped: maxSize="
+            << parcels.capacity() << " " << std::endl;
+    }
+}
+
+void ParcelOutbox::Impl::reportRun(u64 length) {
+    LogItem(LogModuleCommon, InfoLevel, __PRETTY_FUNCTION__, 3)
+        << " parcel outbox is no longer full: dropped=" << length << " " << std::endl;
+}
+
+ParcelOutbox::ParcelOutbox(u64 maxSize) : m_impl(std::make_unique<Impl>(maxSize)) {
+    if (maxSize == 0) {
+        throw std::invalid_argument("ParcelOutbox: the maximum size must be at least 1");
+    }
+}
+
+ParcelOutbox::~ParcelOutbox() {
+    freeAndRemoveAllParcels();
+}
+
+RcStatus ParcelOutbox::pushParcel(IParcel* parcel, ParcelType type) {
+    if (parcel == nullptr || type != KEL_ANALYTICS) {
+        return RC_BAD_PARAMETERS;
+    }
+    std::unique_lock<std::mutex> lock(m_impl->mutex);
+    const bool full = m_impl->parcels.isFull();
+    IParcel* dropped = full ? m_impl->parcels.pop() : nullptr;
+    m_impl->parcels.push(parcel);
+    ++m_impl->counts.pushed;
+    m_impl->counts.dropped += full ? 1 : 0;
+    const u64 run = full ? ++m_impl->run : m_impl->endRun();
+    const bool awaited = m_impl->waiting > 0;
+    lock.unlock();
+
+    if (awaited) {
+        m_impl->changed.notify_one();
+    }
+    if (full) {
+        m_impl->finishDrop(dropped, run == 1);
+    } else if (run > 0) {
+        Impl::reportRun(run);
+    }
+    return RC_SUCCESS;
+}
+
+IParcel* ParcelOutbox::popParcel(ParcelType type) {
+    std::unique_lock<std::mutex> lock(m_impl->mutex);
+    if (type != KEL_ANALYTICS || m_impl->parcels.isEmpty()) {
+        return nullptr;
+    }
+    IParcel* parcel = m_impl->parcels.pop();
+    ++m_impl->counts.popped;
+    const u64 endedRun = m_impl->parcels.isEmpty() ? m_impl->endRun() : 0;
+    lock.unlock();
+
+    if (endedRun > 0) {
+        Impl::reportRun(endedRun);
+    }
+    return parcel;
+}
+
+std::vector<IParcel*> ParcelOutbox::popParcels(ParcelType type) {
+    std::unique_lock<std::mutex> lock(m_impl->mutex);
+    if (type != KEL_ANALYTICS) {
+        return {};
+    }
+    std::vector<IParcel*> taken = m_impl->takeAll();
+    m_impl->counts.popped += taken.size();
+    const u64 endedRun = m_impl->endRun();
+    lock.unlock();
+
+    if (endedRun > 0) {
+        Impl::reportRun(endedRun);
+    }
+    return taken;
+}
+
+u64 ParcelOutbox::size() const {
+    const std::lock_guard<std::mutex> lock(m_impl->mutex);
+    return m_impl->parcels.size();
+}
+
+bool ParcelOutbox::isEmpty() const {
+    return size() == 0;
+}
+
+u64 ParcelOutbox::getMaxSize() const {
+    return m_impl->parcels.capacity();
+}
+
+void ParcelOutbox::freeAndRemoveAllParcels() {
+    std::unique_lock<std::mutex> lock(m_impl->mutex);
+    const std::vector<IParcel*> removed = m_impl->takeAll();
+    const u64 endedRun = m_impl->endRun();
+    lock.unlock();
+
+    std::for_each(removed.begin(), removed.end(), destroy);
+    if (endedRun > 0) {
+        Impl::reportRun(endedRun);
+    }
+}
+
+bool ParcelOutbox::waitForParcel(std::chrono::milliseconds limit) {
+    const auto time = std::clamp(limit, std::chrono::milliseconds(0), longestWait);
+    return m_impl->waitForParcel(
+        [&](auto& lock, auto isOver) { m_impl->changed.wait_for(lock, time, isOver); });
+}
+
+bool ParcelOutbox::waitForParcel() {
+    return m_impl->waitForParcel(
+        [&](auto& lock, auto isOver) { m_impl->changed.wait(lock, isOver); });
+}
+
+void ParcelOutbox::stopWaiting() {
+    {
+        const std::lock_guard<std::mutex> lock(m_impl->mutex);
+        m_impl->waitsAreOver = true;
+    }
+    m_impl->changed.notify_all();
+}
+
+ParcelOutbox::Counts ParcelOutbox::counts() const {
+    const std::lock_guard<std::mutex> lock(m_impl->mutex);
+    return m_impl->counts;
+}

@@ -1,0 +1,52 @@
+#include "host/services/TimerQueue.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr u64 oneMsInNs = 1'000'000;
+constexpr u64 oneSecondInNs = 1'000'000'000;
+constexpr int firstRetrySec = 1;
+constexpr int longestRetrySec = 60;
+
+bool comesLater(const Expiry& left, const Expiry& right) {
+    return left.dueNs != right.dueNs ? left.dueNs > right.dueNs : left.order > right.order;
+}
+
+} // namespace
+
+void Expiry::failed() {
+    retrySec = static_cast<std::uint8_t>(std::clamp(2 * retrySec, firstRetrySec, longestRetrySec));
+}
+
+bool TimerQueue::add(ITimer::Callback callback, ITimer::Cookie cookie, u32 delayMs, bool once,
+                     u64 nowNs) {
+    const u64 order = m_nextOrder;
+    push({0, 0, callback, cookie, delayMs, 0, once}, nowNs + delayMs * oneMsInNs);
+    return m_heap.front().order == order;
+}
+
+std::optional<Expiry> TimerQueue::popDue(u64 nowNs) {
+    if (m_heap.empty() || nowNs < m_heap.front().dueNs) {
+        return std::nullopt;
+    }
+    std::pop_heap(m_heap.begin(), m_heap.end(), comesLater);
+    const Expiry first = m_heap.back();
+    m_heap.pop_back();
+    return first;
+}
+
+void TimerQueue::rearm(Expiry expiry, u64 nowNs) {
+    if (expiry.retrySec > 0) {
+        push(expiry, nowNs + expiry.retrySec * oneSecondInNs);
+    } else if (!expiry.once) {
+        push(expiry, nowNs + expiry.delayMs * oneMsInNs);
+    }
+}
+
+void TimerQueue::push(Expiry expiry, u64 dueNs) {
+    expiry.dueNs = dueNs;
+    expiry.order = m_nextOrder++;
+    m_heap.push_back(expiry);
+    std::push_heap(m_heap.begin(), m_heap.end(), comesLater);
+}

@@ -1,0 +1,56 @@
+#pragma once
+
+#include "common/infra/Defs.h"
+#include "common/infra/Export.h"
+#include "common/infra/Timer.h"
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+// A callback and the time at which it is due, in nanoseconds of the monotonic clock.
+struct ANALYTICS_EXPORT Expiry {
+    u64 dueNs;
+    u64 order; // of arming; decides between equal due times
+    ITimer::Callback callback;
+    ITimer::Cookie cookie;
+    u32 delayMs;
+    std::uint8_t retrySec; // until the next attempt of a callback that threw; 0: it did not
+    bool once;
+
+    // What became of a delivery. Attempts that fail in a row come after 1 s, doubling up to 60 s.
+    void returned() { retrySec = 0; }
+    void failed();
+};
+
+// The pending expiries of a timer. It reads no clock: every operation is told the time. Adding to
+// many pending expiries moves a few of them, so it costs the same however many there are.
+//
+//     queue.add(callback, cookie, 250, true, nowNs);
+//     ...
+//     if (auto expiry = queue.popDue(nowNs)) {
+//         expiry->callback(expiry->cookie);
+//         expiry->returned();
+//         queue.rearm(*expiry, nowNs);
+//     }
+//
+// Not synchronised.
+class ANALYTICS_EXPORT TimerQueue {
+public:
+    // True if the new expiry is now the first to come.
+    bool add(ITimer::Callback callback, ITimer::Cookie cookie, u32 delayMs, bool once, u64 nowNs);
+    // Takes out the expiry that was due first, if any is due: at its due time and later.
+    std::optional<Expiry> popDue(u64 nowNs);
+    // Puts a delivered expiry back if it is to come again: after its failure, or periodically.
+    void rearm(Expiry expiry, u64 nowNs);
+    void clear() { m_heap.clear(); }
+
+    // ITimer::NEVER if nothing is pending.
+    u64 firstDueNs() const { return m_heap.empty() ? ITimer::NEVER : m_heap.front().dueNs; }
+
+private:
+    void push(Expiry expiry, u64 dueNs);
+
+    std::vector<Expiry> m_heap; // the first to come in front
+    u64 m_nextOrder = 0;
+};
