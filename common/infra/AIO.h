@@ -43,8 +43,8 @@ private:
 // file, whose latencies it counts, from the hand-over to the kernel until the completion is seen.
 //
 //     aio->open({fd, 32});
-//     aio->submit(request);       // any thread; request.completed is called on the service's
-//     thread aio->close();               // waits for what was submitted
+//     aio->submit(request); // any thread; `completed` is called on the service's own
+//     aio->close();         // waits for what was submitted
 //
 // A latency class holds what took up to its bound. A high-latency episode begins with the first
 // completed I/O that took at least the threshold and ends with the first that took less; one that
@@ -76,7 +76,7 @@ public:
     Limits limitsOfClosedPeriod() const;
 
     // Starts the service's thread. Throws std::system_error if the kernel refuses, std::logic_error
-    // if the service is open.
+    // if the service is open or the queue depth is not 1 to 32767.
     void open(const Options& options);
     // Hands I/Os over, many in one go. RC_WRONG_OBJECT_STATE, with nothing taken, unless open. Any
     // thread, also from inside a completion.

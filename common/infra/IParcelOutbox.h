@@ -35,7 +35,7 @@ public:
 // The reference host's outbox: holds at most `maxSize` parcels. A push beyond that makes room by
 // destroying the oldest one: a report that was just made is worth more than one that nobody
 // fetched. What is dropped is counted and logged, one line when a run of drops begins and one when
-// it ends.
+// it ends. Pushing allocates nothing: the room for all parcels is there from the start.
 class ANALYTICS_EXPORT ParcelOutbox final : public IParcelOutbox {
 public:
     struct Counts {

@@ -68,7 +68,7 @@ protected:
 class ANALYTICS_EXPORT Timer final : public ITimer {
 public:
     Timer();
-    ~Timer(); // stops
+    ~Timer(); // stops; not from inside a callback
     Timer(const Timer&) = delete;
     Timer& operator=(const Timer&) = delete;
 

@@ -163,6 +163,13 @@ private:
         record.line.store(info.line, std::memory_order_release);
     }
 
+    static BlockInfo read(const Record& record) {
+        return {record.size.load(std::memory_order_acquire),
+                record.typeName.load(std::memory_order_acquire),
+                record.file.load(std::memory_order_acquire),
+                record.line.load(std::memory_order_acquire)};
+    }
+
     template <typename Visitor>
     static u64 visitBucket(const Bucket& bucket, Visitor& visitor) {
         u64 added = 0;
@@ -178,10 +185,7 @@ private:
         for (;;) {
             const std::uintptr_t address = block.load(std::memory_order_acquire);
             const u64 version = record.version.load(std::memory_order_acquire);
-            const BlockInfo info{record.size.load(std::memory_order_acquire),
-                                 record.typeName.load(std::memory_order_acquire),
-                                 record.file.load(std::memory_order_acquire),
-                                 record.line.load(std::memory_order_acquire)};
+            const BlockInfo info = address > claimedSlot ? read(record) : BlockInfo{};
             if (record.version.load(std::memory_order_acquire) != version ||
                 block.load(std::memory_order_relaxed) != address || address == claimedSlot) {
                 std::this_thread::yield();

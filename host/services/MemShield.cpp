@@ -111,8 +111,8 @@ bool MemShield::isMemshieldActive() {
     return __atomic_load_n(&bMemshieldActive, __ATOMIC_RELAXED);
 }
 
-void* MemShield::allocAndRegister(unsigned long size, unsigned long, const char* typeName,
-                                  const char* file, unsigned int line) {
+void* MemShield::allocAndRegister(unsigned long size, unsigned long /*reserved*/,
+                                  const char* typeName, const char* file, unsigned int line) {
     void* block = std::malloc(size);
     if (block == nullptr) {
         throw std::bad_alloc();

@@ -15,8 +15,6 @@ u32 saturated(u64 value) {
 
 } // namespace
 
-thread_local std::size_t StorageLatency::threadNumber = 0;
-
 StorageLatency::StorageLatency(const AIO::Limits& limits)
     : m_limits(limits), m_closedLimits(limits) {
     apply(limits);
@@ -52,9 +50,9 @@ AIO::Limits StorageLatency::limitsOfClosedPeriod() const {
     return m_closedLimits;
 }
 
-void StorageLatency::numberThread() {
+std::size_t StorageLatency::nextThreadNumber() {
     static std::atomic<std::size_t> threads{0};
-    threadNumber = threads.fetch_add(1, std::memory_order_relaxed) + 1;
+    return threads.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
 void StorageLatency::turnEpisode(bool begins, u64 nowNs) {
@@ -78,15 +76,6 @@ void StorageLatency::countEpisodeUntil(u64 nowNs) {
     m_episodeSumNs += durationNs;
     m_longestEpisodeNs = std::max(m_longestEpisodeNs, durationNs);
     m_episodeStartNs = nowNs;
-}
-
-void StorageLatency::add(const std::array<u64, classCount>& counts) {
-    Shard& own = shard();
-    for (std::size_t i = 0; i < classCount; ++i) {
-        if (counts[i] != 0) {
-            own.counts[i].fetch_add(counts[i], std::memory_order_relaxed);
-        }
-    }
 }
 
 void StorageLatency::apply(const AIO::Limits& limits) {

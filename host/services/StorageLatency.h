@@ -30,24 +30,36 @@ public:
         shard().counts[classOf(latencyNs)].fetch_add(1, std::memory_order_relaxed);
     }
 
-    // Counts I/Os whose completions were seen at the same moment; they are in the counters from the
+    // Counts I/Os whose completions were seen at the same moment: one atomic addition for a run of
+    // them that fall into the same class, as nearly all do. They are in the counters from the
     // batch's destruction on.
     class Batch {
     public:
         Batch(StorageLatency& latency, u64 nowNs) : m_latency(latency), m_nowNs(nowNs) {}
-        ~Batch() { m_latency.add(m_counts); }
+        ~Batch() { flush(); }
         Batch(const Batch&) = delete;
         Batch& operator=(const Batch&) = delete;
 
         void record(u64 latencyNs) {
             m_latency.noteEpisode(latencyNs, m_nowNs);
-            ++m_counts[m_latency.classOf(latencyNs)];
+            const std::size_t latencyClass = m_latency.classOf(latencyNs);
+            if (latencyClass != m_class) {
+                flush();
+                m_class = latencyClass;
+            }
+            ++m_run;
         }
 
     private:
+        void flush() {
+            m_latency.shard().counts[m_class].fetch_add(m_run, std::memory_order_relaxed);
+            m_run = 0;
+        }
+
         StorageLatency& m_latency;
         const u64 m_nowNs;
-        std::array<u64, classCount> m_counts{};
+        std::size_t m_class = 0; // of the last m_run I/Os, which are not in the counters yet
+        u64 m_run = 0;
     };
 
     // Writes the counters of the period that ends now, and starts one under the given limits.
@@ -81,19 +93,20 @@ private:
 
     Shard& shard() {
         if (__builtin_expect(threadNumber == 0, 0)) {
-            numberThread();
+            threadNumber = nextThreadNumber();
         }
         return m_shards[threadNumber % shardCount];
     }
 
-    static void numberThread();
+    static std::size_t nextThreadNumber();
     void turnEpisode(bool begins, u64 nowNs);
     void countEpisodeUntil(u64 nowNs);
-    void add(const std::array<u64, classCount>& counts);
     void apply(const AIO::Limits& limits);
 
-    // Fixed when the library is loaded, so that reading it is a plain memory access.
-    __attribute__((tls_model("initial-exec"))) static thread_local std::size_t threadNumber;
+    // From 1 on; 0: none yet. Placed when the library is loaded and initialised where every user
+    // sees it, so that reading it is a plain memory access.
+    __attribute__((tls_model("initial-exec"))) inline static thread_local std::size_t threadNumber =
+        0;
 
     // Read by every recording, written when a period or an episode begins.
     alignas(cacheLine) std::array<std::atomic<u64>, boundCount> m_boundsNs{};
@@ -109,8 +122,7 @@ private:
     AIO::Limits m_closedLimits;
     std::array<u64, classCount> m_readSoFar{}; // sums over the shards at the last reading
     u64 m_episodeStartNs = 0;
-    u64 m_episodes =
-        0; // that ended in this period, with the sum and the longest of their durations
+    u64 m_episodes = 0; // that ended in this period, their durations' sum and the longest one
     u64 m_episodeSumNs = 0;
     u64 m_longestEpisodeNs = 0;
 };

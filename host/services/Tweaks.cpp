@@ -50,7 +50,7 @@ bool CaseInsensitiveLess::operator()(const std::string& left, const std::string&
 
 template <typename T>
 T Tweaks::lookUp(const std::string& name, const DefaultTweakValue<T>& defaultValue) const {
-    const T fallback = defaultValue.m_valid ? defaultValue.m_value : T{};
+    T fallback = defaultValue.m_valid ? defaultValue.m_value : T{};
     std::string text;
     {
         std::lock_guard<std::mutex> lock(m_mutex);

@@ -90,10 +90,9 @@ std::string textOf(const Tunable& tunable, u32 value) {
 }
 
 std::vector<u32> valuesInForce() {
-    std::vector<u32> values;
-    for (const Tunable& tunable : tunables) {
-        values.push_back(tunable.get());
-    }
+    std::vector<u32> values(tunables.size());
+    std::transform(tunables.begin(), tunables.end(), values.begin(),
+                   [](const Tunable& tunable) { return tunable.get(); });
     return values;
 }
 
@@ -179,16 +178,15 @@ private:
         }
         std::optional<Entry>& entry = m_entries[static_cast<std::size_t>(found - tunables.begin())];
         if (entry) {
-            fail(line, name, fmt::format("is already in line {}, expected once", entry->line));
+            fail(std::max(line, entry->line), found->name, "is in the file twice, expected once");
         }
         entry = Entry{valueOf(*found, node), line};
     }
 
     static std::string names() {
-        std::vector<std::string_view> all;
-        for (const Tunable& tunable : tunables) {
-            all.emplace_back(tunable.name);
-        }
+        std::array<const char*, tunables.size()> all{};
+        std::transform(tunables.begin(), tunables.end(), all.begin(),
+                       [](const Tunable& tunable) { return tunable.name; });
         return fmt::format("{}", fmt::join(all, ", "));
     }
 

@@ -1,0 +1,10 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+class StringUtils {
+public:
+    static std::vector<std::string> splitStr(const std::string& text, char separator);
+    static bool contains(const std::string& text, const std::string& part);
+};

@@ -1,0 +1,69 @@
+#!/usr/bin/env bash
+# scripts/setup.sh PURPOSE...
+#
+# Installs what the purposes need and this machine lacks, and says so on standard error; silent when
+# nothing is missing. The one list of the packages (Debian 12) that the repository depends on.
+set -euo pipefail
+
+declare -A packages=(
+    [build]="g++ cmake ninja-build pkgconf"
+    [program]="liburing-dev libspdlog-dev libfmt-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev"
+    [tests]="libgtest-dev libgmock-dev"
+    [checks]="clang clang-format clang-tidy"
+)
+declare -A reasons=(
+    [build]="compiler and build tools"
+    [program]="asynchronous I/O, logging, tunables file, command line and JSON of the program"
+    [tests]="test framework"
+    [checks]="second compiler, formatting check and static analysis"
+)
+
+say() {
+    printf 'setup: %s\n' "$*" >&2
+}
+
+fail() {
+    say "$@"
+    exit 1
+}
+
+# Prints those of the given packages that are not installed.
+missing_of() {
+    local installed package
+    installed=$(dpkg-query -W -f '${Package} ${db:Status-Status}\n' "$@" 2>/dev/null || true)
+    for package in "$@"; do
+        grep -qxF "$package installed" <<<"$installed" || printf '%s ' "$package"
+    done
+}
+
+missing=()
+for purpose in "$@"; do
+    [[ -v packages[$purpose] ]] || fail "unknown purpose '$purpose', expected one of: ${!packages[*]}"
+    command -v dpkg-query >/dev/null || fail "this is no Debian; needed are: ${packages[$purpose]}"
+    read -ra wanted <<<"${packages[$purpose]}"
+    read -ra lacking <<<"$(missing_of "${wanted[@]}")"
+    if ((${#lacking[@]} > 0)); then
+        say "installing ${lacking[*]} (${reasons[$purpose]})"
+        missing+=("${lacking[@]}")
+    fi
+done
+((${#missing[@]} > 0)) || exit 0
+
+as_root=()
+if ((EUID != 0)); then
+    command -v sudo >/dev/null || fail "neither root nor sudo; as root: apt-get install ${missing[*]}"
+    as_root=(sudo)
+fi
+
+# apt-get speaks only if it fails. It waits for a package manager that is at work already.
+apt() {
+    local output
+    if ! output=$("${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+        apt-get -y -o DPkg::Lock::Timeout=300 "$@" 2>&1 </dev/null); then
+        printf '%s\n' "$output" >&2
+        fail "apt-get $1 failed, see above"
+    fi
+}
+
+apt update
+apt install --no-install-recommends "${missing[@]}"

@@ -1,0 +1,15 @@
+#include "tests/support/FakeAio.h"
+
+struct AIO::Impl {};
+
+AIO::AIO() = default;
+AIO::~AIO() = default;
+
+void AIO::mabeStorageLatencyAnalytics(StorageAnalyticsCounters& counters) {
+    counters = storageCounters();
+}
+
+StorageAnalyticsCounters& storageCounters() {
+    static StorageAnalyticsCounters counters;
+    return counters;
+}

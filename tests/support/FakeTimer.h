@@ -1,0 +1,72 @@
+#pragma once
+
+#include "common/infra/Timer.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <vector>
+
+// A timer service whose time stands still until the test moves it. Callbacks run inside
+// advanceTo(), on the test's thread. One thread at a time.
+class FakeTimer final : public ITimer {
+public:
+    struct Expiry {
+        Callback callback;
+        Cookie cookie;
+        u32 delayMs;
+        bool once;
+        u64 dueMs;
+    };
+
+    // Moves the time forward and runs what falls due on the way, each at its due time, and returns
+    // how many callbacks that were. What a callback throws comes out here; its expiry is used up.
+    int advanceTo(u64 timeMs) {
+        int fired = 0;
+        for (; !m_pending.empty() && earliest()->dueMs <= timeMs; ++fired) {
+            const Expiry expiry = *earliest();
+            m_pending.erase(earliest());
+            m_nowMs = expiry.dueMs;
+            expiry.callback(expiry.cookie);
+            if (!expiry.once) {
+                addTimer(expiry.callback, expiry.cookie, expiry.delayMs, expiry.once);
+            }
+        }
+        m_nowMs = timeMs;
+        return fired;
+    }
+    int advance(u64 ms) { return advanceTo(m_nowMs + ms); }
+
+    // Everything that was ever armed, in that order.
+    const std::vector<Expiry>& armed() const { return m_armed; }
+    std::size_t pending() const { return m_pending.size(); }
+
+    void init() override {}
+    u64 getTimestampNano() override { return m_nowMs * 1'000'000; }
+    u64 getTimestampMicro() override { return m_nowMs * 1'000; }
+    u64 getTimestampMs() override { return m_nowMs; }
+    u64 getClockMs() override { return m_nowMs; }
+    u64 getLastTimestampMs_Inaccurate(bool /*refresh*/) override { return m_nowMs; }
+    void addTimer(Callback callback, Cookie cookie, u32 delayMs, bool once) override {
+        m_armed.push_back({callback, cookie, delayMs, once, m_nowMs + delayMs});
+        m_pending.push_back(m_armed.back());
+    }
+    u64 getCurentThreadTickCount() override { return 0; }
+    u64 getCurentProcessTickCount() override { return 0; }
+    void setRealClockTime(u64 realTimeMs) override { m_realTimeAheadMs = realTimeMs - m_nowMs; }
+    u64 getRealTimestampMs() override { return m_nowMs + m_realTimeAheadMs; }
+    u64 getJiffies() override { return m_nowMs * JIFFIES_PER_SEC / OneSecondInMs; }
+    bool utcStringToTm(const std::string& /*text*/, tm& /*result*/) override { return false; }
+
+private:
+    std::vector<Expiry>::iterator earliest() {
+        const auto isDueEarlier = [](const Expiry& left, const Expiry& right) {
+            return left.dueMs < right.dueMs;
+        };
+        return std::min_element(m_pending.begin(), m_pending.end(), isDueEarlier);
+    }
+
+    u64 m_nowMs = 0;
+    u64 m_realTimeAheadMs = 0;
+    std::vector<Expiry> m_armed;
+    std::vector<Expiry> m_pending;
+};
