@@ -10,12 +10,14 @@ declare -A packages=(
     [program]="liburing-dev libspdlog-dev libfmt-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev"
     [tests]="libgtest-dev libgmock-dev"
     [checks]="clang clang-format clang-tidy"
+    [benchmarks]="libbenchmark-dev libboost-dev prometheus-cpp-dev"
 )
 declare -A reasons=(
     [build]="compiler and build tools"
     [program]="asynchronous I/O, logging, tunables file, command line and JSON of the program"
     [tests]="test framework"
     [checks]="second compiler, formatting check and static analysis"
+    [benchmarks]="benchmark framework, and the peers to compare with"
 )
 
 say() {
@@ -37,13 +39,14 @@ missing_of() {
 }
 
 missing=()
+plan=()
 for purpose in "$@"; do
     [[ -v packages[$purpose] ]] || fail "unknown purpose '$purpose', expected one of: ${!packages[*]}"
     command -v dpkg-query >/dev/null || fail "this is no Debian; needed are: ${packages[$purpose]}"
     read -ra wanted <<<"${packages[$purpose]}"
     read -ra lacking <<<"$(missing_of "${wanted[@]}")"
     if ((${#lacking[@]} > 0)); then
-        say "installing ${lacking[*]} (${reasons[$purpose]})"
+        plan+=("installing ${lacking[*]} (${reasons[$purpose]})")
         missing+=("${lacking[@]}")
     fi
 done
@@ -54,6 +57,7 @@ if ((EUID != 0)); then
     command -v sudo >/dev/null || fail "neither root nor sudo; as root: apt-get install ${missing[*]}"
     as_root=(sudo)
 fi
+printf 'setup: %s\n' "${plan[@]}" >&2
 
 # apt-get speaks only if it fails. It waits for a package manager that is at work already.
 apt() {

@@ -1,14 +1,13 @@
 #include "common/infra/AIO.h"
 
 #include <gtest/gtest.h>
-
-#include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
-#include <condition_variable>
-#include <cstdlib>
-#include <mutex>
+#include <chrono>
+#include <cstdio>
+#include <future>
 #include <numeric>
 #include <string>
 #include <thread>
@@ -18,208 +17,134 @@ namespace {
 
 constexpr u32 block = 4096;
 
-// Requests that report back to the test.
 class AioTest : public testing::Test {
 protected:
     struct Io : AioRequest {
         AioTest* test = nullptr;
-        int result = 0;
-        u32 resubmits = 0;
-        bool isCompleted = false;
+        u32 resubmits = 0; // from inside its completions
+        std::promise<int> promise;
+        std::future<int> result = promise.get_future();
     };
 
-    void SetUp() override {
-        std::string name = testing::TempDir() + "aio.XXXXXX";
-        file = mkostemp(name.data(), O_CLOEXEC);
-        ASSERT_GE(file, 0);
-        unlink(name.c_str());
-        ASSERT_EQ(ftruncate(file, 64 * block), 0);
-    }
-
-    void TearDown() override {
-        aio.close();
-        ::close(file);
-    }
-
-    Io makeIo(AioRequest::Operation operation, u64 offset, std::string& buffer) {
+    Io makeIo(AioRequest::Operation what, u64 offset, char* buffer) {
         Io io;
-        io.operation = operation;
+        io.operation = what;
+        io.length = block;
         io.offset = offset;
-        io.length = static_cast<u32>(buffer.size());
-        io.buffer = buffer.data();
+        io.buffer = buffer;
         io.completed = ioCompleted;
         io.test = this;
         return io;
     }
-
     static void ioCompleted(AioRequest& request, int result) {
         auto& io = static_cast<Io&>(request);
-        io.result = result;
-        if (io.resubmits > 0) {
-            --io.resubmits;
-            ASSERT_EQ(io.test->aio.submit(io), RC_SUCCESS);
+        ++io.test->completions;
+        if (io.resubmits-- == 0 || !io.test->submit(io)) {
+            auto done = std::move(io.promise); // outlives the request
+            done.set_value(result);
         }
-        AioTest& test = *io.test;
-        const std::lock_guard<std::mutex> lock(test.mutex);
-        io.isCompleted = true;
-        ++test.completions;
-        test.changed.notify_all();
     }
-
-    void await(const Io& io) {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [&] { return io.isCompleted; });
+    bool submit(Io& io) { return aio.submit(io) == RC_SUCCESS && ++taken > 0; }
+    // Whether an I/O that goes the whole way was taken; then it is also complete.
+    bool run(u32 resubmits = 0) {
+        Io io = makeIo(AioRequest::NoOp, 0, nullptr);
+        io.resubmits = resubmits;
+        return submit(io) && io.result.get() >= 0;
     }
-
-    void awaitCompletions(u64 count) {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [&] { return completions >= count; });
-    }
-
     u64 counted() {
         StorageAnalyticsCounters counters;
         aio.mabeStorageLatencyAnalytics(counters);
-        return std::accumulate(std::begin(counters.storageLatency),
-                               std::end(counters.storageLatency), u64{0});
+        return std::accumulate(counters.storageLatency, counters.storageLatency + 5, u64{0});
+    }
+    void TearDown() override {
+        aio.close();
+        std::fclose(scratch);
     }
 
-    int file = -1;
+    std::FILE* const scratch = std::tmpfile();
+    const int file = fileno(scratch);
+    std::atomic<u64> taken{0};
+    std::atomic<u64> completions{0};
     AIO aio;
-    std::mutex mutex;
-    std::condition_variable changed;
-    u64 completions = 0;
 };
 
-TEST_F(AioTest, ReadsWhatWasWritten) {
-    aio.open({file, 4});
-    std::string written(block, 'w');
-    Io write = makeIo(AioRequest::Write, 3 * block, written);
-    ASSERT_EQ(aio.submit(write), RC_SUCCESS);
-    awaitCompletions(1);
-    EXPECT_EQ(write.result, static_cast<int>(block));
-
-    std::string read(block, ' ');
-    Io again = makeIo(AioRequest::Read, 3 * block, read);
-    ASSERT_EQ(aio.submit(again), RC_SUCCESS);
-    awaitCompletions(2);
-    EXPECT_EQ(read, written);
-    EXPECT_GT(again.latencyNs, 0U);
-    EXPECT_EQ(counted(), 2U);
+TEST_F(AioTest, MovesDataInsideAndOutsideTheRegisteredMemoryAndReportsErrors) {
+    std::string registered(block, 'r');
+    std::string outside(block, 'o');
+    aio.open({file, 3, registered.data(), block});
+    std::vector<Io> ios; // more than the queue is deep, as one batch
+    ios.push_back(makeIo(AioRequest::Write, 0, registered.data()));
+    ios.push_back(makeIo(AioRequest::Write, 3 * block, outside.data()));
+    ios.push_back(makeIo(AioRequest::Read, ~u64{0} - block, outside.data()));
+    ios.push_back(makeIo(AioRequest::NoOp, 0, nullptr));
+    std::vector<AioRequest*> batch{&ios[3], &ios[2], &ios[1], &ios[0]};
+    ASSERT_EQ(aio.submit(batch.data(), batch.size()), RC_SUCCESS);
+    for (const auto& [io, expected] : {std::pair(0, 4096), {1, 4096}, {2, -EINVAL}, {3, 0}}) {
+        EXPECT_EQ(ios[io].result.get(), expected) << io;
+    }
+    ios[0] = makeIo(AioRequest::Read, 3 * block, registered.data());
+    ios[1] = makeIo(AioRequest::Read, 0, outside.data());
+    ASSERT_TRUE(submit(ios[0]) && submit(ios[1]));
+    aio.close();
+    EXPECT_EQ(registered + outside, std::string(block, 'o') + std::string(block, 'r'));
+    EXPECT_GT(ios[1].latencyNs, 0U);
+    EXPECT_EQ(counted(), 6U);
 }
 
-TEST_F(AioTest, AnIoThatIsSeenToCompleteIsInTheCounters) {
+TEST_F(AioTest, OpensOnceAndCountsAnIoBeforeItsCompletionIsSeen) {
+    EXPECT_THROW(aio.open({-1, 1}), std::system_error);
+    EXPECT_THROW(aio.open({file, 1U << 15U}), std::invalid_argument);
     aio.open({file, 8});
-    std::string buffer(block, ' ');
+    EXPECT_THROW(aio.open({file, 8}), std::logic_error);
     for (u64 round = 1; round <= 200; ++round) {
-        Io io = makeIo(AioRequest::NoOp, 0, buffer);
-        ASSERT_EQ(aio.submit(io), RC_SUCCESS);
-        awaitCompletions(round);
+        ASSERT_TRUE(run());
         ASSERT_EQ(counted(), 1U) << "round " << round;
     }
-}
-
-TEST_F(AioTest, RegisteredBuffersAndMoreRequestsThanTheQueueIsDeep) {
-    constexpr std::size_t requests = 50;
-    std::vector<std::string> buffers(requests, std::string(block, ' '));
-    std::string registered(block, 'r');
-    aio.open({file, 3, registered.data(), registered.size()});
-    // Only the first lies in the registered memory.
-    Io first = makeIo(AioRequest::Write, 0, registered);
-    Io outside = makeIo(AioRequest::Write, 0, buffers[0]);
-    std::vector<Io> noOps(requests, makeIo(AioRequest::NoOp, 0, registered));
-    std::vector<AioRequest*> batch{&first, &outside};
-    for (Io& io : noOps) {
-        batch.push_back(&io);
-    }
-    ASSERT_EQ(aio.submit(batch.data(), batch.size()), RC_SUCCESS);
-    awaitCompletions(batch.size());
-    EXPECT_EQ(first.result, static_cast<int>(block));
-    EXPECT_EQ(outside.result, static_cast<int>(block));
-    EXPECT_EQ(counted(), batch.size());
-}
-
-TEST_F(AioTest, AFailingIoReportsItsErrorAndIsCounted) {
-    aio.open({file, 1});
-    std::string buffer(block, ' ');
-    Io io = makeIo(AioRequest::Read, ~u64{0} - block, buffer);
-    ASSERT_EQ(aio.submit(io), RC_SUCCESS);
-    awaitCompletions(1);
-    EXPECT_EQ(io.result, -EINVAL);
-    EXPECT_EQ(counted(), 1U);
-}
-
-TEST_F(AioTest, ManyThreadsSubmitAndClosingWaitsForAllThatWasTaken) {
-    constexpr std::size_t perThread = 300;
-    constexpr u32 resubmits = 2;
-    aio.open({file, 16});
-    std::string buffer(block, ' ');
-    Io model = makeIo(AioRequest::NoOp, 0, buffer);
-    model.resubmits = resubmits;
-    std::vector<Io> ios(2 * perThread, model);
-    std::vector<std::thread> threads;
-    for (std::size_t first : {std::size_t{0}, perThread}) {
-        threads.emplace_back([&, first] {
-            for (std::size_t i = first; i < first + perThread; ++i) {
-                ASSERT_EQ(aio.submit(ios[i]), RC_SUCCESS);
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    awaitCompletions(ios.size() * (resubmits + 1));
-    std::vector<Io> last(20, makeIo(AioRequest::NoOp, 0, buffer));
-    for (Io& io : last) {
-        ASSERT_EQ(aio.submit(io), RC_SUCCESS);
-    }
     aio.close();
-    EXPECT_EQ(completions, ios.size() * (resubmits + 1) + last.size());
-    EXPECT_EQ(counted(), completions);
+    EXPECT_FALSE(run());
 }
 
-TEST_F(AioTest, WhatIsTakenWhileTheServiceOpensAndClosesCompletes) {
-    std::string buffer(block, ' ');
+TEST_F(AioTest, ClosingWaitsForWhatIsInTheKernelAndWhatIsStillQueued) {
+    for (const u32 depth : {1U, 2U}) {
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        aio.open({ends[0], depth});
+        char buffer[2][block];
+        Io ios[] = {makeIo(AioRequest::Read, 0, buffer[0]), makeIo(AioRequest::Read, 0, buffer[1])};
+        ASSERT_TRUE(submit(ios[0]) && submit(ios[1]));
+        auto closing = std::async(std::launch::async, [this] { aio.close(); });
+        EXPECT_EQ(closing.wait_for(std::chrono::milliseconds(10)), std::future_status::timeout);
+        EXPECT_EQ(write(ends[1], "x", 1), 1);
+        ::close(ends[1]);
+        closing.get();
+        ::close(ends[0]);
+        ASSERT_EQ(completions, 2 * depth);
+        EXPECT_EQ(ios[0].result.get() + ios[1].result.get(), 1) << "one byte, then the end";
+        EXPECT_EQ(counted(), 2U) << depth;
+    }
+}
+
+TEST_F(AioTest, WhatManyThreadsSubmitWhileTheServiceOpensAndClosesCompletes) {
     std::atomic<bool> over{false};
-    std::atomic<u64> taken{0};
     std::vector<std::thread> threads;
-    for (int i = 0; i < 8; ++i) {
-        threads.emplace_back([&] {
+    for (const u32 resubmits : {0, 0, 0, 1, 1, 2}) {
+        threads.emplace_back([this, &over, resubmits] {
             while (!over) {
-                Io io = makeIo(AioRequest::NoOp, 0, buffer);
-                if (aio.submit(io) == RC_SUCCESS) {
-                    ++taken;
-                    await(io);
-                }
+                run(resubmits);
             }
         });
     }
-    for (u64 round = 1; round <= 30; ++round) {
-        aio.open({file, 1});
-        awaitCompletions(100 * round);
-        aio.close();
+    for (int round = 0; round < 600; ++round) {
+        if (round % 20 == 0) {
+            aio.close();
+            aio.open({file, 2});
+        }
+        EXPECT_TRUE(run());
     }
     over = true;
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    std::for_each(threads.begin(), threads.end(), [](std::thread& each) { each.join(); });
     EXPECT_EQ(completions, taken);
     EXPECT_EQ(counted(), taken);
-}
-
-TEST_F(AioTest, OnlyAnOpenServiceTakesRequests) {
-    std::string buffer(block, ' ');
-    Io io = makeIo(AioRequest::NoOp, 0, buffer);
-    EXPECT_EQ(aio.submit(io), RC_WRONG_OBJECT_STATE);
-    EXPECT_THROW(aio.open({-1, 1}), std::system_error);
-    EXPECT_THROW(aio.open({file, 0}), std::invalid_argument);
-    EXPECT_THROW(aio.open({file, 1U << 15U}), std::invalid_argument);
-    aio.open({file, 1});
-    EXPECT_THROW(aio.open({file, 1}), std::logic_error);
-    aio.close();
-    EXPECT_EQ(aio.submit(io), RC_WRONG_OBJECT_STATE);
-    aio.open({file, 1});
-    EXPECT_EQ(aio.submit(io), RC_SUCCESS);
-    awaitCompletions(1);
 }
 
 } // namespace

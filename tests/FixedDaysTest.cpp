@@ -3,268 +3,142 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <climits>
-#include <iterator>
-#include <regex>
-#include <string>
-#include <vector>
 
 namespace {
 
 using Policy = FixedDaysSchedulingPolicy;
-using DayList = std::vector<Policy::Days>;
+using Numbers = std::vector<int>;
 
-constexpr Policy::Days sunday = Policy::SUNDAY, monday = Policy::MONDAY, tuesday = Policy::TUESDAY,
-                       wednesday = Policy::WEDNESDAY, thursday = Policy::THURSDAY,
-                       friday = Policy::FRIDAY, saturday = Policy::SATURDAY,
-                       daysInWeek = Policy::DAYS_IN_WEEK;
-const DayList everyDay = {sunday, monday, tuesday, wednesday, thursday, friday, saturday};
-
-constexpr auto negativeDay = static_cast<Policy::Days>(-1);
-constexpr auto lowestDay = static_cast<Policy::Days>(INT_MIN);
-constexpr auto highestDay = static_cast<Policy::Days>(INT_MAX);
-
-constexpr int hoursInWeek = 7 * 24;
-constexpr u64 hourMs = 3'600'000;
+// Numbered from Sunday, 0; others are no days.
+std::vector<Policy::Days> days(const Numbers& numbers) {
+    std::vector<Policy::Days> result;
+    for (const int number : numbers) {
+        result.push_back(static_cast<Policy::Days>(number));
+    }
+    return result;
+}
 
 // A policy that is asked at moments of the test's choice.
-class AskedPolicy : public Policy {
-public:
+struct AskedPolicy : Policy {
     using Policy::Policy;
-
+    tm getCurtime() override { return now; }
     u64 askOn(int day, int hour) {
-        m_now.tm_wday = day;
-        m_now.tm_hour = hour;
+        now.tm_wday = day;
+        now.tm_hour = hour;
         return getNextSchedule();
     }
-
-protected:
-    tm getCurtime() override { return m_now; }
-
-private:
-    tm m_now{};
+    tm now{};
 };
-
-const std::string constructor =
-    "FixedDaysSchedulingPolicy::FixedDaysSchedulingPolicy(const std::vector<Days>&, u64)";
-const std::string getNextSchedule = "virtual u64 FixedDaysSchedulingPolicy::getNextSchedule()";
-const std::string toStringOfDay = "static std::string FixedDaysSchedulingPolicy::toString(Days)";
-const std::string createDaysFromString =
-    "static std::vector<Days> FixedDaysSchedulingPolicy::createDaysFromString(const std::string&)";
-
-// All lines together. Compilers differ in how they qualify the nested type in a signature.
-std::string written(const RecordingLog& log) {
-    std::string lines;
-    for (const std::string& text : toTexts(log)) {
-        lines += std::regex_replace(text, std::regex("\\w+::Days\\b"), "Days");
-    }
-    return lines;
-}
-
-std::string info(const std::string& function, const std::string& text) {
-    return "kel info [" + function + "] 3: " + text + "\n";
-}
-
-std::string failed(const std::string& function, const std::string& condition,
-                   const std::string& details = "") {
-    return "kel assert [" + function + "] 3:  FixedDaysSchedulingPolicy.cpp N: " + condition +
-           " failed. " + details + "\n";
-}
-
-std::string noName(int day) {
-    return failed(toStringOfDay, "false", " day=" + std::to_string(day) + " ");
-}
-
-TEST(FixedDays, AnswersTheDelayToTheNextTargetHour) {
-    struct Case {
-        DayList days;
-        u64 targetHour;
-        Policy::Days day;
-        int hour, minute;
-        u64 delayMs;
-        const char* landsOn;
-    };
-    const Case cases[] = {
-        {{monday, wednesday}, 5, monday, 10, 20, 154'800'000, "WEDNESDAY 5:20"},
-        {{monday, wednesday}, 5, monday, 3, 45, 7'200'000, "MONDAY 5:45"},
-        {{monday, wednesday}, 5, monday, 5, 10, 172'800'000, "WEDNESDAY 5:10"},
-        {{monday}, 5, saturday, 10, 0, 154'800'000, "MONDAY 5:0"},
-        {{sunday}, 23, sunday, 23, 30, 604'800'000, "SUNDAY 23:30"},
-        {{saturday}, 5, saturday, 4, 0, 3'600'000, "SATURDAY 5:0"},
-        {{saturday}, 5, sunday, 4, 0, 522'000'000, "SATURDAY 5:0"},
-        {everyDay, 0, tuesday, 13, 0, 39'600'000, "WEDNESDAY 0:0"},
-        {{monday}, 24, monday, 10, 0, 50'400'000, "TUESDAY 0:0"},
-        {{friday, monday}, 5, tuesday, 5, 0, 259'200'000, "FRIDAY 5:0"},
-        {{friday, monday}, 5, saturday, 5, 0, 172'800'000, "MONDAY 5:0"},
-        {{negativeDay, monday}, 5, sunday, 5, 0, 86'400'000, "MONDAY 5:0"},
-        {{}, 5, tuesday, 9, 15, 604'800'000, "TUESDAY 9:15"},
-    };
-    for (const Case& each : cases) {
-        RecordingLog log;
-        AskedPolicy policy(each.days, each.targetHour);
-        const u64 delayMs = policy.askOn(each.day, each.hour);
-
-        const u64 landing = each.day * 24U + each.hour + delayMs / hourMs;
-        const std::string landsOn = Policy::toString(static_cast<Policy::Days>(landing / 24 % 7)) +
-                                    " " + std::to_string(landing % 24) + ":" +
-                                    std::to_string(each.minute);
-        EXPECT_EQ(delayMs, each.delayMs) << each.landsOn;
-        EXPECT_EQ(landsOn, each.landsOn);
-    }
-}
-
-bool contains(unsigned daySet, int day) {
-    return (daySet >> day & 1U) != 0;
-}
-
-DayList chosen(unsigned daySet, const DayList& candidates) {
-    DayList days;
-    std::copy_if(candidates.begin(), candidates.end(), std::back_inserter(days),
-                 [&](Policy::Days day) { return contains(daySet, day); });
-    return days;
-}
 
 // Walks the week hour by hour, from the hour after the current one.
 u64 hoursByWalking(unsigned daySet, int targetHour, int now) {
     int then = now + 1;
-    while (then % 24 != targetHour || !contains(daySet, then / 24 % 7)) {
+    while (then % 24 != targetHour || (daySet >> then / 24 % 7 & 1U) == 0) {
         ++then;
     }
     return then - now;
 }
 
-class QuietLog {
-public:
-    QuietLog() { LogService::setLevel(AssertLevel); }
-    ~QuietLog() { LogService::setLevel(InfoLevel); }
-};
-
-// Every set of days, every target hour, every hour of the week.
-TEST(FixedDays, AgreesWithAWalkThroughTheWeek) {
-    QuietLog quiet;
+// Every set of days, in no order and one of them twice, every target hour, every hour of the week.
+void compareWithWalking() {
     for (unsigned daySet = 1; daySet < 1U << 7; ++daySet) {
+        Numbers chosen = {5, 1, 6, 1, 3, 0, 2, 4};
+        chosen.erase(std::remove_if(chosen.begin(), chosen.end(),
+                                    [&](int day) { return (daySet >> day & 1U) == 0; }),
+                     chosen.end());
         for (int targetHour = 0; targetHour < 24; ++targetHour) {
-            AskedPolicy policy(chosen(daySet, everyDay), targetHour);
-            for (int now = 0; now < hoursInWeek; ++now) {
+            AskedPolicy policy(days(chosen), targetHour);
+            for (int now = 0; now < 7 * 24; ++now) {
                 ASSERT_EQ(policy.askOn(now / 24, now % 24),
-                          hoursByWalking(daySet, targetHour, now) * hourMs)
+                          hoursByWalking(daySet, targetHour, now) * 3'600'000)
                     << "day set " << daySet << ", hour " << targetHour << ", now " << now;
             }
         }
     }
 }
 
-TEST(FixedDays, TakesDaysInAnyOrderAndRepeated) {
-    QuietLog quiet;
-    const DayList shuffledDays = {friday, monday,  saturday, monday,  wednesday,
-                                  sunday, tuesday, thursday, thursday};
-    for (unsigned daySet = 1; daySet < 1U << 7; ++daySet) {
-        AskedPolicy ordered(chosen(daySet, everyDay), 5);
-        AskedPolicy shuffled(chosen(daySet, shuffledDays), 5);
-        for (int now = 0; now < hoursInWeek; ++now) {
-            ASSERT_EQ(shuffled.askOn(now / 24, now % 24), ordered.askOn(now / 24, now % 24))
-                << "day set " << daySet << ", now " << now;
-        }
-    }
+TEST(FixedDays, AgreesWithAWalkThroughTheWeek) {
+    LogService::setLevel(AssertLevel);
+    compareWithWalking();
+    LogService::setLevel(InfoLevel);
+}
+
+const std::string source = "FixedDaysSchedulingPolicy";
+std::string noName(int day) {
+    return failedIn(source, "static std::string " + source + "::toString(Days)", "false",
+                    " day=" + std::to_string(day) + " ");
 }
 
 TEST(FixedDays, ReportsBadInputAtConstructionAndDescribesTheSchedule) {
-    const auto badInput = [](const std::string& details) {
-        return failed(constructor, "!days.empty() && hour <= MAX_HOUR", details);
-    };
-    const auto tooHigh = [](int day) {
-        return failed(constructor, "day <= SATURDAY", " day=" + std::to_string(day) + " ");
-    };
-    const auto schedule = [](const std::string& text) { return info(constructor, text); };
-    struct Case {
-        DayList days;
-        u64 hour;
-        std::string lines;
-    };
-    const Case cases[] = {
-        {{monday, wednesday}, 5, schedule("Days: MONDAYWEDNESDAY m_hour=5 ")},
-        {{friday, monday, monday}, 23, schedule("Days: FRIDAYMONDAYMONDAY m_hour=23 ")},
-        {{}, 0, badInput(" days.size()=0  hour=0 ") + schedule("Days:  m_hour=0 ")},
-        {everyDay, 24,
-         badInput(" days.size()=7  hour=24 ") +
-             schedule("Days: SUNDAYMONDAYTUESDAYWEDNESDAYTHURSDAYFRIDAYSATURDAY m_hour=24 ")},
-        {{monday, daysInWeek}, 5, tooHigh(7) + noName(7) + schedule("Days: MONDAY m_hour=5 ")},
-        {{highestDay}, 5, tooHigh(INT_MAX) + noName(INT_MAX) + schedule("Days:  m_hour=5 ")},
-        {{negativeDay, lowestDay}, 5, noName(-1) + noName(INT_MIN) + schedule("Days:  m_hour=5 ")},
-    };
-    for (const Case& each : cases) {
+    const std::string constructor =
+        "FixedDaysSchedulingPolicy::FixedDaysSchedulingPolicy(const std::vector<Days>&, u64)";
+    const auto check = [&](const Numbers& numbers, u64 hour, const std::string& assertions,
+                           const std::string& schedule) {
         RecordingLog log;
-        Policy policy(each.days, each.hour);
-        EXPECT_EQ(written(log), each.lines);
-    }
+        Policy policy(days(numbers), hour);
+        EXPECT_EQ(toText(log),
+                  assertions + "kel info [" + constructor + "] 3: Days: " + schedule + " \n");
+    };
+    const auto bad = [&](const std::string& details) {
+        return failedIn(source, constructor, "!days.empty() && hour <= MAX_HOUR", details);
+    };
+    const auto tooHigh = [&](int day) {
+        return failedIn(source, constructor, "day <= SATURDAY",
+                        " day=" + std::to_string(day) + " ") +
+               noName(day);
+    };
+    check({5, 1, 1}, 23, "", "FRIDAYMONDAYMONDAY m_hour=23");
+    check({}, 0, bad(" days.size()=0  hour=0 "), " m_hour=0");
+    check({0, 2, 3, 4, 6}, 24, bad(" days.size()=5  hour=24 "),
+          "SUNDAYTUESDAYWEDNESDAYTHURSDAYSATURDAY m_hour=24");
+    check({7, INT_MAX, -1, INT_MIN}, 5,
+          tooHigh(7) + tooHigh(INT_MAX) + noName(-1) + noName(INT_MIN), " m_hour=5");
 }
 
 TEST(FixedDays, LogsEachAnswerAndReportsWhatIsWrongWithIt) {
-    const auto badHour = [](const std::string& hour) {
-        return failed(getNextSchedule, "currentHour <= MAX_HOUR", " currentHour=" + hour + " ");
-    };
-    const std::string noDays = failed(getNextSchedule, "!m_days.empty()");
-    const std::string noDelay = failed(getNextSchedule, "nextScheduleMs > 0");
-    const std::string top = "18446744073709551615";
-    struct Case {
-        DayList days;
-        int day, hour; // now
-        std::string linesBefore, dayText, daysText;
-        u64 delayMs;
-        std::string linesAfter;
-    };
-    const Case cases[] = {
-        {{wednesday, monday}, monday, 10, "", "MONDAY", "MONDAY; WEDNESDAY; ", 154'800'000, ""},
-        {{}, monday, 10, noDays, "MONDAY", "", 604'800'000, ""},
-        {{daysInWeek, monday}, saturday, 5, noName(7), "SATURDAY", "MONDAY; ; ", 86'400'000, ""},
-        {{monday}, sunday, 29, badHour("29"), "SUNDAY", "MONDAY; ", 0, noDelay},
-        {{monday}, -1, -1, badHour(top) + noName(-1), "", "MONDAY; ", 194'400'000, ""},
-    };
-    for (const Case& each : cases) {
+    const std::string function = "virtual u64 FixedDaysSchedulingPolicy::getNextSchedule()";
+    const auto check = [&](AskedPolicy policy, int day, int hour, const std::string& before,
+                           const std::string& answer, const std::string& after = "") {
         RecordingLog log;
-        AskedPolicy policy(each.days, 5);
-        log.clear();
-        EXPECT_EQ(policy.askOn(each.day, each.hour), each.delayMs);
-        const std::string answer = "currentDay:" + each.dayText +
-                                   " currentHour=" + std::to_string(static_cast<u64>(each.hour)) +
-                                   "  m_hour=5 days:" + each.daysText +
-                                   " nextScheduleMs=" + std::to_string(each.delayMs) + " ";
-        EXPECT_EQ(written(log), each.linesBefore + info(getNextSchedule, answer) + each.linesAfter);
-    }
+        const u64 delayMs = policy.askOn(day, hour);
+        EXPECT_EQ(toText(log),
+                  before + "kel info [" + function + "] 3: currentDay:" + answer + " \n" + after);
+        EXPECT_EQ(answer.substr(answer.rfind('=') + 1), std::to_string(delayMs));
+    };
+    const std::string badHour =
+        failedIn(source, function, "currentHour <= MAX_HOUR", " currentHour=29 ");
+    check({days({3, 1}), 5}, 1, 10, "",
+          "MONDAY currentHour=10  m_hour=5 days:MONDAY; WEDNESDAY;  nextScheduleMs=154800000");
+    check({days({1}), 24}, 1, 10, "",
+          "MONDAY currentHour=10  m_hour=24 days:MONDAY;  nextScheduleMs=50400000");
+    check({days({}), 5}, 1, 10, failedIn(source, function, "!m_days.empty()"),
+          "MONDAY currentHour=10  m_hour=5 days: nextScheduleMs=604800000");
+    check({days({-1, 7, 1}), 5}, 6, 5, noName(7) + noName(-1),
+          "SATURDAY currentHour=5  m_hour=5 days:MONDAY; ; ;  nextScheduleMs=86400000");
+    check({days({1}), 5}, 0, 29, badHour,
+          "SUNDAY currentHour=29  m_hour=5 days:MONDAY;  nextScheduleMs=0",
+          failedIn(source, function, "nextScheduleMs > 0"));
 }
 
 TEST(FixedDays, ParsesDayLists) {
-    const auto badDay = [](const std::string& details) {
-        return failed(createDaysFromString, "false", "bad day " + details);
-    };
-    struct Case {
-        std::string text;
-        DayList days;
-        std::string lines;
-    };
-    const Case cases[] = {
-        {"mon,wed,fri", {monday, wednesday, friday}, ""},
-        {"0,1,2,3,4,5,6", everyDay, ""},
-        {"sun,mon,tue,wed,thu,fri,sat", everyDay, ""},
-        {"fri,mon", {friday, monday}, ""},
-        {"mon,1", {monday, monday}, ""},
-        {"thursday", {thursday}, ""},
-        {"monsun", {sunday}, ""},
-        {",mon,, tue,", {monday, tuesday}, ""},
-        {"", {}, ""},
-        {"mon,xyz", {monday}, badDay("'xyz'  in string: mon,xyz")},
-        {"7", {}, badDay("'7'  in string: 7")},
-        {"10", {}, badDay("'10'  in string: 10")},
-        {"0, 1,-1,6",
-         {sunday, saturday},
-         badDay("' 1'  in string: 0, 1,-1,6") + badDay("'-1'  in string: 0, 1,-1,6")},
-    };
-    for (const Case& each : cases) {
+    const std::string function =
+        "static std::vector<Days> " + source + "::createDaysFromString(const std::string&)";
+    const auto check = [&](const std::string& text, const Numbers& numbers,
+                           const std::vector<std::string>& badTokens) {
         RecordingLog log;
-        EXPECT_EQ(Policy::createDaysFromString(each.text), each.days) << each.text;
-        EXPECT_EQ(written(log), each.lines) << each.text;
-    }
+        EXPECT_EQ(Policy::createDaysFromString(text), days(numbers)) << text;
+        std::string lines;
+        for (const std::string& token : badTokens) {
+            lines +=
+                failedIn(source, function, "false", "bad day '" + token + "'  in string: " + text);
+        }
+        EXPECT_EQ(toText(log), lines) << text;
+    };
+    check("0,1,2,3,4,5,6", {0, 1, 2, 3, 4, 5, 6}, {});
+    check("sun,mon,tue,wed,thu,fri,sat", {0, 1, 2, 3, 4, 5, 6}, {});
+    check("fri,,1,thursday,monsun, tue,", {5, 1, 4, 0, 2}, {});
+    check("0, 1,-1,7,10,xyz,6", {0, 6}, {" 1", "-1", "7", "10", "xyz"});
 }
 
 } // namespace

@@ -84,25 +84,22 @@ TEST_F(ProgramTest, EveryIoIsInOneReportAndTheMaximaComeLast) {
     EXPECT_EQ(outcome.reports[1]["u64Entries"]["cd11"], 1);
     EXPECT_TRUE(std::filesystem::is_empty(disk));
 
-    const auto slowest = std::find_if(classes.begin(), classes.end(), [&](const auto& each) {
-        return std::any_of(outcome.reports.begin(), outcome.reports.end(), [&](const json& report) {
-            return report["u32Entries"][each.first] != 0;
-        });
-    });
     const u64 longestIoUs = outcome.last["u64Entries"]["longestIoUs"];
+    for (std::size_t i = 0; i + 1 < classes.size(); ++i) {
+        if (outcome.reports[0]["u32Entries"][classes[i].first] != 0) {
+            EXPECT_GE(longestIoUs, classes[i + 1].second) << classes[i].first << " is not empty";
+        }
+    }
+    EXPECT_GT(longestIoUs, 0U);
     EXPECT_EQ(outcome.last["eventName"], "HostMaximaParcel");
     EXPECT_EQ(outcome.last["u64Entries"]["deepestQueue"], 5);
-    EXPECT_LE(longestIoUs, slowest->second);
-    EXPECT_GE(longestIoUs, slowest + 1 == classes.end() ? 1 : (slowest + 1)->second);
 }
 
 TEST_F(ProgramTest, AnInterruptionClosesAndReportsTheRunningPeriod) {
     for (const char* signal : {"INT", "TERM"}) {
-        const std::string afterTheFirstReport = "mkfifo pipe$$ && { $run >pipe$$ & } && "
-                                                "{ head -n 1; kill -" +
-                                                std::string(signal) +
-                                                " $!; cat; } <pipe$$ >out; wait $!";
-        const Outcome outcome = run(onDisk + "--max-ios 100 --rate 1000", afterTheFirstReport);
+        const Outcome outcome = run(onDisk + "--max-ios 100 --rate 1000",
+                                    "mkfifo pipe$$ && { $run >pipe$$ & } && { head -n 1; kill -" +
+                                        std::string(signal) + " $!; cat; } <pipe$$ >out; wait $!");
         EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
         EXPECT_GE(outcome.reports.size(), 2U);
         EXPECT_EQ(outcome.countedIos(), 100U);
@@ -132,42 +129,33 @@ TEST_F(ProgramTest, TunablesKeepReportsBackAndOutputIsAppended) {
 }
 
 TEST_F(ProgramTest, AScheduleIsShownAsTheSchedulerWillKeepIt) {
-    const std::string fields = "$run | cut -c 1-4,15-17 | sort >out";
-    EXPECT_EQ(run("--days Wed,mon --hour 5 --show-schedule 4", fields).output,
-              "Mon  05\nMon  05\nWed  05\nWed  05\n");
-    EXPECT_EQ(
-        run("--interval 604800 --show-schedule 3", "$run | cut -c 1-4,15-26 | uniq | wc -l >out")
-            .output,
-        "1\n");
+    const std::string days = "--days Wed,mon --hour 5 --show-schedule 4";
+    EXPECT_EQ(run(days, "$run | cut -c 1-4,15-17 | sort | tr -d '\\n' >out").output,
+              "Mon  05Mon  05Wed  05Wed  05");
+    const std::string weekly = "--interval 604800 --show-schedule 3";
+    EXPECT_EQ(run(weekly, "$run | cut -c 1-4,15-26 | uniq | wc -l >out").output, "1\n");
 }
 
 TEST_F(ProgramTest, WhatCannotBeDoneIsSaidInOneLine) {
-    struct Row {
-        const char* options;
-        int exitCode;
-        const char* message;
-    };
     std::ofstream(folder + "/bad.toml") << "\nt_StorageAnalyticsIntervalSec = \"soon\"\n";
-    for (const Row& row :
-         std::vector<Row>{{"--nonsense", 2, "--nonsense"},
-                          {"--interval 0", 2, "not in range 1 to 4294967"},
-                          {"--format xml", 2, "'xml' is not one of jsonl, text"},
-                          {"--block-size 1000", 2, "multiple of 512"},
-                          {"--size 4K --block-size 8K", 2, "at least one block"},
-                          {"--days mon,xyz --hour 5", 2, "'xyz' is no day; expected"},
-                          {"--days , --hour 5", 2, "the list is empty"},
-                          {"--days mon --hour 24", 2, "24 not in range 0 to 23"},
-                          {"--days mon --hour 5 --interval 5", 2, "--interval excludes --days"},
-                          {"--path /proc/none", 1, "in '/proc/none': No such file"},
-                          {"--size 4000000G", 1, "expected room for"},
-                          {"--tweaks bad.toml", 1, "bad.toml:2: t_StorageAnalyticsIntervalSec"},
-                          {"--log /proc/none/log", 1, "/proc/none/log"},
-                          {"--output /proc/none/out", 1, "cannot open '/proc/none/out'"}}) {
-        const Outcome outcome = run(row.options);
-        EXPECT_EQ(outcome.exitCode, row.exitCode) << row.options;
-        EXPECT_NE(outcome.errors.find(row.message), std::string::npos) << outcome.errors;
-        EXPECT_EQ(std::count(outcome.errors.begin(), outcome.errors.end(), '\n'), 1);
-        EXPECT_EQ(outcome.output, "");
+    for (const std::string row :
+         {"2 --nonsense|--nonsense", "2 --interval 0|not in range 1 to 4294967",
+          "2 --format xml|'xml' is not one of jsonl, text", "2 --block-size 1000|multiple of 512",
+          "2 --size 4K --block-size 8K|at least one block",
+          "2 --days mon,xyz --hour 5|'xyz' is no day; expected",
+          "2 --days , --hour 5|the list is empty", "2 --days mon --hour 24|24 not in range 0 to 23",
+          "2 --days mon --hour 5 --interval 5|--interval excludes --days",
+          "1 --path /proc/none|in '/proc/none': No such file",
+          "1 --size 4000000G|expected room for",
+          "1 --tweaks bad.toml|bad.toml:2: t_StorageAnalyticsIntervalSec",
+          "1 --log /proc/none/log|/proc/none/log",
+          "1 --output /proc/none/out|cannot open '/proc/none/out'"}) {
+        const std::size_t bar = row.find('|'); // between the options and what is said
+        const Outcome outcome = run(row.substr(2, bar - 2));
+        EXPECT_EQ(outcome.exitCode, row[0] - '0') << row;
+        EXPECT_NE(outcome.errors.find(row.substr(bar + 1)), std::string::npos) << outcome.errors;
+        EXPECT_EQ(std::count(outcome.errors.begin(), outcome.errors.end(), '\n'), 1) << row;
+        EXPECT_EQ(outcome.output, "") << row;
     }
     const Outcome full = run(onDisk + "--output /dev/full");
     EXPECT_EQ(full.exitCode, 3);
@@ -187,9 +175,7 @@ TEST(ParcelFormatTest, JsonHoldsWhatTheGettersGive) {
     parcel.addEntry("s", std::string("text")).addEntry("u32", u32{1}).addEntry("u64", ~u64{0});
     parcel.addEntry("s64", s64{-1}).addEntry("d", 0.5).addEntry("i", -2);
     EXPECT_EQ(toJsonLine(parcel),
-              R"({"eventName":"\"quoted\" )"
-              "\xef\xbf\xbd"
-              R"(","category":"category",)"
+              "{\"eventName\":\"\\\"quoted\\\" \xef\xbf\xbd\",\"category\":\"category\","
               R"("account":"QEM","priority":"Critical","value":4294967295,"text":"text",)"
               R"("details":"line\nline","timeStampMs":1700000000123,)"
               R"("timeStamp":"2023-11-14T22:13:20.123Z","stringEntries":{"s":"text"},)"

@@ -23,6 +23,7 @@ endfunction()
 forbid(common/infra "^#include \"" "\"common/infra/")
 forbid(common/Analytics "^#include \"" "\"common/(infra|Analytics)/")
 forbid(host/services "^#include \"" "\"(common/(infra|Analytics)|host/services)/")
+forbid(host/testing "^#include \"" "\"(common/(infra|Analytics)|host/(services|testing))/")
 forbid(host/program "^#include \"" "\"(common/(infra|Analytics)|host/(services|program))/")
 # The library includes nothing else but the standard library.
 forbid(common/infra "^#include <" "<[a-z_]+>")

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <numeric>
 #include <thread>
 #include <vector>
@@ -71,7 +72,6 @@ TEST_F(StorageLatencyTest, AnEpisodeThatOutlivesThePeriodGoesOnAsANewOne) {
     EXPECT_EQ(close(30 * ms).maxHighStorageLatencyDuration, 20U);
     latency.record(1, 42 * ms);
     EXPECT_EQ(close(90 * ms).maxHighStorageLatencyDuration, 12U);
-    EXPECT_EQ(close(99 * ms).maxHighStorageLatencyDuration, 0U);
 }
 
 TEST_F(StorageLatencyTest, LimitsTakeEffectWithTheNextPeriod) {
@@ -87,33 +87,24 @@ TEST_F(StorageLatencyTest, LimitsTakeEffectWithTheNextPeriod) {
 
 TEST_F(StorageLatencyTest, NothingIsLostBetweenReadingAndRecording) {
     constexpr u64 perThread = 48'000;
-    constexpr u64 batched = 8;
     const auto record = [this] {
-        for (u64 i = 0; i < perThread; ++i) {
+        for (u64 i = 0; i < perThread; i += 4) {
             latency.record(i % 50 * us, 0);
-        }
-    };
-    const auto recordBatches = [this] {
-        for (u64 i = 0; i < perThread / batched; ++i) {
             StorageLatency::Batch batch(latency, i);
-            for (u64 j = 0; j < batched; ++j) {
-                batch.record(j % 2 == 0 ? us : 200 * us);
+            for (const u64 latencyNs : {us, 200 * us, us}) {
+                batch.record(latencyNs);
             }
         }
     };
-    std::thread threads[] = {std::thread(record), std::thread(record), std::thread(recordBatches)};
+    std::thread threads[] = {std::thread(record), std::thread(record), std::thread(record)};
     u64 total = 0;
-    const auto read = [&] {
+    for (int i = 0; i <= 1'000; ++i) {
+        if (i == 1'000) {
+            std::for_each(threads, threads + 3, [](std::thread& thread) { thread.join(); });
+        }
         const Classes period = classes();
         total += std::accumulate(period.begin(), period.end(), u64{0});
-    };
-    for (int i = 0; i < 1'000; ++i) {
-        read();
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    read();
     EXPECT_EQ(total, 3 * perThread);
 }
 

@@ -57,7 +57,7 @@ AnalyticsParcel* StorageAnalyticsGenerator::finalizeInternal() {
     }
     parcel->addEntry(m_maxHighStorageLatencyDurationNameCm, counters.maxHighStorageLatencyDuration);
 
-    LogItem summary = LOG_LINE(LogModuleCommon, InfoLevel);
+    auto summary = LOG_LINE(LogModuleCommon, InfoLevel);
     summary << parcelName << ", Event Label=" << parcel->getText()
             << ", Event Value=" << parcel->getValue();
     for (std::size_t i = 0; i < m_storageLatencyNamesCms.size(); ++i) {

@@ -10,9 +10,8 @@
 // The periodic storage-latency report: the counters that the host's asynchronous I/O service keeps,
 // published unchanged. Its parcel, "StoragePeriodicParcel" in category "storage":
 //
-//     text        | [Latency Threshold=L][lt=T]: the threshold L of the counters is less than (lt),
-//     equal
-//                 | to (eq) or greater than (gt) the live tunable's threshold T
+//     text        | [Latency Threshold=L][lt=T]: the counters' threshold L is less than (lt),
+//                 | equal to (eq) or greater than (gt) the live tunable's threshold T
 //     value       | mean duration of the high-latency episodes
 //     cm1 to cm5  | u32: completed I/Os in each latency class
 //     cm6         | u32: duration of the longest high-latency episode

@@ -5,9 +5,11 @@
 #include "common/infra/Singleton.h"
 
 #include <atomic>
+#include <mutex>
 
 // The host's live tunables: public fields that the tunables service keeps up to date and that are
-// read at every use. Each field is read and written as a whole, from any thread.
+// read at every use. Each field is read and written as a whole, from any thread. Whoever writes or
+// reads several that belong together holds `together` meanwhile.
 class ANALYTICS_EXPORT DynamicTweaks : public Singleton<DynamicTweaks, DynamicTweaks> {
 public:
     // Reports are made but not sent.
@@ -22,4 +24,6 @@ public:
     std::atomic<u32> t_StorageAnalyticsLatencyModerate{5'000};
     std::atomic<u32> t_StorageAnalyticsLatencySlow{20'000};
     std::atomic<u32> t_StorageAnalyticsLatencyVerySlow{100'000};
+
+    std::mutex together;
 };

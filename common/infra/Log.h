@@ -75,6 +75,9 @@ public:
     // std::endl and its kind.
     LogItem& operator<<(std::ostream& (*manipulator)(std::ostream&));
 
+    // Hands the text so far to the logging service.
+    LogItem& flush();
+
     // The item as a standard stream, for code that takes one.
     operator std::ostream&() { return stream(); }
 
@@ -98,7 +101,6 @@ private:
     }
     void append(std::string_view text);
     void appendAddress(const void* address);
-    void flush();
     std::ostream& stream();
 
     const LogModule m_module;

@@ -19,8 +19,8 @@ public:
     // Whether releases are tracked. The base version answers bMemshieldActive.
     virtual bool isMemshieldActive();
 
-    // A block of at least `size` bytes, aligned for any object; never null: throws std::bad_alloc.
-    // The second argument is reserved and 0.
+    // A block of at least `size` bytes, aligned for std::max_align_t; never null: throws
+    // std::bad_alloc. The second argument is reserved and 0.
     virtual void* allocAndRegister(unsigned long size, unsigned long reserved, const char* typeName,
                                    const char* file, unsigned int line);
     // Checks a block that is about to be released, and reports what is wrong with it.

@@ -2,6 +2,7 @@
 
 #include "common/infra/MemShield.h"
 
+#include <cstddef>
 #include <memory>
 #include <new>
 #include <utility>
@@ -39,6 +40,7 @@ template <typename T>
 struct TrackedAllocation {
     template <typename... Args>
     T* operator()(Args&&... args) const {
+        static_assert(alignof(T) <= alignof(std::max_align_t), "the tracker aligns no further");
         struct Unconstructed {};
         void* block = Singleton<MemShield, MemShield>::instance()->allocAndRegister(
             sizeof(T), 0, typeName, file, static_cast<unsigned int>(line));

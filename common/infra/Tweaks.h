@@ -12,7 +12,7 @@
 template <typename T>
 struct DefaultTweakValue {
     DefaultTweakValue() = default;
-    explicit DefaultTweakValue(const T& value) : m_valid(true), m_value(value) {}
+    DefaultTweakValue(const T& value) : m_valid(true), m_value(value) {}
 
     bool m_valid = false;
     T m_value{};

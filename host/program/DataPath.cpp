@@ -118,8 +118,16 @@ void DataPath::issue(u64 count) {
         m_batch.push_back(&slot);
         ++m_issued;
     }
+    const RcStatus status = aio().submit(m_batch.data(), m_batch.size());
+    if (status != RC_SUCCESS) { // nothing was taken, so nothing will complete
+        LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3)
+            << "I/Os are refused: status=" << u32{status} << std::endl;
+        for (AioRequest* refused : m_batch) {
+            m_idle.push_back(static_cast<Slot*>(refused));
+        }
+        m_stopping = true;
+    }
     m_deepestQueue.update(m_slots.size() - m_idle.size());
-    aio().submit(m_batch.data(), m_batch.size());
 }
 
 // With the mutex held.

@@ -24,8 +24,9 @@ T& ownService() {
 }
 
 DataPath::Options dataPathOptions(const Options& options, const ScratchFile& file) {
-    return {file.descriptor(),   options.size, options.blockSize, options.queueDepth,
-            options.readPercent, options.rate, options.maxIos};
+    return {file.descriptor(),  options.size,        static_cast<u32>(options.blockSize),
+            options.queueDepth, options.readPercent, options.rate,
+            options.maxIos};
 }
 
 // The program's own event: the maxima that the data path kept.

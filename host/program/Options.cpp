@@ -1,11 +1,13 @@
 #include "host/program/Options.h"
 
 #include "common/infra/StringUtils.h"
+#include "common/infra/Tweaks.h"
 #include "host/program/ExitCodes.h"
 #include "host/services/LogService.h"
 
 #include <CLI/CLI.hpp>
 
+#include <charconv>
 #include <iostream>
 #include <limits>
 #include <map>
@@ -15,8 +17,8 @@ namespace {
 // The timer takes milliseconds in 32 bits.
 constexpr u32 maxIntervalSecs = std::numeric_limits<u32>::max() / OneSecondInMs;
 constexpr u32 maxQueueDepth = 4096;
-constexpr u32 sectorSize = 512;
-constexpr u32 maxBlockSize = 16U << 20U;
+constexpr u64 sectorSize = 512;
+constexpr u64 maxBlockSize = 16U << 20U;
 
 const std::map<std::string, ParcelFormat> formats = {{"text", ParcelFormat::Text},
                                                      {"jsonl", ParcelFormat::JsonLines}};
@@ -38,8 +40,35 @@ WeeklySchedule& weekly(Options& options) {
     return options.weekly ? *options.weekly : options.weekly.emplace();
 }
 
-std::string oneOf(const std::string& names) {
-    return "one of " + names;
+// "64M" in bytes.
+u64 parseBytes(const std::string& option, const std::string& text) {
+    static const std::map<std::string, u64, CaseInsensitiveLess> units = {
+        {"", 1}, {"K", u64{1} << 10U}, {"M", u64{1} << 20U}, {"G", u64{1} << 30U}};
+    u64 number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    const auto unit = units.find(end);
+    if (error != std::errc() || unit == units.end() ||
+        number > std::numeric_limits<u64>::max() / unit->second) {
+        throw CLI::ValidationError(option, "'" + text +
+                                               "' is no size; expected a whole number of "
+                                               "bytes, or of K, M or G, as in 64M");
+    }
+    return number * unit->second;
+}
+
+void addSize(CLI::App& app, const std::string& option, u64& target, const std::string& text) {
+    app.add_option_function<std::string>(
+           option,
+           [option, &target](const std::string& given) { target = parseBytes(option, given); },
+           text)
+        ->option_text("BYTES");
+}
+
+// A number in decimal digits: the conversion to an unsigned type would let -1 through.
+std::string isWholeNumber(const std::string& text) {
+    const bool isNumber =
+        !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+    return isNumber ? "" : "'" + text + "' is not a whole number";
 }
 
 // Accepts the names of a table, and says which they are.
@@ -55,7 +84,7 @@ void addChoice(CLI::App& app, const std::string& option, T& target,
            text)
         ->check([&choices, names](const std::string& name) {
             return choices.count(name) != 0 ? std::string()
-                                            : "'" + name + "' is not " + oneOf(names);
+                                            : "'" + name + "' is not one of " + names;
         })
         ->option_text("NAME");
 }
@@ -67,7 +96,8 @@ void addOptions(CLI::App& app, Options& options) {
            "(default: the working directory)")
         ->option_text("DIR");
     app.add_option("--reports", options.reports,
-                   "Stop after N reporting periods (default: when interrupted)")
+                   "Stop after N reporting periods, at least 1 (default: when interrupted)")
+        ->check(isWholeNumber)
         ->check(CLI::Range(u64{1}, std::numeric_limits<u64>::max()))
         ->option_text("N");
     addChoice(app, "--format", options.format, formats,
@@ -115,6 +145,7 @@ void addScheduleOptions(CLI::App& app, Options& options) {
                                     "Seconds between reports, 1 to 4294967 (default 5, or "
                                     "t_StorageAnalyticsIntervalSec of "
                                     "--tweaks)")
+                         ->check(isWholeNumber)
                          ->check(CLI::Range(u32{1}, maxIntervalSecs))
                          ->option_text("SECONDS");
     auto* days =
@@ -128,39 +159,41 @@ void addScheduleOptions(CLI::App& app, Options& options) {
     auto* hour = app.add_option_function<u32>(
                         "--hour", [&options](u32 given) { weekly(options).hour = given; },
                         "Hour of the day, UTC, for --days, 0 to 23")
+                     ->check(isWholeNumber)
                      ->check(CLI::Range(u32{0}, u32{23}))
                      ->needs(days)
                      ->option_text("H");
     days->needs(hour);
     app.add_option("--show-schedule", options.showSchedule,
-                   "Print the next N moments at which reports fall due, and end")
+                   "Print the next N moments at which reports fall due, 1 to 10000, and end")
+        ->check(isWholeNumber)
         ->check(CLI::Range(u64{1}, u64{10'000}))
         ->option_text("N");
 }
 
 void addDataPathOptions(CLI::App& app, Options& options) {
-    const auto bytes = CLI::AsSizeValue(false);
-    app.add_option("--size", options.size,
-                   "Bytes of the scratch file, with K, M or G (default 64M)")
-        ->transform(bytes)
-        ->option_text("BYTES");
-    app.add_option("--block-size", options.blockSize,
-                   "Bytes of an I/O, with K or M: a multiple of 512 up to 16M (default 4K)")
-        ->transform(bytes)
-        ->option_text("BYTES");
+    addSize(app, "--size", options.size,
+            "Bytes of the scratch file, with K, M or G, at least one block (default 64M)");
+    addSize(app, "--block-size", options.blockSize,
+            "Bytes of an I/O, with K or M: a multiple of 512 up to 16M (default 4K)");
     app.add_option("--queue-depth", options.queueDepth,
                    "I/Os in flight at the most, 1 to 4096 (default 8)")
+        ->check(isWholeNumber)
         ->check(CLI::Range(u32{1}, maxQueueDepth))
         ->option_text("N");
     app.add_option("--read-percent", options.readPercent, "Share of reads, in percent (default 70)")
+        ->check(isWholeNumber)
         ->check(CLI::Range(u32{0}, u32{100}))
         ->option_text("PERCENT");
-    app.add_option("--rate", options.rate,
-                   "I/Os per second (default 200; 0: as fast as the queue depth allows)")
+    app.add_option(
+           "--rate", options.rate,
+           "I/Os per second, up to 10000000 (default 200; 0: as fast as the queue depth allows)")
+        ->check(isWholeNumber)
         ->check(CLI::Range(u32{0}, u32{10'000'000}))
         ->option_text("IOPS");
     app.add_option("--max-ios", options.maxIos,
                    "Make so many I/Os and be idle from then on (default: no limit)")
+        ->check(isWholeNumber)
         ->option_text("N");
 }
 
@@ -177,6 +210,9 @@ void addLogOptions(CLI::App& app, Options& options) {
 
 // What no single option can tell.
 void checkTogether(const Options& options) {
+    if (options.path.empty()) {
+        throw CLI::ValidationError("--path", "is empty; expected a folder");
+    }
     if (options.blockSize == 0 || options.blockSize % sectorSize != 0 ||
         options.blockSize > maxBlockSize) {
         throw CLI::ValidationError("--block-size",

@@ -27,7 +27,7 @@ struct Options {
     std::string outputFile;    // empty: standard output
     std::string tweaksFile;    // empty: none
     u64 size = u64{64} << 20U; // bytes of the scratch file
-    u32 blockSize = 4096;      // bytes of an I/O
+    u64 blockSize = 4096;      // bytes of an I/O
     u32 queueDepth = 8;
     u32 readPercent = 70;
     u32 rate = 200;            // I/Os per second; 0: as fast as it goes

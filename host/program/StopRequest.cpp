@@ -57,7 +57,7 @@ void StopRequest::wait() {
     if ((sources[0].revents & POLLIN) != 0) {
         signalfd_siginfo taken{};
         check(static_cast<int>(::read(m_signals, &taken, sizeof taken)), "read a signal");
+        const sigset_t signals = stopSignals();
+        pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
     }
-    const sigset_t signals = stopSignals();
-    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }

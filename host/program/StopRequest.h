@@ -15,7 +15,7 @@ public:
     // Asks the program to stop. Any thread.
     void request();
 
-    // Blocks until a signal has arrived or request() was called. Afterwards the signals have their
+    // Blocks until a signal has arrived or request() was called. After a signal the two have their
     // default effect again on the calling thread: a second one ends the process at once.
     void wait();
 

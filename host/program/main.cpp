@@ -11,6 +11,7 @@
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <stdexcept>
 
 namespace {
 
@@ -28,7 +29,10 @@ int run(const Options& options) {
     if (options.showSchedule != 0) {
         loadTweaks(options);
         showSchedule(options, std::time(nullptr), std::cout);
-        return std::cout.flush() ? exitDone : exitFailed;
+        if (!std::cout.flush()) {
+            throw std::runtime_error("cannot write the schedule to standard output");
+        }
+        return exitDone;
     }
     return Host(options).run();
 }

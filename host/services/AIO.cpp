@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <future>
 #include <iterator>
@@ -33,7 +32,8 @@ u64 monotonicNs() {
 }
 
 AIO::Limits limitsInForce() {
-    const DynamicTweaks& tweaks = *Singleton<DynamicTweaks, DynamicTweaks>::instance();
+    DynamicTweaks& tweaks = *Singleton<DynamicTweaks, DynamicTweaks>::instance();
+    const std::lock_guard<std::mutex> lock(tweaks.together);
     return {tweaks.t_StorageAnalyticsLatencyThreshold,
             {tweaks.t_StorageAnalyticsLatencyFast, tweaks.t_StorageAnalyticsLatencyModerate,
              tweaks.t_StorageAnalyticsLatencySlow, tweaks.t_StorageAnalyticsLatencyVerySlow}};
@@ -46,6 +46,10 @@ AioRequest* requestOf(const io_uring_cqe& completion) {
 
 [[noreturn]] void throwErrno(int error, const char* what) {
     throw std::system_error(error, std::generic_category(), what);
+}
+
+std::string messageOf(int error) {
+    return std::generic_category().message(error);
 }
 
 void check(const AIO::Options& options) {
@@ -317,7 +321,7 @@ bool AIO::Impl::registerBuffers() {
     if (error != 0) {
         // Commonly the limit of locked memory. The kernel then maps the buffers for each I/O.
         LogItem(LogModuleCommon, InfoLevel, __PRETTY_FUNCTION__, 3)
-            << "I/O buffers are not registered: " << std::strerror(error)
+            << "I/O buffers are not registered: " << messageOf(error)
             << " bytes=" << options.bufferBytes << std::endl;
     }
     return error == 0;
@@ -392,7 +396,7 @@ void AIO::Impl::exchangeWithKernel() {
     }
     // The ring itself is broken, and with it every buffer that the kernel may still write to.
     LogItem(LogModuleCommon, FatalLevel, __PRETTY_FUNCTION__, 3)
-        << "io_uring failed: " << std::strerror(-result) << std::endl;
+        << "io_uring failed: " << messageOf(-result) << std::endl;
     std::abort();
 }
 

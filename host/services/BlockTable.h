@@ -17,6 +17,48 @@ struct BlockInfo {
     unsigned int line;
 };
 
+// The lane of a thread: in each bucket of a block table's first segment it has a slot that no other
+// thread fills, which spares it an atomic exchange. The first threads to ask get one, and give it
+// back when they end.
+class ThreadLane {
+public:
+    static constexpr unsigned int count = 4;
+
+    // The calling thread's, below `count`; `count` if it has none.
+    static unsigned int mine() {
+        if (m_mine == unasked) {
+            m_mine = take();
+        }
+        return m_mine;
+    }
+
+private:
+    static constexpr unsigned int unasked = count + 1;
+
+    struct GiveBack {
+        ~GiveBack() {
+            if (m_mine < count) {
+                m_taken[m_mine].store(false, std::memory_order_release);
+            }
+            m_mine = count;
+        }
+    };
+
+    __attribute__((noinline)) static unsigned int take() {
+        static thread_local GiveBack atThreadEnd;
+        unsigned int lane = 0;
+        while (lane < count && m_taken[lane].exchange(true, std::memory_order_acquire)) {
+            ++lane;
+        }
+        return lane;
+    }
+
+    inline static std::array<std::atomic<bool>, count> m_taken{};
+    // One load and no call to find it, also in a shared object.
+    __attribute__((tls_model("initial-exec"))) inline static thread_local unsigned int m_mine =
+        unasked;
+};
+
 // The live blocks, in a hash table beside them: a pointer is only ever compared with what the table
 // holds, so looking one up reads no memory that might not be a live block.
 //
@@ -33,7 +75,13 @@ public:
     // Throws std::bad_alloc.
     void add(const void* block, const BlockInfo& info) {
         const auto address = reinterpret_cast<std::uintptr_t>(block);
-        if (!addTo(bucketOf(m_first.data(), 0, address), address, info)) {
+        Bucket& bucket = bucketOf(m_first.data(), 0, address);
+        const unsigned int lane = ThreadLane::mine();
+        if (lane < ThreadLane::count &&
+            bucket.blocks[lane].load(std::memory_order_acquire) == freeSlot) {
+            bucket.blocks[lane].store(claimedSlot, std::memory_order_relaxed);
+            fill(bucket, lane, address, info);
+        } else if (!addTo(bucket, ThreadLane::count, address, info)) {
             addToGrown(address, info);
         }
     }
@@ -129,38 +177,39 @@ private:
             if (segment > m_grown.load(std::memory_order_acquire)) {
                 grow(segment);
             }
-            if (addTo(bucketOf(m_segments[segment - 1], segment, address), address, info)) {
+            if (addTo(bucketOf(m_segments[segment - 1], segment, address), 0, address, info)) {
                 return;
             }
         }
     }
 
-    static bool addTo(Bucket& bucket, std::uintptr_t address, const BlockInfo& info) {
-        for (std::size_t i = 0; i < slotsPerBucket; ++i) {
-            if (claim(bucket.blocks[i])) {
-                fill(bucket.records[i], info);
-                bucket.blocks[i].store(address, std::memory_order_release);
+    // Claims one of the slots from `begin` on.
+    static bool addTo(Bucket& bucket, std::size_t begin, std::uintptr_t address,
+                      const BlockInfo& info) {
+        for (std::size_t i = begin; i < slotsPerBucket; ++i) {
+            std::uintptr_t expected = freeSlot;
+            if (bucket.blocks[i].load(std::memory_order_relaxed) == freeSlot &&
+                bucket.blocks[i].compare_exchange_strong(expected, claimedSlot,
+                                                         std::memory_order_acquire)) {
+                fill(bucket, i, address, info);
                 return true;
             }
         }
         return false;
     }
 
-    static bool claim(Slot& slot) {
-        std::uintptr_t expected = freeSlot;
-        return slot.load(std::memory_order_relaxed) == freeSlot &&
-               slot.compare_exchange_strong(expected, claimedSlot, std::memory_order_acquire);
-    }
-
-    // The version comes first and each field after it with release, so that a visitor that reads
-    // one new field also reads the new version.
-    static void fill(Record& record, const BlockInfo& info) {
+    // Fills a claimed slot. The version comes before the fields, and all are written with release,
+    // so that a visitor that reads one new field also reads the new version.
+    static void fill(Bucket& bucket, std::size_t slot, std::uintptr_t address,
+                     const BlockInfo& info) {
+        Record& record = bucket.records[slot];
         record.version.store(record.version.load(std::memory_order_relaxed) + 1,
-                             std::memory_order_relaxed);
+                             std::memory_order_release);
         record.size.store(info.size, std::memory_order_release);
         record.typeName.store(info.typeName, std::memory_order_release);
         record.file.store(info.file, std::memory_order_release);
         record.line.store(info.line, std::memory_order_release);
+        bucket.blocks[slot].store(address, std::memory_order_release);
     }
 
     static BlockInfo read(const Record& record) {

@@ -89,7 +89,7 @@ void LogItem::appendAddress(const void* address) {
     appendInteger(reinterpret_cast<std::uintptr_t>(address), 16);
 }
 
-void LogItem::flush() {
+LogItem& LogItem::flush() {
     const std::string_view text =
         m_spill.empty() ? std::string_view(m_line.data(), m_length) : std::string_view(m_spill);
     if (m_enabled) {
@@ -97,6 +97,7 @@ void LogItem::flush() {
     }
     m_length = 0;
     m_spill.clear();
+    return *this;
 }
 
 std::ostream& LogItem::stream() {

@@ -125,6 +125,7 @@ RcStatus ParcelOutbox::pushParcel(IParcel* parcel, ParcelType type) {
     m_impl->parcels.push(parcel);
     ++m_impl->counts.pushed;
     m_impl->counts.dropped += full ? 1 : 0;
+    // The length of the present run, or of the one that this push ends.
     const u64 run = full ? ++m_impl->run : m_impl->endRun();
     const bool awaited = m_impl->waiting > 0;
     lock.unlock();

@@ -4,6 +4,7 @@
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/sinks/stdout_color_sinks.h>
 
+#include <filesystem>
 #include <stdexcept>
 #include <utility>
 
@@ -14,9 +15,9 @@ constexpr std::size_t olderFiles = 3;
 
 spdlog::level::level_enum spdlogLevel(LogLevel level) {
     switch (level) {
-    case AssertLevel:
     case FatalLevel:
         return spdlog::level::critical;
+    case AssertLevel:
     case ErrorLevel:
         return spdlog::level::err;
     case WarnLevel:
@@ -55,12 +56,18 @@ std::unique_ptr<SpdlogSink> SpdlogSink::toStandardError() {
 }
 
 std::unique_ptr<SpdlogSink> SpdlogSink::toFile(const std::string& path) {
+    // The sink below would make the folders of a mistyped path.
+    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+    if (!folder.empty() && !std::filesystem::is_directory(folder)) {
+        throw std::runtime_error("cannot log to '" + path + "': expected an existing folder '" +
+                                 folder.native() + "'");
+    }
     try {
         return std::unique_ptr<SpdlogSink>(new SpdlogSink(std::make_shared<spdlog::logger>(
             path, std::make_shared<spdlog::sinks::rotating_file_sink_mt>(path, maxFileBytes,
                                                                          olderFiles))));
     } catch (const spdlog::spdlog_ex& error) {
-        throw std::runtime_error(error.what());
+        throw std::runtime_error("cannot log to '" + path + "': " + error.what());
     }
 }
 

@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <iterator>
 #include <limits>
+#include <mutex>
 #include <optional>
 #include <string_view>
 #include <system_error>
@@ -335,6 +336,7 @@ void TweaksFile::follow() {
 }
 
 void TweaksFile::apply(const std::vector<u32>& values) {
+    const std::lock_guard<std::mutex> lock(DynamicTweaks::instance()->together);
     std::vector<std::string> changes;
     for (std::size_t i = 0; i < tunables.size(); ++i) {
         const Tunable& tunable = tunables[i];

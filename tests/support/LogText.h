@@ -1,10 +1,9 @@
 #pragma once
 
-#include "tests/support/RecordingLog.h"
+#include "host/testing/RecordingLog.h"
 
 #include <regex>
 #include <string>
-#include <vector>
 
 // Log lines as texts to compare: "kel info [virtual u64 Policy::getNextSchedule()] 3: text\n".
 
@@ -14,21 +13,27 @@ inline std::string withoutLineNumbers(const std::string& text) {
     return std::regex_replace(text, std::regex("\\.cpp[ :][0-9]+"), ".cpp N");
 }
 
-// g++ and clang++ set blanks around '*' and '&' differently in a signature.
-inline std::string withoutBlanksAtPointers(const std::string& function) {
-    return std::regex_replace(function, std::regex(" *([*&]) *"), "$1");
+// g++ and clang++ set blanks around '*' and '&' differently in a signature, and qualify nested
+// types differently.
+inline std::string commonSignature(const std::string& function) {
+    const std::string plain = std::regex_replace(function, std::regex(" *([*&]) *"), "$1");
+    return std::regex_replace(plain, std::regex("\\w+::Days\\b"), "Days");
 }
 
-inline std::string toText(const RecordingLog::Line& line) {
-    return std::string(toString(line.module)) + " " + toString(line.level) + " [" +
-           withoutBlanksAtPointers(line.function) + "] " + std::to_string(line.detail) + ": " +
-           withoutLineNumbers(line.text);
-}
-
-inline std::vector<std::string> toTexts(const RecordingLog& log) {
-    std::vector<std::string> result;
+// All lines together.
+inline std::string toText(const RecordingLog& log) {
+    std::string result;
     for (const RecordingLog::Line& line : log.lines()) {
-        result.push_back(toText(line));
+        result += std::string(toString(line.module)) + " " + toString(line.level) + " [" +
+                  commonSignature(line.function) + "] " + std::to_string(line.detail) + ": " +
+                  withoutLineNumbers(line.text);
     }
     return result;
+}
+
+// The line of an assertion that failed in `source`.
+inline std::string failedIn(const std::string& source, const std::string& function,
+                            const std::string& condition, const std::string& details = "") {
+    return "kel assert [" + function + "] 3:  " + source + ".cpp N: " + condition + " failed. " +
+           details + "\n";
 }

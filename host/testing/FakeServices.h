@@ -2,10 +2,10 @@
 
 #include "common/infra/DynamicTweaks.h"
 #include "common/infra/Tweaks.h"
-#include "tests/support/FakeOutbox.h"
-#include "tests/support/FakeTimer.h"
-#include "tests/support/Installed.h"
-#include "tests/support/RecordingMemShield.h"
+#include "host/testing/FakeOutbox.h"
+#include "host/testing/FakeTimer.h"
+#include "host/testing/Installed.h"
+#include "host/testing/RecordingMemShield.h"
 
 // Fakes of the services that the library calls, installed for the lifetime of the object: first the
 // memory tracker, so that the others give back what they hold to the tracker that it came from.
