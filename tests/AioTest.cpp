@@ -56,10 +56,7 @@ protected:
         aio.mabeStorageLatencyAnalytics(counters);
         return std::accumulate(counters.storageLatency, counters.storageLatency + 5, u64{0});
     }
-    void TearDown() override {
-        aio.close();
-        std::fclose(scratch);
-    }
+    void TearDown() override { aio.close(), std::fclose(scratch); }
 
     std::FILE* const scratch = std::tmpfile();
     const int file = fileno(scratch);

@@ -74,8 +74,8 @@ AnalyticsParcel& AnalyticsParcel::addEntry(const std::string& key, double value)
     // Sign, the digits of the largest double, the point, six decimals and the terminator.
     constexpr int capacity = 1 + (std::numeric_limits<double>::max_exponent10 + 1) + 1 + 6 + 1;
     char text[capacity];
-    std::snprintf(text, sizeof text, "%f", value);
-    m_doubleEntries[key] = text;
+    const int length = std::snprintf(text, sizeof text, "%f", value);
+    m_doubleEntries[key].assign(text, static_cast<std::size_t>(length));
     return *this;
 }
 

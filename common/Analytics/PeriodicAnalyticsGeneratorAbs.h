@@ -57,5 +57,5 @@ private:
     static const std::string periodicReservedCd; // nothing is written under it
 
     u64 m_startTimeStamp; // milliseconds of the process timer
-    u64 m_endTimeStamp;
+    u64 m_endTimeStamp = 0;
 };

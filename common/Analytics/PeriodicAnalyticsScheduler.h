@@ -44,7 +44,7 @@ public:
 
 private:
     void initTimer();
-    void sendOrDiscard(AnalyticsParcel* parcel);
+    void sendOrDiscard(AnalyticsParcel* finalized);
 
     IPeriodicAnalyticsParcelFinalizer* m_finalizer;
     IAnalyticsSchedulingPolicy* m_policy;

@@ -46,7 +46,7 @@ struct TrackedAllocation {
             sizeof(T), 0, typeName, file, static_cast<unsigned int>(line));
         TrackedPtr<Unconstructed> guard(new (block) Unconstructed, TrackedDelete{file, line});
         T* object = new (block) T(std::forward<Args>(args)...);
-        guard.release();
+        static_cast<void>(guard.release());
         return object;
     }
 

@@ -7,7 +7,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
+#include <cmath>
+#include <system_error>
 
 namespace {
 
@@ -19,7 +20,7 @@ AIO& aio() {
 
 std::string describe(int result, u32 expected) {
     if (result < 0) {
-        return std::strerror(-result);
+        return std::generic_category().message(-result);
     }
     return "moved " + std::to_string(result) + " bytes of " + std::to_string(expected);
 }
@@ -48,6 +49,7 @@ DataPath::~DataPath() {
 }
 
 void DataPath::start() {
+    const std::lock_guard<std::mutex> oneAtATime(m_lifeMutex);
     aio().open({m_options.file, m_options.queueDepth, m_buffers.data(), m_buffers.size()});
     if (m_options.rate != 0) {
         m_pacer = std::thread(&DataPath::pace, this);
@@ -58,7 +60,7 @@ void DataPath::start() {
 }
 
 void DataPath::stop() {
-    const std::lock_guard<std::mutex> oneAtATime(m_stopMutex);
+    const std::lock_guard<std::mutex> oneAtATime(m_lifeMutex);
     std::unique_lock<std::mutex> lock(m_mutex);
     m_stopping = true;
     m_changed.notify_all();
@@ -97,7 +99,7 @@ void DataPath::pace() {
             return;
         }
         const std::chrono::duration<double> elapsed = next - started;
-        const u64 dueNow = static_cast<u64>(elapsed.count() * m_options.rate + 0.5);
+        const u64 dueNow = static_cast<u64>(std::llround(elapsed.count() * m_options.rate));
         issue(dueNow - due);
         due = dueNow;
     }

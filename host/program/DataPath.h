@@ -70,7 +70,7 @@ private:
     AlignedBuffer m_buffers;
     std::vector<Slot> m_slots;
     std::thread m_pacer;
-    std::mutex m_stopMutex; // taken before the other
+    std::mutex m_lifeMutex; // starting and stopping; taken before the other
 
     // Under the mutex.
     mutable std::mutex m_mutex;

@@ -4,8 +4,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <stdexcept>
+#include <system_error>
 
 OutputFile::OutputFile(const std::string& path)
     : m_name(path.empty() ? "standard output" : "'" + path + "'"),
@@ -13,7 +13,8 @@ OutputFile::OutputFile(const std::string& path)
                        ? STDOUT_FILENO
                        : ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644)) {
     if (m_descriptor < 0) {
-        throw std::runtime_error("cannot open " + m_name + ": " + std::strerror(errno) +
+        throw std::runtime_error("cannot open " + m_name + ": " +
+                                 std::generic_category().message(errno) +
                                  " (expected a file that can be appended to, see --output)");
     }
 }
@@ -30,7 +31,8 @@ void OutputFile::write(std::string_view text) {
         if (written >= 0) {
             text.remove_prefix(static_cast<std::size_t>(written));
         } else if (errno != EINTR) {
-            throw std::runtime_error("cannot write to " + m_name + ": " + std::strerror(errno));
+            throw std::runtime_error("cannot write to " + m_name + ": " +
+                                     std::generic_category().message(errno));
         }
     }
 }

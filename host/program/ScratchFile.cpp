@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
+#include <system_error>
 
 namespace {
 
@@ -16,8 +17,8 @@ constexpr std::size_t fillBytes = std::size_t{1} << 20U;
 
 [[noreturn]] void fail(const std::string& what, const std::string& folder, int error,
                        const std::string& expected) {
-    throw std::runtime_error(what + " in '" + folder + "': " + std::strerror(error) + " (" +
-                             expected + ")");
+    throw std::runtime_error(what + " in '" + folder + "': " +
+                             std::generic_category().message(error) + " (" + expected + ")");
 }
 
 } // namespace

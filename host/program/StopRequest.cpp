@@ -29,7 +29,7 @@ void check(int result, const char* what) {
 
 } // namespace
 
-StopRequest::StopRequest() : m_signals(-1), m_requests(-1) {
+StopRequest::StopRequest() {
     const sigset_t signals = stopSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     m_signals = signalfd(-1, &signals, SFD_CLOEXEC);

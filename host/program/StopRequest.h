@@ -20,6 +20,6 @@ public:
     void wait();
 
 private:
-    int m_signals;
-    int m_requests;
+    int m_signals = -1;
+    int m_requests = -1;
 };

@@ -45,7 +45,7 @@ int main(int argc, char** argv) {
         return commandLine.exitCode;
     }
     // A reader that goes away is an error of the write, to be reported like any other.
-    std::signal(SIGPIPE, SIG_IGN);
+    static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
     int exitCode = exitFailed;
     std::unique_ptr<SpdlogSink> log;
     try {

@@ -336,7 +336,7 @@ void TweaksFile::follow() {
 }
 
 void TweaksFile::apply(const std::vector<u32>& values) {
-    const std::lock_guard<std::mutex> lock(DynamicTweaks::instance()->together);
+    std::unique_lock<std::mutex> lock(DynamicTweaks::instance()->together);
     std::vector<std::string> changes;
     for (std::size_t i = 0; i < tunables.size(); ++i) {
         const Tunable& tunable = tunables[i];
@@ -347,6 +347,7 @@ void TweaksFile::apply(const std::vector<u32>& values) {
                                           textOf(tunable, values[i])));
         }
     }
+    lock.unlock();
     if (!changes.empty() || m_refused) {
         LogItem(LogModuleCommon, InfoLevel, __PRETTY_FUNCTION__, 3)
             << " " << m_path << ": "
