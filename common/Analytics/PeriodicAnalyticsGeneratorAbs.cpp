@@ -9,7 +9,7 @@ const std::string PeriodicAnalyticsGeneratorAbs::periodicDurationCd = "cd11";
 const std::string PeriodicAnalyticsGeneratorAbs::periodicReservedCd = "cd12";
 
 PeriodicAnalyticsGeneratorAbs::PeriodicAnalyticsGeneratorAbs()
-    : m_startTimeStamp(Singleton<ITimer, Timer>::instance()->getTimestampMs()), m_endTimeStamp(0) {}
+    : m_startTimeStamp(Singleton<ITimer, Timer>::instance()->getTimestampMs()) {}
 
 AnalyticsParcel* PeriodicAnalyticsGeneratorAbs::finalizeParcel() {
     m_endTimeStamp = Singleton<ITimer, Timer>::instance()->getTimestampMs();
