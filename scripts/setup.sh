@@ -10,7 +10,7 @@ declare -A packages=(
     [program]="liburing-dev libspdlog-dev libfmt-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev"
     [tests]="libgtest-dev libgmock-dev"
     [checks]="clang clang-format clang-tidy"
-    [benchmarks]="libbenchmark-dev libboost-dev prometheus-cpp-dev"
+    [benchmarks]="libbenchmark-dev libboost-dev prometheus-cpp-dev fio"
 )
 declare -A reasons=(
     [build]="compiler and build tools"

@@ -1,0 +1,217 @@
+#include "benchmarks/Benchmark.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class ScratchFolder {
+public:
+    ScratchFolder() {
+        std::string name = fs::temp_directory_path() / "analytics-bench-XXXXXX";
+        if (mkdtemp(name.data()) == nullptr) {
+            throw std::system_error(errno, std::generic_category(), name);
+        }
+        m_path = name;
+    }
+
+    ~ScratchFolder() {
+        std::error_code ignored; // what is left is a temporary file
+        fs::remove_all(m_path, ignored);
+    }
+
+    ScratchFolder(const ScratchFolder&) = delete;
+    ScratchFolder& operator=(const ScratchFolder&) = delete;
+
+    const fs::path& path() const { return m_path; }
+
+private:
+    fs::path m_path;
+};
+
+// Standard error goes to a file if one is named.
+pid_t start(std::vector<std::string> words, const std::string& errors = "") {
+    std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
+    for (std::string& word : words) {
+        arguments.push_back(word.data());
+    }
+    arguments.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    if (!errors.empty()) {
+        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errors.c_str(),
+                                         O_WRONLY | O_CREAT, 0600);
+    }
+    pid_t process = 0;
+    const int error =
+        posix_spawnp(&process, arguments.front(), &actions, nullptr, arguments.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0) {
+        throw std::system_error(error, std::generic_category(), words.front());
+    }
+    return process;
+}
+
+void waitFor(pid_t process, const std::string& program) {
+    int status = 0;
+    if (waitpid(process, &status, 0) != process || status != 0) {
+        throw std::runtime_error(program + " failed, status " + std::to_string(status));
+    }
+}
+
+// The real host, without any I/O, its reports in a file.
+class IdleHost {
+public:
+    explicit IdleHost(const std::string& intervalSecs)
+        : m_process(start({ANALYTICS_HOST, "--path", m_folder.path(), "--size", "1M", "--max-ios",
+                           "0", "--interval", intervalSecs, "--output", reports()},
+                          m_folder.path() / "errors")) {}
+
+    ~IdleHost() {
+        kill(m_process, SIGTERM);
+        waitpid(m_process, nullptr, 0);
+    }
+
+    IdleHost(const IdleHost&) = delete;
+    IdleHost& operator=(const IdleHost&) = delete;
+
+    // A file or folder of its entry in /proc.
+    fs::path entry(const std::string& name) const {
+        return fs::path("/proc") / std::to_string(m_process) / name;
+    }
+
+    bool hasReported() const {
+        std::error_code notYet;
+        const auto size = fs::file_size(reports(), notYet);
+        return !notYet && size > 0;
+    }
+
+private:
+    fs::path reports() const { return m_folder.path() / "reports"; }
+
+    ScratchFolder m_folder;
+    pid_t m_process;
+};
+
+// The sum of the values that follow a key at the beginning of a line.
+u64 sumOf(const fs::path& file, const std::string& key) {
+    std::ifstream in(file);
+    u64 sum = 0;
+    for (std::string line; std::getline(in, line);) {
+        if (line.compare(0, key.size(), key) == 0) {
+            sum += std::stoull(line.substr(key.size()));
+        }
+    }
+    return sum;
+}
+
+u64 contextSwitches(const IdleHost& host) {
+    u64 switches = 0;
+    for (const auto& thread : fs::directory_iterator(host.entry("task"))) {
+        switches += sumOf(thread.path() / "status", "voluntary_ctxt_switches:") +
+                    sumOf(thread.path() / "status", "nonvoluntary_ctxt_switches:");
+    }
+    return switches;
+}
+
+// Asks again and again, for the other process does not tell.
+template <typename Condition>
+void awaitOutcome(const std::string& what, Condition condition) {
+    constexpr int attempts = 50;
+    for (int i = 0; i < attempts; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        if (condition()) {
+            return;
+        }
+    }
+    throw std::runtime_error("the host " + what + " within ten seconds");
+}
+
+Result countWakeUps(const Settings& settings) {
+    const IdleHost host("86400");
+    u64 atRest = 0;
+    awaitOutcome("does not come to rest", [&] {
+        const u64 before = atRest;
+        atRest = contextSwitches(host);
+        return atRest == before;
+    });
+    std::this_thread::sleep_for(std::chrono::seconds(settings.smoke ? 1 : 5));
+    const u64 wakeUps = contextSwitches(host) - atRest;
+    return {"wake-ups of an idle host in five seconds",
+            "",
+            "",
+            static_cast<double>(wakeUps),
+            {},
+            {},
+            Target::atMost(0)};
+}
+
+// Of the mappings of a file, from a process's smaps: each begins with a line that names the file.
+u64 residentKiB(const fs::path& smaps, const std::string& file) {
+    std::ifstream in(smaps);
+    u64 sum = 0;
+    bool isFile = false;
+    for (std::string line; std::getline(in, line);) {
+        const std::string key = line.substr(0, line.find(' '));
+        if (key.back() != ':') {
+            isFile = line.find("/" + file) != std::string::npos;
+        } else if (isFile && key == "Rss:") {
+            sum += std::stoull(line.substr(key.size()));
+        }
+    }
+    return sum;
+}
+
+Result measureMemory() {
+    const IdleHost host("1");
+    awaitOutcome("makes no report", [&] { return host.hasReported(); });
+    const u64 resident = residentKiB(host.entry("smaps"), "libanalytics.so");
+    if (resident == 0) {
+        throw std::runtime_error("libanalytics.so is not among the host's mappings");
+    }
+    return {"resident memory of libanalytics.so in a host",
+            "",
+            "KiB",
+            static_cast<double>(resident),
+            {},
+            {},
+            Target::reported()};
+}
+
+Result measureSize() {
+    const ScratchFolder folder;
+    const fs::path stripped = folder.path() / "stripped";
+    waitFor(start({"strip", "-o", stripped, ANALYTICS_LIBRARY}), "strip");
+    return {"size of libanalytics.so, stripped",
+            "",
+            "KiB",
+            static_cast<double>(fs::file_size(stripped)) / 1024,
+            {},
+            {},
+            Target::reported()};
+}
+
+} // namespace
+
+std::vector<Benchmark> footprintBenchmarks() {
+    return {{"idle", [](const Settings& settings) { return std::vector{countWakeUps(settings)}; }},
+            {"footprint", [](const Settings&) {
+                 return std::vector{measureSize(), measureMemory()};
+             }}};
+}
