@@ -117,7 +117,7 @@ public:
     ~SilentLog() override { LogService::setSink(m_previous); }
     SilentLog(const SilentLog&) = delete;
     SilentLog& operator=(const SilentLog&) = delete;
-    void write(const LogRecord&) override {}
+    void write(const LogRecord& /*record*/) override {}
 
 private:
     ILogSink* const m_previous;
