@@ -8,7 +8,5 @@ u64 Probe::value() {
 }
 
 void askAcrossBoundary(u64 times) {
-    for (u64 i = 0; i < times; ++i) {
-        keep(Singleton<IProbe, Probe>::instance());
-    }
+    repeat(times, [] { keep(Singleton<IProbe, Probe>::instance()); });
 }

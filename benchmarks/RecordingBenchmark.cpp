@@ -39,14 +39,16 @@ u64 nowNs() {
 }
 
 Case recordingOn(unsigned int threads, StorageLatency& latency) {
-    return {"ours",
-            [&](u64 times) {
-                const u64 startNs = nowNs();
-                for (u64 i = 0; i < times; ++i) {
-                    latency.record(latencies[i], startNs + i);
-                }
-            },
-            threads};
+    Case recording{"ours",
+                   [&](u64 times) {
+                       const u64 startNs = nowNs();
+                       for (u64 i = 0; i < times; ++i) {
+                           latency.record(latencies[i], startNs + i);
+                       }
+                   },
+                   threads};
+    recording.sleeps = threads > 1; // in a mutex, where an episode begins or ends
+    return recording;
 }
 
 Case observingOn(unsigned int threads, prometheus::Histogram& histogram) {
@@ -57,7 +59,7 @@ Case observingOn(unsigned int threads, prometheus::Histogram& histogram) {
                        }
                    },
                    threads};
-    observing.sleeps = threads > 1; // in a mutex
+    observing.sleeps = threads > 1; // in a mutex, at each I/O
     return observing;
 }
 

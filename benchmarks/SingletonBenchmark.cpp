@@ -9,28 +9,20 @@ namespace {
 std::atomic<IProbe*> rawPointer{nullptr};
 
 void loadRaw(u64 times) {
-    for (u64 i = 0; i < times; ++i) {
-        keep(rawPointer.load(std::memory_order_acquire));
-    }
+    repeat(times, [] { keep(rawPointer.load(std::memory_order_acquire)); });
 }
 
 void ask(u64 times) {
-    for (u64 i = 0; i < times; ++i) {
-        keep(Singleton<IProbe, Probe>::instance());
-    }
+    repeat(times, [] { keep(Singleton<IProbe, Probe>::instance()); });
 }
 
 void callCached(u64 times) {
     IProbe* probe = Singleton<IProbe, Probe>::instance();
-    for (u64 i = 0; i < times; ++i) {
-        keep(probe->value());
-    }
+    repeat(times, [probe] { keep(probe->value()); });
 }
 
 void askAndCall(u64 times) {
-    for (u64 i = 0; i < times; ++i) {
-        keep(Singleton<IProbe, Probe>::instance()->value());
-    }
+    repeat(times, [] { keep(Singleton<IProbe, Probe>::instance()->value()); });
 }
 
 std::vector<Result> compareAccess(const Settings& settings) {

@@ -3,9 +3,10 @@
 #include "common/infra/Singleton.h"
 #include "common/infra/Timer.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <limits>
-#include <utility>
 
 AnalyticsParcel::AnalyticsParcel() {
     setKelTimeStamp(Singleton<ITimer, Timer>::instance()->getTimestampMs());
@@ -44,9 +45,13 @@ void AnalyticsParcel::setKelTimeStamp(u64 kelTime) {
 }
 
 void AnalyticsParcel::addText(const std::string& key, const std::string& value) {
-    std::string pairs = m_concatKeyValueText;
-    pairs.append("[").append(key).append("=").append(value).append("]");
-    m_concatKeyValueText = std::move(pairs);
+    // Room comes first, so that a pair is added whole or not at all, and most texts take one block.
+    constexpr std::size_t usualLength = 64;
+    const std::size_t length = m_concatKeyValueText.size() + key.size() + value.size() + 3;
+    m_concatKeyValueText.reserve(std::max(length, usualLength));
+    m_txt.reserve(std::max(length, usualLength));
+
+    m_concatKeyValueText.append("[").append(key).append("=").append(value).append("]");
     setText(m_concatKeyValueText);
 }
 

@@ -9,6 +9,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -24,6 +25,10 @@
 #include <utility>
 
 namespace {
+
+// I/Os that one system call hands over. Storage that is given its whole queue in one go answers it
+// in one go, and idles until the next: in parts, it works on the first while the next is prepared.
+constexpr std::size_t batchSize = 8;
 
 u64 monotonicNs() {
     timespec now{};
@@ -50,6 +55,17 @@ AioRequest* requestOf(const io_uring_cqe& completion) {
 
 std::string messageOf(int error) {
     return std::generic_category().message(error);
+}
+
+// Looks at what the kernel answered when I/Os were handed over to it.
+void checkRing(int result) {
+    if (result >= 0 || result == -EINTR || result == -EAGAIN || result == -EBUSY) {
+        return; // short of resources: what has completed makes room, and the rest is tried again
+    }
+    // The ring itself is broken, and with it every buffer that the kernel may still write to.
+    LogItem(LogModuleCommon, FatalLevel, __PRETTY_FUNCTION__, 3)
+        << "io_uring failed: " << messageOf(-result) << std::endl;
+    std::abort();
 }
 
 void check(const AIO::Options& options) {
@@ -91,11 +107,13 @@ struct AIO::Impl {
             request.m_next = nullptr;
             (empty() ? head : tail->m_next) = &request;
             tail = &request;
+            ++size;
         }
 
         AioRequest& pop() {
             AioRequest& request = *head;
             head = request.m_next;
+            --size;
             return request;
         }
 
@@ -105,11 +123,13 @@ struct AIO::Impl {
             }
             (empty() ? head : tail->m_next) = other.head;
             tail = other.tail;
-            other.head = nullptr;
+            size += other.size;
+            other = {};
         }
 
         AioRequest* head = nullptr;
         AioRequest* tail = nullptr;
+        std::size_t size = 0;
     };
 
     // The threads that open and close.
@@ -125,7 +145,9 @@ struct AIO::Impl {
     void openRing();
     bool registerBuffers();
     void takeInbox();
-    void prepare();
+    std::size_t ready() const;
+    void handOverBatches();
+    void prepareBatch();
     void prepareIo(AioRequest& request, u64 nowNs);
     bool isRegistered(const AioRequest& request) const;
     void listenForWake();
@@ -279,7 +301,8 @@ void AIO::Impl::serve(std::promise<void> opened) {
         if (isDone()) {
             break;
         }
-        prepare();
+        handOverBatches();
+        prepareBatch();
         exchangeWithKernel();
         reap();
     }
@@ -336,14 +359,27 @@ void AIO::Impl::takeInbox() {
     mayBeAsleep = true;
 }
 
-void AIO::Impl::prepare() {
-    if (waiting.empty() || inFlight == options.queueDepth) {
+// The I/Os that can be handed over now.
+std::size_t AIO::Impl::ready() const {
+    return std::min<std::size_t>(waiting.size, options.queueDepth - inFlight);
+}
+
+void AIO::Impl::handOverBatches() {
+    while (ready() >= batchSize) {
+        prepareBatch();
+        checkRing(io_uring_submit(&ring));
+    }
+}
+
+void AIO::Impl::prepareBatch() {
+    std::size_t left = std::min(ready(), batchSize);
+    if (left == 0) {
         return;
     }
-    // One clock reading for the batch: a latency is too long by the time in which the I/Os of the
-    // batch are prepared, some 20 ns each (under 1 us for 32).
+    // One clock reading for the batch: a latency is too long by the time in which its I/Os are
+    // prepared, some 20 ns each.
     const u64 nowNs = monotonicNs();
-    while (!waiting.empty() && inFlight < options.queueDepth) {
+    for (; left > 0; --left) {
         prepareIo(waiting.pop(), nowNs);
         ++inFlight;
     }
@@ -390,14 +426,7 @@ void AIO::Impl::listenForWake() {
 
 // Hands over what was prepared and sleeps until something has completed.
 void AIO::Impl::exchangeWithKernel() {
-    const int result = io_uring_submit_and_wait(&ring, 1);
-    if (result >= 0 || result == -EINTR || result == -EAGAIN || result == -EBUSY) {
-        return; // short of resources: what has completed makes room, and the rest is tried again
-    }
-    // The ring itself is broken, and with it every buffer that the kernel may still write to.
-    LogItem(LogModuleCommon, FatalLevel, __PRETTY_FUNCTION__, 3)
-        << "io_uring failed: " << messageOf(-result) << std::endl;
-    std::abort();
+    checkRing(io_uring_submit_and_wait(&ring, 1));
 }
 
 void AIO::Impl::reap() {
@@ -419,6 +448,7 @@ void AIO::Impl::reap() {
         if (AioRequest* request = requestOf(*completions[i])) {
             --inFlight;
             request->completed(*request, completions[i]->res);
+            handOverBatches();
         } else {
             listenForWake();
         }

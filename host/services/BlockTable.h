@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/infra/Defs.h"
+#include "host/services/ThreadLane.h"
 
 #include <algorithm>
 #include <array>
@@ -17,56 +18,16 @@ struct BlockInfo {
     unsigned int line;
 };
 
-// The lane of a thread: in each bucket of a block table's first segment it has a slot that no other
-// thread fills, which spares it an atomic exchange. The first threads to ask get one, and give it
-// back when they end.
-class ThreadLane {
-public:
-    static constexpr unsigned int count = 4;
-
-    // The calling thread's, below `count`; `count` if it has none.
-    static unsigned int mine() {
-        if (m_mine == unasked) {
-            m_mine = take();
-        }
-        return m_mine;
-    }
-
-private:
-    static constexpr unsigned int unasked = count + 1;
-
-    struct GiveBack {
-        ~GiveBack() {
-            if (m_mine < count) {
-                m_taken[m_mine].store(false, std::memory_order_release);
-            }
-            m_mine = count;
-        }
-    };
-
-    __attribute__((noinline)) static unsigned int take() {
-        static thread_local GiveBack atThreadEnd;
-        unsigned int lane = 0;
-        while (lane < count && m_taken[lane].exchange(true, std::memory_order_acquire)) {
-            ++lane;
-        }
-        return lane;
-    }
-
-    inline static std::array<std::atomic<bool>, count> m_taken{};
-    // One load and no call to find it, also in a shared object.
-    __attribute__((tls_model("initial-exec"))) inline static thread_local unsigned int m_mine =
-        unasked;
-};
-
 // The live blocks, in a hash table beside them: a pointer is only ever compared with what the table
 // holds, so looking one up reads no memory that might not be a live block.
 //
 // A lock around each operation would cost more than the allocation that is being tracked, so the
 // table takes none: a block is added by claiming a free slot of its bucket, and removed, by exactly
-// one of those who try, by freeing the slot. Blocks never move. When a block finds its bucket full
-// in every segment, a segment four times the size of the last is added; segments are never given
-// back, so the table's size follows the highest number of blocks that were ever alive at a time.
+// one of those who try, by freeing the slot. In the first segment's buckets, the first slots belong
+// each to the thread of one lane, which spares it the exchange that claims a slot. Blocks never
+// move. When a block finds its bucket full in every segment, a segment four times the size of the
+// last is added; segments are never given back, so the table's size follows the highest number of
+// blocks that were ever alive at a time.
 //
 // Every operation may be called from any thread, concurrently. An object of static storage is
 // usable before main() and after it.
@@ -77,11 +38,10 @@ public:
         const auto address = reinterpret_cast<std::uintptr_t>(block);
         Bucket& bucket = bucketOf(m_first.data(), 0, address);
         const unsigned int lane = ThreadLane::mine();
-        if (lane < ThreadLane::count &&
-            bucket.blocks[lane].load(std::memory_order_acquire) == freeSlot) {
+        if (lane < ownedSlots && bucket.blocks[lane].load(std::memory_order_acquire) == freeSlot) {
             bucket.blocks[lane].store(claimedSlot, std::memory_order_relaxed);
             fill(bucket, lane, address, info);
-        } else if (!addTo(bucket, ThreadLane::count, address, info)) {
+        } else if (!addTo(bucket, ownedSlots, address, info)) {
             addToGrown(address, info);
         }
     }
@@ -117,6 +77,7 @@ private:
     static constexpr std::uintptr_t freeSlot = 0;
     static constexpr std::uintptr_t claimedSlot = 1; // no block: blocks are aligned
     static constexpr std::size_t slotsPerBucket = 8; // so that a search reads one cache line
+    static constexpr unsigned int ownedSlots = 4;    // of a bucket in the first segment
     static constexpr unsigned int firstSegmentBits = 10;
     static constexpr unsigned int maxGrown = 24; // more than an address space holds
 

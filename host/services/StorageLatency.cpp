@@ -50,11 +50,6 @@ AIO::Limits StorageLatency::limitsOfClosedPeriod() const {
     return m_closedLimits;
 }
 
-std::size_t StorageLatency::nextThreadNumber() {
-    static std::atomic<std::size_t> threads{0};
-    return threads.fetch_add(1, std::memory_order_relaxed) + 1;
-}
-
 void StorageLatency::turnEpisode(bool begins, u64 nowNs) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (begins == m_inEpisode.load(std::memory_order_relaxed)) {

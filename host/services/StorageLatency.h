@@ -3,6 +3,7 @@
 #include "common/infra/AIO.h"
 #include "common/infra/Defs.h"
 #include "common/infra/Export.h"
+#include "host/services/ThreadLane.h"
 
 #include <array>
 #include <atomic>
@@ -13,9 +14,9 @@
 // backwards. Every operation may be called from any thread.
 //
 // Counts only ever grow, in a shard of the recording thread's own; a period is the difference
-// between two readings. So recording is one uncontended atomic addition, and no I/O is lost or
-// counted twice however readings and recordings interleave. Episodes are rare and sit behind a
-// mutex that recording takes only where one begins or ends.
+// between two readings. So recording is a plain addition, and no I/O is lost or counted twice
+// however readings and recordings interleave. Episodes are rare and sit behind a mutex that
+// recording takes only where one begins or ends.
 class ANALYTICS_EXPORT StorageLatency {
 public:
     static constexpr std::size_t classCount = 5;
@@ -27,12 +28,12 @@ public:
     // Counts one I/O that took `latencyNs` and completed at `nowNs`.
     void record(u64 latencyNs, u64 nowNs) {
         noteEpisode(latencyNs, nowNs);
-        shard().counts[classOf(latencyNs)].fetch_add(1, std::memory_order_relaxed);
+        count(classOf(latencyNs), 1);
     }
 
-    // Counts I/Os whose completions were seen at the same moment: one atomic addition for a run of
-    // them that fall into the same class, as nearly all do. They are in the counters from the
-    // batch's destruction on.
+    // Counts I/Os whose completions were seen at the same moment: one addition for a run of them
+    // that fall into the same class, as nearly all do. They are in the counters from the batch's
+    // destruction on.
     class Batch {
     public:
         Batch(StorageLatency& latency, u64 nowNs) : m_latency(latency), m_nowNs(nowNs) {}
@@ -52,7 +53,7 @@ public:
 
     private:
         void flush() {
-            m_latency.shard().counts[m_class].fetch_add(m_run, std::memory_order_relaxed);
+            m_latency.count(m_class, m_run);
             m_run = 0;
         }
 
@@ -69,7 +70,6 @@ public:
 
 private:
     static constexpr std::size_t boundCount = classCount - 1;
-    static constexpr std::size_t shardCount = 16; // threads beyond that share
     static constexpr std::size_t cacheLine = 64;
 
     struct alignas(cacheLine) Shard {
@@ -91,30 +91,27 @@ private:
         }
     }
 
-    Shard& shard() {
-        if (__builtin_expect(threadNumber == 0, 0)) {
-            threadNumber = nextThreadNumber();
+    void count(std::size_t latencyClass, u64 ios) {
+        const unsigned int lane = ThreadLane::mine();
+        std::atomic<u64>& counter = m_shards[lane].counts[latencyClass];
+        if (lane < ThreadLane::count) {
+            counter.store(counter.load(std::memory_order_relaxed) + ios, std::memory_order_relaxed);
+        } else {
+            counter.fetch_add(ios, std::memory_order_relaxed);
         }
-        return m_shards[threadNumber % shardCount];
     }
 
-    static std::size_t nextThreadNumber();
     void turnEpisode(bool begins, u64 nowNs);
     void countEpisodeUntil(u64 nowNs);
     void apply(const AIO::Limits& limits);
-
-    // From 1 on; 0: none yet. Placed when the library is loaded and initialised where every user
-    // sees it, so that reading it is a plain memory access.
-    __attribute__((tls_model("initial-exec"))) inline static thread_local std::size_t threadNumber =
-        0;
 
     // Read by every recording, written when a period or an episode begins.
     alignas(cacheLine) std::array<std::atomic<u64>, boundCount> m_boundsNs{};
     std::atomic<u64> m_thresholdNs{0};
     std::atomic<bool> m_inEpisode{false};
 
-    // Each written by the threads of its number.
-    std::array<Shard, shardCount> m_shards{};
+    // One for each lane, and one that the threads without a lane share.
+    std::array<Shard, ThreadLane::count + 1> m_shards{};
 
     // Under the mutex.
     mutable std::mutex m_mutex;
