@@ -151,9 +151,10 @@ Result countWakeUps(const Settings& settings) {
         atRest = contextSwitches(host);
         return atRest == before;
     });
-    std::this_thread::sleep_for(std::chrono::seconds(settings.smoke ? 1 : 5));
+    const int seconds = settings.smoke ? 1 : 5;
+    std::this_thread::sleep_for(std::chrono::seconds(seconds));
     const u64 wakeUps = contextSwitches(host) - atRest;
-    return {"wake-ups of an idle host in five seconds",
+    return {"wake-ups of an idle host in " + std::to_string(seconds) + " s",
             "",
             "",
             static_cast<double>(wakeUps),
