@@ -110,8 +110,6 @@ TEST(FixedDays, LogsEachAnswerAndReportsWhatIsWrongWithIt) {
         failedIn(source, function, "currentHour <= MAX_HOUR", " currentHour=29 ");
     check({days({3, 1}), 5}, 1, 10, "",
           "MONDAY currentHour=10  m_hour=5 days:MONDAY; WEDNESDAY;  nextScheduleMs=154800000");
-    check({days({1}), 24}, 1, 10, "",
-          "MONDAY currentHour=10  m_hour=24 days:MONDAY;  nextScheduleMs=50400000");
     check({days({}), 5}, 1, 10, failedIn(source, function, "!m_days.empty()"),
           "MONDAY currentHour=10  m_hour=5 days: nextScheduleMs=604800000");
     check({days({-1, 7, 1}), 5}, 6, 5, noName(7) + noName(-1),

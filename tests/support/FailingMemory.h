@@ -1,13 +1,6 @@
 #pragma once
 
-// Makes one allocation by `new` fail: of those that the calling thread makes while the object
-// lives, the one after `successes` others. A program that links this gets its operator new from it.
-class FailingMemory {
-public:
-    explicit FailingMemory(int successes);
-    ~FailingMemory();
-    FailingMemory(const FailingMemory&) = delete;
-    FailingMemory& operator=(const FailingMemory&) = delete;
-
-    bool hasFailed() const;
-};
+// How often `new` still succeeds on this thread before it fails once. A program that links this
+// gets its operator new from it.
+constexpr int unlimitedAllocations = -1;
+extern thread_local int allocationsLeft;

@@ -1,4 +1,4 @@
-#include "tests/support/FakeAio.h"
+#include "host/testing/FakeAio.h"
 
 struct AIO::Impl {};
 
