@@ -10,14 +10,18 @@
 
 namespace {
 
+// Its name, and whether it is a virtual machine's.
 std::string processorName() {
     std::ifstream in("/proc/cpuinfo");
-    for (std::string line; std::getline(in, line);) {
+    std::string name = "unknown processor";
+    for (std::string line; std::getline(in, line) && !line.empty();) { // of the first one
         if (line.rfind("model name", 0) == 0) {
-            return line.substr(line.find(':') + 2);
+            name = line.substr(line.find(':') + 2);
+        } else if (line.find(" hypervisor") != std::string::npos) {
+            name += ", virtual";
         }
     }
-    return "unknown processor";
+    return name;
 }
 
 } // namespace

@@ -74,7 +74,8 @@ TEST_F(AioTest, MovesDataInsideAndOutsideTheRegisteredMemoryAndReportsErrors) {
     ios.push_back(makeIo(AioRequest::Write, 3 * block, outside.data()));
     ios.push_back(makeIo(AioRequest::Read, ~u64{0} - block, outside.data()));
     ios.push_back(makeIo(AioRequest::NoOp, 0, nullptr));
-    std::vector<AioRequest*> batch{&ios[3], &ios[2], &ios[1], &ios[0]};
+    std::vector<AioRequest*> batch;
+    std::for_each(ios.rbegin(), ios.rend(), [&](Io& io) { batch.push_back(&io); });
     ASSERT_EQ(aio.submit(batch.data(), batch.size()), RC_SUCCESS);
     for (const auto& [io, expected] : {std::pair(0, 4096), {1, 4096}, {2, -EINVAL}, {3, 0}}) {
         EXPECT_EQ(ios[io].result.get(), expected) << io;

@@ -40,8 +40,9 @@ std::string textAfter(const std::vector<std::string>& steps) {
     Parcel parcel;
     for (const std::string& step : steps) {
         const std::size_t equals = step.find('=');
-        equals == step.npos ? parcel.setText(step)
-                            : parcel.addText(step.substr(0, equals), step.substr(equals + 1));
+        equals == std::string::npos
+            ? parcel.setText(step)
+            : parcel.addText(step.substr(0, equals), step.substr(equals + 1));
     }
     return parcel.getText();
 }

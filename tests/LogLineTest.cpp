@@ -10,6 +10,7 @@
 #define EXPANDED 0
 
 struct LogLineSpeaker {
+    // NOLINTNEXTLINE(readability-non-const-parameter): a signature to be named
     static unsigned* speak(const std::string& /*name*/, int* size) {
         LOG_LINE(LogModuleCommon, InfoLevel) << " size=" << *size << " " << std::endl;
         EXPECT_OR_REPORT(size == nullptr) << " size=" << *size << " ";

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iomanip>
 #include <limits>
@@ -89,14 +89,14 @@ TEST_F(LogTest, OnlyEnabledLevelsAreWrittenButAssertionsAlways) {
 
 TEST(SpdlogSinkTest, WritesAFileThatCanBeReadWhileItIsWritten) {
     const std::string path = testing::TempDir() + "analytics-log-test.txt";
-    std::remove(path.c_str());
+    std::filesystem::remove(path);
     const auto sink = SpdlogSink::toFile(path);
     sink->write({LogModuleKel, WarnLevel, "void f()", 3, "two spaces  kept {} \n\n"});
     std::ifstream file(path);
     std::string line;
     ASSERT_TRUE(std::getline(file, line));
     EXPECT_NE(line.find("kel [void f()] two spaces  kept {} "), std::string::npos) << line;
-    std::remove(path.c_str());
+    std::filesystem::remove(path);
 }
 
 } // namespace

@@ -28,7 +28,7 @@ public:
     std::size_t live() const { return m_blocks.size(); }
 
     bool isMemshieldActive() override {
-        calls.push_back("isMemshieldActive");
+        calls.emplace_back("isMemshieldActive");
         return active;
     }
     void* allocAndRegister(unsigned long size, unsigned long reserved, const char* typeName,
