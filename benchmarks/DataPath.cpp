@@ -54,21 +54,27 @@ public:
         m_aio.open({file, depth, m_buffers.data(), m_buffers.size()});
     }
 
-    // Makes so many I/Os.
+    // Each of these throws std::runtime_error if an I/O failed.
+
+    // Makes so many I/Os: all but the first ones from inside completions.
     void make(u64 count) {
         start(count);
         awaitAll();
     }
 
-    // Makes I/Os for so long and returns how many. Throws std::runtime_error if one failed.
+    // Makes so many I/Os: as many as the queue is deep at a time, handed in by this thread.
+    void handIn(u64 count) {
+        for (u64 made = 0; made < count; made += m_ios.size()) {
+            make(m_ios.size());
+        }
+    }
+
+    // Makes I/Os for so long and returns how many.
     u64 makeFor(std::chrono::nanoseconds duration) {
         start(~u64{0});
         std::this_thread::sleep_for(duration);
         m_isOver = true;
         awaitAll();
-        if (m_failed > 0) {
-            throw std::runtime_error(fmt::format("{} of {} reads failed", m_failed, m_made));
-        }
         return m_made;
     }
 
@@ -93,6 +99,9 @@ private:
     void awaitAll() {
         std::unique_lock<std::mutex> lock(m_mutex);
         m_changed.wait(lock, [this] { return m_areAllCompleted; });
+        if (m_failed > 0) {
+            throw std::runtime_error(fmt::format("{} of {} I/Os failed", m_failed, m_made));
+        }
     }
 
     static void ioCompleted(AioRequest& request, int result) {
@@ -188,13 +197,19 @@ private:
         return *static_cast<Io*>(io_uring_cqe_get_data(completion));
     }
 
+    static void expectSuccess(int result) {
+        if (result < 0) {
+            throw std::system_error(-result, std::generic_category(), "io_uring");
+        }
+    }
+
     template <typename Clock>
     void handOver(Clock clock) {
         constexpr u32 batchSize = 8; // AIO's
         for (u32 begin = 0; begin < m_depth; begin += batchSize) {
             prepare(begin, std::min(begin + batchSize, m_depth), clock());
             if (begin + batchSize < m_depth) {
-                io_uring_submit(&m_ring);
+                expectSuccess(io_uring_submit(&m_ring));
             }
         }
     }
@@ -210,7 +225,7 @@ private:
 
     // Hands over the last batch, too.
     void await() {
-        io_uring_submit_and_wait(&m_ring, m_depth);
+        expectSuccess(io_uring_submit_and_wait(&m_ring, m_depth));
         m_completed = io_uring_peek_batch_cqe(&m_ring, m_completions.data(), m_depth);
     }
 
@@ -284,11 +299,15 @@ std::vector<Result> measureMeasuring(u32 depth, Target target, const Settings& s
         {{"the same ring loop alone", [&](u64 count) { ring->make(count); }, 1, makeRing},
          {"with measuring", [&](u64 count) { ring->makeMeasured(count); }, 1, makeRing},
          {"AIO", [&](u64 count) { load->make(count); }, 1, makeLoad, 0, true},
+         {"AIO", [&](u64 count) { load->handIn(count); }, 1, makeLoad, 0, true},
          {"clock", readClock}},
         settings);
     const std::string what = fmt::format("a no-op I/O, depth {}", depth);
-    return {costOf("measuring " + what, samples[1], samples[0], samples[3], target),
-            compare("AIO, " + what, samples[2], samples[0], Target::reported())};
+    return {
+        costOf("measuring " + what, samples[1], samples[0], samples[4], target),
+        compare("AIO, " + what + ", from a completion", samples[2], samples[0], Target::reported()),
+        compare("AIO, " + what + ", from another thread", samples[3], samples[0],
+                Target::reported())};
 }
 
 // Nanoseconds for each I/O of a run.
@@ -374,7 +393,7 @@ struct CostSamples {
 std::vector<Result> compareWithFio(const ScratchFile& file, u64 fileSize, u32 depth,
                                    const Settings& settings) {
     const std::chrono::milliseconds duration(settings.smoke ? 100 : 2'000);
-    const unsigned int rounds = settings.smoke ? 1 : 12;
+    const unsigned int rounds = settings.smoke ? 1 : 20;
     CostSamples ours("AIO");
     CostSamples fio("fio, io_uring");
     for (unsigned int round = 0; round < rounds; ++round) {

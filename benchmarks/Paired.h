@@ -58,7 +58,7 @@ void keep(const T& value) {
     asm volatile("" : : "g"(value) : "memory");
 }
 
-// Repeats an operation that is so cheap that the loop's own jump would be half of what is measured.
+// Repeats an operation that is so cheap that it would compete with the loop's own jump.
 template <typename Operation>
 void repeat(u64 times, Operation operation) {
 #pragma GCC unroll 16

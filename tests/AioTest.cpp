@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdio>
 #include <future>
+#include <iterator>
 #include <numeric>
 #include <string>
 #include <thread>
@@ -50,6 +51,22 @@ protected:
         Io io = makeIo(AioRequest::NoOp, 0, nullptr);
         io.resubmits = resubmits;
         return submit(io) && io.result.get() >= 0;
+    }
+    // The same with more I/Os at once than any queue here is deep, each made again twice.
+    bool runMany() {
+        std::vector<Io> ios;
+        std::vector<AioRequest*> batch;
+        std::generate_n(std::back_inserter(ios), 50,
+                        [this] { return makeIo(AioRequest::NoOp, 0, nullptr); });
+        for (Io& io : ios) {
+            io.resubmits = 2;
+            batch.push_back(&io);
+        }
+        if (aio.submit(batch.data(), batch.size()) != RC_SUCCESS) {
+            return false;
+        }
+        taken += batch.size();
+        return std::all_of(ios.begin(), ios.end(), [](Io& io) { return io.result.get() >= 0; });
     }
     u64 counted() {
         StorageAnalyticsCounters counters;
@@ -128,16 +145,16 @@ TEST_F(AioTest, WhatManyThreadsSubmitWhileTheServiceOpensAndClosesCompletes) {
     for (const u32 resubmits : {0, 0, 0, 1, 1, 2}) {
         threads.emplace_back([this, &over, resubmits] {
             while (!over) {
-                run(resubmits);
+                run(resubmits) && runMany();
             }
         });
     }
     for (int round = 0; round < 600; ++round) {
         if (round % 20 == 0) {
             aio.close();
-            aio.open({file, 2});
+            aio.open({file, round % 40 == 0 ? 2U : 20U});
         }
-        EXPECT_TRUE(run());
+        EXPECT_TRUE(run() && runMany());
     }
     over = true;
     std::for_each(threads.begin(), threads.end(), [](std::thread& each) { each.join(); });

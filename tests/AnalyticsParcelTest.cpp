@@ -2,8 +2,8 @@
 
 #include "common/Analytics/AnalyticsParcelSender.h"
 #include "host/testing/FakeServices.h"
+#include "host/testing/LogText.h"
 #include "host/testing/ParcelText.h"
-#include "tests/support/LogText.h"
 
 #include <gtest/gtest.h>
 

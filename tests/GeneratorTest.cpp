@@ -1,9 +1,9 @@
 #include "common/Analytics/StorageAnalyticsGenerator.h"
 #include "host/testing/FakeAio.h"
 #include "host/testing/FakeServices.h"
+#include "host/testing/LogText.h"
 #include "host/testing/ParcelText.h"
 #include "tests/support/FailingMemory.h"
-#include "tests/support/LogText.h"
 
 #include <gtest/gtest.h>
 

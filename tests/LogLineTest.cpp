@@ -1,6 +1,6 @@
 #include "common/Analytics/LogLine.h"
 
-#include "tests/support/LogText.h"
+#include "host/testing/LogText.h"
 
 #include <gtest/gtest.h>
 

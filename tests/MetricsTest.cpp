@@ -1,5 +1,5 @@
 #include "common/Analytics/AnalyticsMetrics.h"
-#include "tests/support/LogText.h"
+#include "host/testing/LogText.h"
 
 #include <gtest/gtest.h>
 

@@ -161,6 +161,9 @@ TEST(ParcelFormatTest, JsonHoldsWhatTheGettersGive) {
     AnalyticsParcel parcel;
     parcel.setEventName("\"quoted\" \xff");
     parcel.setCategory("category");
+    parcel.setAccount(AnalyticsParcel::QEM);
+    parcel.setEventPriority(AnalyticsParcel::Critical);
+    parcel.setValue(~u32{0});
     parcel.setText("text");
     parcel.setDetails("line\nline");
     parcel.setKelTimeStamp(1'700'000'000'123);
@@ -168,7 +171,7 @@ TEST(ParcelFormatTest, JsonHoldsWhatTheGettersGive) {
     parcel.addEntry("s64", s64{-1}).addEntry("d", 0.5).addEntry("i", -2);
     EXPECT_EQ(toJsonLine(parcel),
               "{\"eventName\":\"\\\"quoted\\\" \xef\xbf\xbd\",\"category\":\"category\","
-              R"("account":"KEL","priority":"Normal","value":0,"text":"text",)"
+              R"("account":"QEM","priority":"Critical","value":4294967295,"text":"text",)"
               R"("details":"line\nline","timeStampMs":1700000000123,)"
               R"("timeStamp":"2023-11-14T22:13:20.123Z","stringEntries":{"s":"text"},)"
               R"("u32Entries":{"u32":1},"u64Entries":{"u64":18446744073709551615},)"

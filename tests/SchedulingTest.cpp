@@ -2,7 +2,7 @@
 
 #include "common/Analytics/FixedFrequencySchedulingPolicy.h"
 #include "host/testing/FakeServices.h"
-#include "tests/support/LogText.h"
+#include "host/testing/LogText.h"
 
 #include <gtest/gtest.h>
 

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <iterator>
 #include <numeric>
 #include <thread>
 #include <vector>
@@ -86,8 +88,14 @@ TEST_F(StorageLatencyTest, LimitsTakeEffectWithTheNextPeriod) {
 }
 
 TEST_F(StorageLatencyTest, NothingIsLostBetweenReadingAndRecording) {
-    constexpr u64 perThread = 48'000;
-    const auto record = [this] {
+    constexpr u64 perThread = 12'000;
+    constexpr unsigned int threadCount = ThreadLane::count + 2; // so that some have no lane
+    std::atomic<unsigned int> started{0};
+    const auto record = [&] {
+        ThreadLane::mine();
+        for (++started; started < threadCount;) {
+            std::this_thread::yield();
+        }
         for (u64 i = 0; i < perThread; i += 4) {
             latency.record(i % 50 * us, 0);
             StorageLatency::Batch batch(latency, i);
@@ -96,16 +104,17 @@ TEST_F(StorageLatencyTest, NothingIsLostBetweenReadingAndRecording) {
             }
         }
     };
-    std::thread threads[] = {std::thread(record), std::thread(record), std::thread(record)};
+    std::vector<std::thread> threads;
+    std::generate_n(std::back_inserter(threads), threadCount, [&] { return std::thread(record); });
     u64 total = 0;
     for (int i = 0; i <= 1'000; ++i) {
         if (i == 1'000) {
-            std::for_each(threads, threads + 3, [](std::thread& thread) { thread.join(); });
+            std::for_each(threads.begin(), threads.end(), [](std::thread& each) { each.join(); });
         }
         const Classes period = classes();
         total += std::accumulate(period.begin(), period.end(), u64{0});
     }
-    EXPECT_EQ(total, 3 * perThread);
+    EXPECT_EQ(total, threadCount * perThread);
 }
 
 } // namespace

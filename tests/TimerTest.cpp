@@ -3,6 +3,7 @@
 #include "host/testing/RecordingLog.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <chrono>
@@ -85,11 +86,15 @@ protected:
     Timer timer;
 };
 
-TEST_F(TimerTest, RepeatsNeverEarlyAndLogsWhatACallbackThrows) {
+TEST_F(TimerTest, RepeatsNeverEarlyIsNotWokenMeanwhileAndLogsWhatACallbackThrows) {
     Action failing = [] { throw std::runtime_error("out of paper"); };
     Action strange = [] { throw 42; };
     std::vector<u64> calls{timer.getTimestampNano()};
+    long wakes[4] = {};
     Action tick = [&] {
+        rusage usage{};
+        getrusage(RUSAGE_THREAD, &usage);
+        wakes[calls.size() % 4] = usage.ru_nvcsw;
         calls.push_back(timer.getTimestampNano());
         if (calls.size() == 4) {
             arm(finish);
@@ -103,6 +108,7 @@ TEST_F(TimerTest, RepeatsNeverEarlyAndLogsWhatACallbackThrows) {
     timer.stop();
     EXPECT_GE(std::min({calls[1] - calls[0], calls[2] - calls[1], calls[3] - calls[2]}),
               10 * oneMs);
+    EXPECT_LE(wakes[3] - wakes[1], 5) << "once for each call, and by chance for the mutex";
     timer.addTimer(nullptr, 5, 0, true);
     const std::string failed = " timer callback failed: ", retry = "  retryInSec=1 \n";
     EXPECT_EQ(log.texts(ErrorLevel),
@@ -142,6 +148,8 @@ TEST_F(TimerTest, TimeStampsShareOneOriginAndReadAsDates) {
     const u64 nano = timer.getTimestampNano();
     EXPECT_TRUE(ms <= micro / 1000 && micro <= nano / 1000 && nano < (ms + 10'000) * oneMs);
     EXPECT_EQ(timer.getLastTimestampMs_Inaccurate(false), nano / oneMs);
+    EXPECT_LE(nano / oneSecond - static_cast<u64>(std::time(nullptr)) + 10, 20U);
+    EXPECT_LE(timer.getClockMs() / 10 - timer.getJiffies() + 1000, 1000U);
     timer.setRealClockTime(1000);
     EXPECT_LE(timer.getRealTimestampMs() - 1000, 10'000U);
     tm date{};

@@ -8,6 +8,18 @@
 #include <cstdio>
 #include <limits>
 
+namespace {
+
+// Makes the next change up to this length one that cannot fail. Most texts then take one block.
+void makeRoom(std::string& text, std::size_t length) {
+    constexpr std::size_t usualLength = 64;
+    if (length > text.capacity()) {
+        text.reserve(std::max(length, usualLength));
+    }
+}
+
+} // namespace
+
 AnalyticsParcel::AnalyticsParcel() {
     setKelTimeStamp(Singleton<ITimer, Timer>::instance()->getTimestampMs());
 }
@@ -45,11 +57,9 @@ void AnalyticsParcel::setKelTimeStamp(u64 kelTime) {
 }
 
 void AnalyticsParcel::addText(const std::string& key, const std::string& value) {
-    // Room comes first, so that a pair is added whole or not at all, and most texts take one block.
-    constexpr std::size_t usualLength = 64;
     const std::size_t length = m_concatKeyValueText.size() + key.size() + value.size() + 3;
-    m_concatKeyValueText.reserve(std::max(length, usualLength));
-    m_txt.reserve(std::max(length, usualLength));
+    makeRoom(m_concatKeyValueText, length);
+    makeRoom(m_txt, length);
 
     m_concatKeyValueText.append("[").append(key).append("=").append(value).append("]");
     setText(m_concatKeyValueText);

@@ -84,9 +84,9 @@ void check(const AIO::Options& options) {
 } // namespace
 
 // The ring belongs to one thread, which alone submits and reaps: the kernel then does the work of a
-// completion on that thread, when it asks for it, and one system call hands over a batch and
-// fetches another. Other threads leave their requests in the inbox and wake the service if it may
-// be asleep.
+// completion on that thread, when it asks for it, and the system call that hands over the last of a
+// batch also fetches completions. Other threads leave their requests in the inbox and wake the
+// service if it may be asleep.
 struct AIO::Impl {
     Impl() : latency(limitsInForce()) {}
 
@@ -376,8 +376,8 @@ void AIO::Impl::prepareBatch() {
     if (left == 0) {
         return;
     }
-    // One clock reading for the batch: a latency is too long by the time in which its I/Os are
-    // prepared, some 20 ns each.
+    // One clock reading for the batch: a latency is too long by the time in which the I/Os before
+    // it are prepared, some 20 ns each, and taken by the kernel, up to 1 us each.
     const u64 nowNs = monotonicNs();
     for (; left > 0; --left) {
         prepareIo(waiting.pop(), nowNs);
@@ -433,7 +433,8 @@ void AIO::Impl::reap() {
     io_uring_cqe* completions[64];
     const unsigned count = io_uring_peek_batch_cqe(&ring, completions, std::size(completions));
     {
-        // One clock reading for all that is there: none of it completed later. And all is counted
+        // One clock reading for all that is there: none of it completed later, and it was not seen
+        // earlier because this thread was still reporting what came before. And all is counted
         // before any of it is reported: who has seen an I/O complete finds it in the counters.
         const u64 nowNs = monotonicNs();
         StorageLatency::Batch batch(latency, nowNs);

@@ -193,8 +193,8 @@ private:
     template <typename Visitor>
     static u64 visitSlot(const Slot& block, const Record& record, Visitor& visitor) {
         for (;;) {
-            const std::uintptr_t address = block.load(std::memory_order_acquire);
             const u64 version = record.version.load(std::memory_order_acquire);
+            const std::uintptr_t address = block.load(std::memory_order_acquire);
             const BlockInfo info = address > claimedSlot ? read(record) : BlockInfo{};
             if (record.version.load(std::memory_order_acquire) != version ||
                 block.load(std::memory_order_relaxed) != address || address == claimedSlot) {
