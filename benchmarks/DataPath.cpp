@@ -280,7 +280,7 @@ void readClock(u64 times) {
 
 // At depth 1 each I/O bears two clock readings and a recording of its own.
 std::vector<Result> measureMeasuring(u32 depth, Target target, const Settings& settings) {
-    const ScratchFile file(".", blockSize);
+    const ScratchFile file(settings.path, blockSize);
     // Made by the thread that measures: the ring belongs to it, and AIO's thread is pinned as the
     // one that opens AIO.
     std::optional<BareRing> ring;
@@ -368,7 +368,11 @@ Cost readWithFio(const ScratchFile& file, u32 depth, std::chrono::milliseconds d
         "--fixedbufs=1 --direct={:d} --rw=randread --randrepeat=0 --norandommap=1 --bs={} "
         "--iodepth={} --runtime={}ms --time_based --output-format=json",
         getpid(), file.descriptor(), file.isDirect(), blockSize, depth, duration.count()));
-    const auto job = nlohmann::json::parse(output).at("jobs").at(0);
+    const std::size_t begin = output.find('{'); // behind what fio has to note
+    if (begin == std::string::npos) {
+        throw std::runtime_error("fio answers without JSON: " + output);
+    }
+    const auto job = nlohmann::json::parse(output.substr(begin)).at("jobs").at(0);
     const double percent = job.at("usr_cpu").get<double>() + job.at("sys_cpu").get<double>();
     const double processorMs = percent / 100 * job.at("job_runtime").get<double>();
     const auto& read = job.at("read");
@@ -393,7 +397,7 @@ struct CostSamples {
 std::vector<Result> compareWithFio(const ScratchFile& file, u64 fileSize, u32 depth,
                                    const Settings& settings) {
     const std::chrono::milliseconds duration(settings.smoke ? 100 : 2'000);
-    const unsigned int rounds = settings.smoke ? 1 : 20;
+    const unsigned int rounds = settings.smoke ? 1 : std::min(settings.rounds, 20U);
     CostSamples ours("AIO");
     CostSamples fio("fio, io_uring");
     for (unsigned int round = 0; round < rounds; ++round) {
@@ -421,7 +425,7 @@ std::vector<Result> compareWithFio(const ScratchFile& file, u64 fileSize, u32 de
 
 std::vector<Result> measureReads(const Settings& settings) {
     const u64 fileSize = u64{settings.smoke ? 16U : 1024U} << 20U;
-    const ScratchFile file(".", fileSize);
+    const ScratchFile file(settings.path, fileSize);
     std::vector<Result> results;
     for (const u32 depth : {1U, 8U, 32U}) {
         const auto rows = compareWithFio(file, fileSize, depth, settings);

@@ -1,6 +1,5 @@
 #include "benchmarks/Benchmark.h"
 
-#include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,9 +7,11 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <system_error>
@@ -44,8 +45,8 @@ private:
     fs::path m_path;
 };
 
-// Standard error goes to a file if one is named.
-pid_t start(std::vector<std::string> words, const std::string& errors = "") {
+// Standard error goes to a file if there is one.
+pid_t start(std::vector<std::string> words, std::FILE* errors = nullptr) {
     std::vector<char*> arguments;
     arguments.reserve(words.size() + 1);
     for (std::string& word : words) {
@@ -54,9 +55,8 @@ pid_t start(std::vector<std::string> words, const std::string& errors = "") {
     arguments.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    if (!errors.empty()) {
-        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errors.c_str(),
-                                         O_WRONLY | O_CREAT, 0600);
+    if (errors != nullptr) {
+        posix_spawn_file_actions_adddup2(&actions, fileno(errors), STDERR_FILENO);
     }
     pid_t process = 0;
     const int error =
@@ -75,38 +75,71 @@ void waitFor(pid_t process, const std::string& program) {
     }
 }
 
-// The real host, without any I/O, its reports in a file.
+// A file without a name, which nothing leaves behind.
+class NamelessFile {
+public:
+    NamelessFile() : m_file(std::tmpfile()) {
+        if (m_file == nullptr) {
+            throw std::system_error(errno, std::generic_category(), "cannot make a temporary file");
+        }
+    }
+    ~NamelessFile() { static_cast<void>(std::fclose(m_file)); } // nobody reads it any more
+    NamelessFile(const NamelessFile&) = delete;
+    NamelessFile& operator=(const NamelessFile&) = delete;
+
+    std::FILE* get() const { return m_file; }
+    // Under which others open it, too.
+    fs::path path() const {
+        return fs::path("/proc") / std::to_string(getpid()) / "fd" / std::to_string(fileno(m_file));
+    }
+
+private:
+    std::FILE* m_file;
+};
+
+// The real host, without any I/O, its reports in a file. Ends by itself after a minute, should
+// nobody be left to end it.
 class IdleHost {
 public:
-    explicit IdleHost(const std::string& intervalSecs)
-        : m_process(start({ANALYTICS_HOST, "--path", m_folder.path(), "--size", "1M", "--max-ios",
-                           "0", "--interval", intervalSecs, "--output", reports()},
-                          m_folder.path() / "errors")) {}
+    explicit IdleHost(unsigned int intervalSecs)
+        : m_process(
+              start({ANALYTICS_HOST, "--path", fs::temp_directory_path(), "--size", "1M",
+                     "--max-ios", "0", "--interval", std::to_string(intervalSecs), "--reports",
+                     std::to_string(60 / intervalSecs), "--output", m_reports.path()},
+                    m_errors.get())) {}
 
     ~IdleHost() {
-        kill(m_process, SIGTERM);
-        waitpid(m_process, nullptr, 0);
+        if (!m_hasEnded) {
+            kill(m_process, SIGTERM);
+            waitpid(m_process, nullptr, 0);
+        }
     }
 
     IdleHost(const IdleHost&) = delete;
     IdleHost& operator=(const IdleHost&) = delete;
+
+    // Throws std::runtime_error, with what the host said, if it has ended.
+    void expectRunning() {
+        m_hasEnded = m_hasEnded || waitpid(m_process, nullptr, WNOHANG) != 0;
+        if (m_hasEnded) {
+            std::ifstream said(m_errors.path());
+            throw std::runtime_error("the host has ended: " +
+                                     std::string(std::istreambuf_iterator<char>(said), {}));
+        }
+    }
 
     // A file or folder of its entry in /proc.
     fs::path entry(const std::string& name) const {
         return fs::path("/proc") / std::to_string(m_process) / name;
     }
 
-    bool hasReported() const {
-        std::error_code notYet;
-        const auto size = fs::file_size(reports(), notYet);
-        return !notYet && size > 0;
-    }
+    bool hasReported() const { return fs::file_size(m_reports.path()) > 0; }
 
 private:
-    fs::path reports() const { return m_folder.path() / "reports"; }
-
-    ScratchFolder m_folder;
+    NamelessFile m_reports;
+    NamelessFile m_errors;
     pid_t m_process;
+    bool m_hasEnded = false;
 };
 
 // The sum of the values that follow a key at the beginning of a line.
@@ -132,10 +165,11 @@ u64 contextSwitches(const IdleHost& host) {
 
 // Asks again and again, for the other process does not tell.
 template <typename Condition>
-void awaitOutcome(const std::string& what, Condition condition) {
+void awaitOutcome(IdleHost& host, const std::string& what, Condition condition) {
     constexpr int attempts = 50;
     for (int i = 0; i < attempts; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        host.expectRunning();
         if (condition()) {
             return;
         }
@@ -144,9 +178,9 @@ void awaitOutcome(const std::string& what, Condition condition) {
 }
 
 Result countWakeUps(const Settings& settings) {
-    const IdleHost host("86400");
+    IdleHost host(60);
     u64 atRest = 0;
-    awaitOutcome("does not come to rest", [&] {
+    awaitOutcome(host, "does not come to rest", [&] {
         const u64 before = atRest;
         atRest = contextSwitches(host);
         return atRest == before;
@@ -154,6 +188,7 @@ Result countWakeUps(const Settings& settings) {
     const int seconds = settings.smoke ? 1 : 5;
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
     const u64 wakeUps = contextSwitches(host) - atRest;
+    host.expectRunning();
     return {"wake-ups of an idle host in " + std::to_string(seconds) + " s",
             "",
             "",
@@ -180,8 +215,8 @@ u64 residentKiB(const fs::path& smaps, const std::string& file) {
 }
 
 Result measureMemory() {
-    const IdleHost host("1");
-    awaitOutcome("makes no report", [&] { return host.hasReported(); });
+    IdleHost host(1);
+    awaitOutcome(host, "makes no report", [&] { return host.hasReported(); });
     const u64 resident = residentKiB(host.entry("smaps"), "libanalytics.so");
     if (resident == 0) {
         throw std::runtime_error("libanalytics.so is not among the host's mappings");

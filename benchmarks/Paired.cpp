@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <ctime>
+#include <exception>
 #include <mutex>
 #include <numeric>
 #include <random>
@@ -34,6 +35,7 @@ struct Part {
     double end = 0;
     double processor = 0;
     u64 operations = 0;
+    std::exception_ptr failure{};
 
     double duration() const { return end - begin; }
 };
@@ -100,6 +102,7 @@ public:
     Crew(const Crew&) = delete;
     Crew& operator=(const Crew&) = delete;
 
+    // Throws what the operation threw.
     std::vector<Part> measureSlice(const Case& measured, u64 iterations) {
         std::unique_lock<std::mutex> lock(m_mutex);
         m_case = &measured;
@@ -110,6 +113,11 @@ public:
         ++m_slice;
         m_changed.notify_all();
         m_changed.wait(lock, [this] { return m_working == 0; });
+        for (const Part& part : m_parts) {
+            if (part.failure) {
+                std::rethrow_exception(part.failure);
+            }
+        }
         return m_parts;
     }
 
@@ -128,7 +136,7 @@ private:
                 const Case& measured = *m_case;
                 const u64 iterations = m_iterations;
                 lock.unlock();
-                const Part part = takePart(measured, iterations, number);
+                const Part part = tryPart(measured, iterations);
                 lock.lock();
                 m_parts[number] = part;
                 --m_working;
@@ -137,8 +145,18 @@ private:
         }
     }
 
-    Part takePart(const Case& measured, u64 iterations, unsigned int number) {
-        if (number == 0 && measured.prepare) {
+    Part tryPart(const Case& measured, u64 iterations) {
+        try {
+            return takePart(measured, iterations);
+        } catch (...) {
+            Part failed;
+            failed.failure = std::current_exception();
+            return failed;
+        }
+    }
+
+    Part takePart(const Case& measured, u64 iterations) {
+        if (measured.prepare) {
             measured.prepare();
         }
         m_notReady.fetch_sub(1);
@@ -222,7 +240,7 @@ private:
             threads = std::max(threads, measured.threads);
         }
         if (threads > processorCount()) {
-            throw std::runtime_error(cases.front().name + " needs " + std::to_string(threads) +
+            throw std::runtime_error("needs " + std::to_string(threads) +
                                      " processors, there are " + std::to_string(processorCount()));
         }
         return threads;

@@ -8,11 +8,12 @@
 #include <string>
 #include <vector>
 
-// How long to measure.
+// How long to measure, and where.
 struct Settings {
     unsigned int rounds = 150;
     std::chrono::nanoseconds slice = std::chrono::milliseconds(8);
-    bool smoke = false; // only to see that it runs: one round
+    std::string path = "."; // folder on the disk that is measured
+    bool smoke = false;     // only to see that it runs: one round
 };
 
 // One of the operations that are compared.
@@ -20,7 +21,7 @@ struct Case {
     std::string name;
     std::function<void(u64 iterations)> work; // the operation, so many times; on each thread
     unsigned int threads = 1;
-    std::function<void()> prepare{}; // before each slice, on its first thread, not timed
+    std::function<void()> prepare{}; // of one thread: before each slice, not timed
     u64 iterations = 0;              // of a slice; 0: as many as fill it, found out once
     bool sleeps = false;             // it waits for others, so it need not have its processor
 };

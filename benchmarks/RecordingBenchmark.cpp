@@ -12,6 +12,7 @@
 namespace {
 
 constexpr AIO::Limits limits = {50'000, {1'000, 5'000, 20'000, 100'000}};
+const prometheus::Histogram::BucketBoundaries bounds = {1e6, 5e6, 20e6, 100e6}; // in ns
 
 // What a busy disk does: mostly the first class, some of each, and a high-latency episode that
 // begins every thousand I/Os or so.
@@ -74,18 +75,23 @@ Case bareAddition(std::atomic<u64>& counter) {
 
 std::vector<Result> compareRecording(const Settings& settings) {
     StorageLatency ours(limits);
-    prometheus::Histogram peer({1e6, 5e6, 20e6, 100e6});
+    prometheus::Histogram peer(bounds);
     std::atomic<u64> counter{0};
     const auto one =
         interleave({recordingOn(1, ours), observingOn(1, peer), bareAddition(counter)}, settings);
-    const auto two = interleave({recordingOn(2, ours), observingOn(2, peer)}, settings);
     return {compare("recording one I/O's latency", one[0], one[2], Target::atMost(1.25)),
-            compare("the same", one[0], one[1], Target::atLeast(4.5)),
-            compare("the same, two threads", two[0], two[1], Target::atLeast(7))};
+            compare("recording one I/O's latency", one[0], one[1], Target::atLeast(4.5))};
+}
+
+std::vector<Result> compareRecordingTogether(const Settings& settings) {
+    StorageLatency ours(limits);
+    prometheus::Histogram peer(bounds);
+    const auto two = interleave({recordingOn(2, ours), observingOn(2, peer)}, settings);
+    return {compare("recording, two threads", two[0], two[1], Target::atLeast(7))};
 }
 
 } // namespace
 
 std::vector<Benchmark> recordingBenchmarks() {
-    return {{"recording", compareRecording}};
+    return {{"recording", compareRecording}, {"recording, two threads", compareRecordingTogether}};
 }

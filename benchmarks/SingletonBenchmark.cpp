@@ -53,7 +53,7 @@ std::vector<Result> compareAccess(const Settings& settings) {
     return {inLoop,
             compare("Singleton::instance(), loop unrolled", samples[1], samples[0],
                     Target::atMost(1.6)),
-            compare("the same across a shared object's boundary", samples[2], samples[0],
+            compare("Singleton::instance(), unrolled, other object", samples[2], samples[0],
                     Target::atMost(1.6)),
             compare("instance()->virtualCall()", samples[6], samples[5], Target::atMost(1.1))};
 }

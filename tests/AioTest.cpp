@@ -1,6 +1,8 @@
 #include "common/infra/AIO.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -106,10 +108,12 @@ TEST_F(AioTest, MovesDataInsideAndOutsideTheRegisteredMemoryAndReportsErrors) {
     EXPECT_EQ(counted(), 6U);
 }
 
-TEST_F(AioTest, OpensOnceAndCountsAnIoBeforeItsCompletionIsSeen) {
+TEST_F(AioTest, OpensOnceCountsAnIoBeforeItsCompletionIsSeenAndLeavesTheFile) {
     EXPECT_THROW(aio.open({-1, 1}), std::system_error);
     EXPECT_THROW(aio.open({file, 1U << 15U}), std::invalid_argument);
-    aio.open({file, 8});
+    const int locked = ::open(("/proc/self/fd/" + std::to_string(file)).c_str(), O_RDWR);
+    ASSERT_EQ(flock(locked, LOCK_EX), 0);
+    aio.open({locked, 8});
     EXPECT_THROW(aio.open({file, 8}), std::logic_error);
     for (u64 round = 1; round <= 200; ++round) {
         ASSERT_TRUE(run());
@@ -117,6 +121,8 @@ TEST_F(AioTest, OpensOnceAndCountsAnIoBeforeItsCompletionIsSeen) {
     }
     aio.close();
     EXPECT_FALSE(run());
+    ::close(locked);
+    EXPECT_EQ(flock(file, LOCK_EX | LOCK_NB), 0) << "the service still holds the file";
 }
 
 TEST_F(AioTest, ClosingWaitsForWhatIsInTheKernelAndWhatIsStillQueued) {

@@ -6,6 +6,9 @@
 #include "host/services/LogService.h"
 #include "host/services/SpdlogSink.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <ctime>
 #include <exception>
@@ -37,15 +40,28 @@ int run(const Options& options) {
     return Host(options).run();
 }
 
+// A standard stream that is closed would be the next file that is opened, and what is written to
+// that stream would go there. In its place comes one that refuses: a loss is then reported.
+void keepStandardStreamsApart() {
+    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
+        if (fcntl(stream, F_GETFD) < 0) { // the lowest one free, so this is the one that is opened
+            static_cast<void>(open("/dev/null", O_RDONLY | O_CLOEXEC));
+        }
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
+    keepStandardStreamsApart();
     const ParsedCommandLine commandLine = parseCommandLine(argc, argv);
     if (!commandLine.options) {
         return commandLine.exitCode;
     }
-    // A reader that goes away is an error of the write, to be reported like any other.
+    // A reader that goes away and a file that may grow no further are errors of the write, to be
+    // reported like any other.
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+    static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
     int exitCode = exitFailed;
     std::unique_ptr<SpdlogSink> log;
     try {

@@ -143,6 +143,7 @@ struct AIO::Impl {
     // The service's thread.
     void serve(std::promise<void> opened);
     void openRing();
+    void closeRing();
     bool registerBuffers();
     void takeInbox();
     std::size_t ready() const;
@@ -307,7 +308,7 @@ void AIO::Impl::serve(std::promise<void> opened) {
         reap();
     }
     servedHere = nullptr;
-    io_uring_queue_exit(&ring);
+    closeRing();
 }
 
 void AIO::Impl::openRing() {
@@ -333,6 +334,16 @@ void AIO::Impl::openRing() {
         throwErrno(error, "io_uring cannot take the file");
     }
     buffersRegistered = registerBuffers();
+}
+
+// The kernel takes a ring apart some time after its end. What was registered is the caller's, who
+// may want to unlock the file or to unmount its disk, so that is given back first.
+void AIO::Impl::closeRing() {
+    io_uring_unregister_files(&ring);
+    if (buffersRegistered) {
+        io_uring_unregister_buffers(&ring);
+    }
+    io_uring_queue_exit(&ring);
 }
 
 bool AIO::Impl::registerBuffers() {
