@@ -47,55 +47,48 @@ const Delays delays;
 // Our timer, its thread asleep until the first expiry.
 class OwnTimers {
 public:
-    void fill() {
-        m_timer.emplace();
-        arm(firstDelayMs);
-        armMany(pendingTimers);
-    }
+    void clear() { m_timer.emplace(); }
 
-    void armMany(u64 times) {
-        for (u64 i = 0; i < times; ++i) {
-            arm(delays[i]);
-        }
-    }
-
-private:
     void arm(u32 delayMs) {
         static_cast<ITimer&>(*m_timer).addTimer([](ITimer::Cookie) {}, 0, delayMs, true);
     }
 
+private:
     std::optional<Timer> m_timer;
 };
 
 class AsioTimers {
 public:
-    void fill() {
+    void clear() {
         m_timers.clear();
         m_context.emplace();
-        arm(firstDelayMs);
-        armMany(pendingTimers);
     }
 
-    void armMany(u64 times) {
-        for (u64 i = 0; i < times; ++i) {
-            arm(delays[i]);
-        }
-    }
-
-private:
     void arm(u32 delayMs) {
         m_timers.emplace_back(*m_context, std::chrono::milliseconds(delayMs))
             .async_wait([](const boost::system::error_code&) {});
     }
 
+private:
     std::optional<boost::asio::io_context> m_context;
     std::deque<boost::asio::steady_timer> m_timers; // a timer that is destroyed is cancelled
 };
 
 template <typename Timers>
+void armMany(Timers& timers, u64 times) {
+    for (u64 i = 0; i < times; ++i) {
+        timers.arm(delays[i]);
+    }
+}
+
+template <typename Timers>
 Case arming(const std::string& name, Timers& timers) {
-    Case result{name, [&timers](u64 times) { timers.armMany(times); }};
-    result.prepare = [&timers] { timers.fill(); };
+    Case result{name, [&timers](u64 times) { armMany(timers, times); }};
+    result.prepare = [&timers] {
+        timers.clear();
+        timers.arm(firstDelayMs);
+        armMany(timers, pendingTimers);
+    };
     result.iterations = armingsInSlice;
     return result;
 }

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <exception>
 #include <iostream>
+#include <stdexcept>
 
 namespace {
 
@@ -93,9 +94,7 @@ Measured measure(const std::vector<Benchmark>& benchmarks, const Settings& setti
     return measured;
 }
 
-} // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
     CLI::App app("Measures the operations that are on a host's hot paths, beside peers and limits");
     Options options;
     addOptions(app, options);
@@ -111,7 +110,18 @@ int main(int argc, char** argv) {
     std::cout << (options.json ? toJson(machine, measured.rows) : toTable(machine, measured.rows))
               << std::flush;
     if (!std::cout) {
-        std::cerr << "analytics-bench: cannot write to standard output" << std::endl;
+        throw std::runtime_error("cannot write to standard output");
     }
-    return measured.areAll && std::cout ? 0 : 1;
+    return measured.areAll ? 0 : 1;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& error) {
+        std::cerr << "analytics-bench: " << error.what() << std::endl;
+        return 1;
+    }
 }
