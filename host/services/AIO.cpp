@@ -444,9 +444,10 @@ void AIO::Impl::reap() {
     io_uring_cqe* completions[64];
     const unsigned count = io_uring_peek_batch_cqe(&ring, completions, std::size(completions));
     {
-        // One clock reading for all that is there: none of it completed later, and it was not seen
-        // earlier because this thread was still reporting what came before. And all is counted
-        // before any of it is reported: who has seen an I/O complete finds it in the counters.
+        // One clock reading for all that is there: none of it completed later, and a latency is too
+        // long at most by the time in which this thread reported the completions before, up to 64
+        // callbacks. And all is counted before any of it is reported: who has seen an I/O complete
+        // finds it in the counters.
         const u64 nowNs = monotonicNs();
         StorageLatency::Batch batch(latency, nowNs);
         for (unsigned i = 0; i < count; ++i) {
