@@ -20,4 +20,4 @@ std::vector<Benchmark> reportBenchmarks();
 std::vector<Benchmark> timerBenchmarks();
 std::vector<Benchmark> microBenchmarks();
 std::vector<Benchmark> footprintBenchmarks();
-std::vector<Benchmark> dataPathBenchmarks();
+std::vector<Benchmark> engineBenchmarks();

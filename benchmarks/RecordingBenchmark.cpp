@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr AIO::Limits limits = {50'000, {1'000, 5'000, 20'000, 100'000}};
+constexpr StorageLimits limits = {50'000, {1'000, 5'000, 20'000, 100'000}};
 const prometheus::Histogram::BucketBoundaries bounds = {1e6, 5e6, 20e6, 100e6}; // in ns
 
 // What a busy disk does: mostly the first class, some of each, and a high-latency episode that
@@ -35,16 +35,11 @@ private:
 
 const Latencies latencies;
 
-u64 nowNs() {
-    return static_cast<u64>(std::chrono::steady_clock::now().time_since_epoch().count());
-}
-
 Case recordingOn(unsigned int threads, StorageLatency& latency) {
     Case recording{"ours",
                    [&](u64 times) {
-                       const u64 startNs = nowNs();
                        for (u64 i = 0; i < times; ++i) {
-                           latency.record(latencies[i], startNs + i);
+                           latency.countIo(latencies[i]);
                        }
                    },
                    threads};
@@ -74,7 +69,7 @@ Case bareAddition(std::atomic<u64>& counter) {
 }
 
 std::vector<Result> compareRecording(const Settings& settings) {
-    StorageLatency ours(limits);
+    StorageLatency ours;
     prometheus::Histogram peer(bounds);
     std::atomic<u64> counter{0};
     const auto one =
@@ -84,7 +79,7 @@ std::vector<Result> compareRecording(const Settings& settings) {
 }
 
 std::vector<Result> compareRecordingTogether(const Settings& settings) {
-    StorageLatency ours(limits);
+    StorageLatency ours;
     prometheus::Histogram peer(bounds);
     const auto two = interleave({recordingOn(2, ours), observingOn(2, peer)}, settings);
     return {compare("recording, two threads", two[0], two[1], Target::atLeast(7))};

@@ -15,7 +15,7 @@ std::vector<Benchmark> allBenchmarks() {
     std::vector<Benchmark> all;
     for (const auto& room :
          {singletonBenchmarks(), recordingBenchmarks(), loggingBenchmarks(), reportBenchmarks(),
-          timerBenchmarks(), microBenchmarks(), footprintBenchmarks(), dataPathBenchmarks()}) {
+          timerBenchmarks(), microBenchmarks(), footprintBenchmarks(), engineBenchmarks()}) {
         all.insert(all.end(), room.begin(), room.end());
     }
     return all;

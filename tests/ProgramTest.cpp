@@ -1,4 +1,4 @@
-#include "host/program/ParcelFormat.h"
+#include "host/forwarding/ParcelFormat.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

@@ -9,6 +9,7 @@
 // The macros capture what only a macro can: the signature of the enclosing function, the text of
 // the condition and the place. They must therefore stand in the function that a line names.
 
+#include "common/infra/FileName.h"
 #include "common/infra/Log.h"
 
 #include <charconv>
@@ -23,9 +24,10 @@
 // The condition is evaluated once, the details that are streamed into it only if it does not hold.
 // The line's end is supplied. An expression, so it can stand wherever a statement can.
 #define EXPECT_OR_REPORT(...)                                                                      \
-    (__VA_ARGS__) ? static_cast<void>(0)                                                           \
-                  : log_line::End() & LOG_LINE(LogModuleKel, AssertLevel)                          \
-                                          .beginAssertion(__FILE_NAME__, __LINE__, #__VA_ARGS__)
+    (__VA_ARGS__)                                                                                  \
+        ? static_cast<void>(0)                                                                     \
+        : log_line::End() & LOG_LINE(LogModuleKel, AssertLevel)                                    \
+                                .beginAssertion(ANALYTICS_FILE_NAME, __LINE__, #__VA_ARGS__)
 
 namespace log_line {
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/infra/FileName.h"
 #include "common/infra/MemShield.h"
 
 #include <cstddef>
@@ -17,10 +18,11 @@
 
 // Creates a T on a tracked block. If T's constructor throws, the block is given back the way a
 // deletion does it, and the failure passes on.
-#define TRACKED_NEW(...) (TrackedAllocation<__VA_ARGS__>{#__VA_ARGS__, __FILE_NAME__, __LINE__})
+#define TRACKED_NEW(...)                                                                           \
+    (TrackedAllocation<__VA_ARGS__>{#__VA_ARGS__, ANALYTICS_FILE_NAME, __LINE__})
 
 // Destroys an object made by TRACKED_NEW, which must not be null, naming this line to the tracker.
-#define TRACKED_DELETE (TrackedDelete{__FILE_NAME__, __LINE__})
+#define TRACKED_DELETE (TrackedDelete{ANALYTICS_FILE_NAME, __LINE__})
 
 struct TrackedDelete {
     template <typename T>

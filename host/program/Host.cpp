@@ -23,14 +23,14 @@ T& ownService() {
     return static_cast<T&>(*Singleton<I, T>::instance());
 }
 
-DataPath::Options dataPathOptions(const Options& options, const ScratchFile& file) {
+LoadGenerator::Options loadOptions(const Options& options, const ScratchFile& file) {
     return {file.descriptor(),  options.size,        static_cast<u32>(options.blockSize),
             options.queueDepth, options.readPercent, options.rate,
             options.maxIos};
 }
 
-// The program's own event: the maxima that the data path kept.
-void sendMaxima(const DataPath::Maxima& maxima) {
+// The program's own event: the maxima that the load generator kept.
+void sendMaxima(const LoadGenerator::Maxima& maxima) {
     TrackedPtr<AnalyticsParcel> parcel(TRACKED_NEW(AnalyticsParcel)(), TRACKED_DELETE);
     parcel->setEventName("HostMaximaParcel");
     parcel->setCategory("storage");
@@ -50,7 +50,7 @@ Host::Host(const Options& options)
       m_output(options.outputFile),
       m_tweaksFile(loadTweaks(options)),
       m_scratchFile(options.path, options.size / options.blockSize * options.blockSize),
-      m_dataPath(dataPathOptions(options, m_scratchFile)) {}
+      m_loadGenerator(loadOptions(options, m_scratchFile)) {}
 
 Host::~Host() {
     // Its callbacks hold the scheduler's address.
@@ -76,7 +76,7 @@ void Host::start() {
         m_tweaksFile->follow();
     }
     scheduleReports();
-    m_dataPath.start();
+    m_loadGenerator.start();
 }
 
 // The scheduler owns policy and finalizer once its constructor has returned; until then we do.
@@ -87,7 +87,7 @@ void Host::scheduleReports() {
     TrackedPtr<IPeriodicAnalyticsParcelFinalizer> finalizer(std::move(generator));
     if (m_options.reports != 0) {
         auto* last = TRACKED_NEW(LastReport)(
-            finalizer.get(), m_options.reports, [this] { m_dataPath.stop(); },
+            finalizer.get(), m_options.reports, [this] { m_loadGenerator.stop(); },
             [this] {
                 m_lastReportMade = true;
                 m_stopRequest.request();
@@ -101,19 +101,19 @@ void Host::scheduleReports() {
 }
 
 void Host::stop() {
-    m_dataPath.stop();
+    m_loadGenerator.stop();
     m_timer.stop();
     if (!m_lastReportMade) {
         m_scheduler->handleReachedTimeout(); // the running period; what it arms is dropped
     }
     m_scheduler.reset();
-    sendMaxima(m_dataPath.maxima());
+    sendMaxima(m_loadGenerator.maxima());
     m_forwarded = m_forwarder->drain();
     m_tweaksFile.reset();
 }
 
 int Host::summarize() const {
-    const DataPath::Counts ios = m_dataPath.counts();
+    const LoadGenerator::Counts ios = m_loadGenerator.counts();
     const u64 lost = m_forwarded.lost + m_outbox.counts().dropped;
     const MemReport memory = MemLedger::report();
     std::cerr << "analytics-host: " << ios.completed() << " I/Os (" << ios.reads << " reads, "

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "host/program/DataPath.h"
+#include "host/forwarding/OutputFile.h"
+#include "host/forwarding/ParcelForwarder.h"
+#include "host/program/LoadGenerator.h"
 #include "host/program/Options.h"
-#include "host/program/OutputFile.h"
-#include "host/program/ParcelForwarder.h"
 #include "host/program/ScratchFile.h"
 #include "host/program/StopRequest.h"
 #include "host/services/TweaksFile.h"
@@ -46,7 +46,7 @@ private:
     std::unique_ptr<TweaksFile> m_tweaksFile;
     ScratchFile m_scratchFile;
     StopRequest m_stopRequest;
-    DataPath m_dataPath;
+    LoadGenerator m_loadGenerator;
     std::unique_ptr<ParcelForwarder> m_forwarder;
     std::unique_ptr<PeriodicAnalyticsScheduler> m_scheduler;
     bool m_lastReportMade = false; // the timer's thread writes it; read when the timer has stopped

@@ -171,7 +171,7 @@ void addScheduleOptions(CLI::App& app, Options& options) {
         ->option_text("N");
 }
 
-void addDataPathOptions(CLI::App& app, Options& options) {
+void addLoadOptions(CLI::App& app, Options& options) {
     addSize(app, "--size", options.size,
             "Bytes of the scratch file, with K, M or G, at least one block (default 64M)");
     addSize(app, "--block-size", options.blockSize,
@@ -235,7 +235,7 @@ ParsedCommandLine parseCommandLine(int argc, const char* const* argv) {
     app.footer(footer);
     addOptions(app, options);
     addScheduleOptions(app, options);
-    addDataPathOptions(app, options);
+    addLoadOptions(app, options);
     addLogOptions(app, options);
     try {
         app.parse(argc, argv);

@@ -3,12 +3,11 @@
 #include "common/Analytics/FixedDaysSchedulingPolicy.h"
 #include "common/infra/Defs.h"
 #include "common/infra/Log.h"
+#include "host/forwarding/ParcelFormat.h"
 
 #include <optional>
 #include <string>
 #include <vector>
-
-enum class ParcelFormat { Text, JsonLines };
 
 // A report on these days at this hour (UTC).
 struct WeeklySchedule {

@@ -1,6 +1,6 @@
 #include "host/program/ScratchFile.h"
 
-#include "host/program/AlignedBuffer.h"
+#include "host/io/AlignedBuffer.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,81 +1,160 @@
 #include "host/services/StorageLatency.h"
 
+#include "common/infra/DynamicTweaks.h"
+#include "common/infra/Singleton.h"
+
 #include <algorithm>
 #include <limits>
+#include <numeric>
+#include <utility>
 
 namespace {
 
-constexpr u64 nsPerUs = 1'000;
-constexpr u64 nsPerMs = 1'000'000;
+template <typename To = u32>
+To saturated(u64 value) {
+    return static_cast<To>(std::min<u64>(value, std::numeric_limits<To>::max()));
+}
 
-// A counter that reaches the top of the record's u32 stays there.
-u32 saturated(u64 value) {
-    return static_cast<u32>(std::min<u64>(value, std::numeric_limits<u32>::max()));
+u32 microsecondsRoundedUp(u64 ns) {
+    return saturated(ns / nsPerUs + (ns % nsPerUs != 0 ? 1 : 0));
+}
+
+// What was added since the last reading.
+u64 takeIncrease(u64 total, u64& readSoFar) {
+    return total - std::exchange(readSoFar, total);
 }
 
 } // namespace
 
-StorageLatency::StorageLatency(const AIO::Limits& limits)
-    : m_limits(limits), m_closedLimits(limits) {
-    apply(limits);
+StorageLimits liveStorageLimits() {
+    DynamicTweaks& tweaks = *Singleton<DynamicTweaks, DynamicTweaks>::instance();
+    const std::lock_guard<std::mutex> lock(tweaks.together);
+    return {tweaks.t_StorageAnalyticsLatencyThreshold,
+            {tweaks.t_StorageAnalyticsLatencyFast, tweaks.t_StorageAnalyticsLatencyModerate,
+             tweaks.t_StorageAnalyticsLatencySlow, tweaks.t_StorageAnalyticsLatencyVerySlow}};
 }
 
-void StorageLatency::closePeriod(StorageAnalyticsCounters& counters, const AIO::Limits& next,
-                                 u64 nowNs) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_inEpisode.load(std::memory_order_relaxed)) {
-        countEpisodeUntil(nowNs);
-    }
-    counters.latencyThreshold = m_limits.threshold;
-    for (std::size_t i = 0; i < classCount; ++i) {
-        u64 total = 0;
-        for (const Shard& shard : m_shards) {
-            total += shard.counts[i].load(std::memory_order_relaxed);
-        }
-        counters.storageLatency[i] = saturated(total - m_readSoFar[i]);
-        m_readSoFar[i] = total;
-    }
-    const u64 meanNs = m_episodes == 0 ? 0 : m_episodeSumNs / m_episodes;
-    counters.avrHighStorageLatencyDuration = saturated(meanNs / nsPerMs);
-    counters.maxHighStorageLatencyDuration = saturated(m_longestEpisodeNs / nsPerMs);
+StorageLatency::StorageLatency(LimitsSource limits, ClockSource clock)
+    : m_limitsInForce(limits()),
+      m_limitsSource(std::move(limits)),
+      m_clock(std::move(clock)),
+      m_limits(m_limitsSource()),
+      m_periodStartNs(m_clock()) {
+    m_limitsInForce.replace(m_limits);
+}
 
-    m_episodes = m_episodeSumNs = m_longestEpisodeNs = 0;
-    m_closedLimits = m_limits;
+StoragePeriod StorageLatency::closePeriod() {
+    const StorageLimits next = m_limitsSource();
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const u64 nowNs = m_clock();
+    StoragePeriod period;
+    period.limits = m_limits;
+    period.counters.latencyThreshold = m_limits.threshold;
+    period.periodMs = (nowNs - m_periodStartNs) / nsPerMs;
+    readEpisodes(period, nowNs);
+    readClasses(period);
+    m_periodStartNs = nowNs;
     m_limits = next;
-    apply(next);
+    m_limitsInForce.replace(next);
+    m_closed = period;
+    return period;
 }
 
-AIO::Limits StorageLatency::limitsOfClosedPeriod() const {
+StoragePeriod StorageLatency::closedPeriod() const {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_closedLimits;
+    return m_closed;
 }
 
-void StorageLatency::turnEpisode(bool begins, u64 nowNs) {
+bool StorageLatency::hasCounted() {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (begins == m_inEpisode.load(std::memory_order_relaxed)) {
-        return; // another thread's I/O has turned it
-    }
-    if (begins) {
-        m_episodeStartNs = nowNs;
-    } else {
-        countEpisodeUntil(nowNs);
-    }
-    m_inEpisode.store(begins, std::memory_order_relaxed);
+    const auto& classes = m_readSoFar.classes;
+    return std::accumulate(classes.begin(), classes.end(), m_readSoFar.failed) != 0 ||
+           m_inFlight.oldestStartNs().has_value();
 }
 
-// Counts the open episode, and lets what remains of it be a new one.
-void StorageLatency::countEpisodeUntil(u64 nowNs) {
-    // Threads may come here in another order than that of their clock readings.
-    const u64 durationNs = nowNs > m_episodeStartNs ? nowNs - m_episodeStartNs : 0;
-    ++m_episodes;
-    m_episodeSumNs += durationNs;
-    m_longestEpisodeNs = std::max(m_longestEpisodeNs, durationNs);
-    m_episodeStartNs = nowNs;
+void StorageLatency::raise(std::atomic<u64>& longest, u64 latencyNs) {
+    u64 current = longest.load(std::memory_order_relaxed);
+    while (latencyNs > current &&
+           !longest.compare_exchange_weak(current, latencyNs, std::memory_order_relaxed)) {
+    }
 }
 
-void StorageLatency::apply(const AIO::Limits& limits) {
-    for (std::size_t i = 0; i < boundCount; ++i) {
-        m_boundsNs[i].store(limits.bounds[i] * nsPerUs, std::memory_order_relaxed);
+// The order of the I/Os in an episode is that in which they come here.
+void StorageLatency::noteEpisode(bool slow, u64 latencyNs) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const u64 nowNs = m_clock();
+    m_episodes.completed(slow, nowNs - std::min(latencyNs, nowNs), nowNs);
+    m_episodeIsOpen.store(m_episodes.isOpen(), std::memory_order_relaxed);
+}
+
+void StorageLatency::readEpisodes(StoragePeriod& period, u64 nowNs) {
+    std::optional<u64> oldestNs = m_inFlight.oldestStartNs();
+    if (oldestNs && *oldestNs + m_limits.threshold * nsPerUs > nowNs) {
+        oldestNs.reset(); // not slow yet
     }
-    m_thresholdNs.store(limits.threshold * nsPerUs, std::memory_order_relaxed);
+    const LatencyEpisodes::Summary summary = m_episodes.closePeriod(oldestNs, nowNs);
+    m_episodeIsOpen.store(m_episodes.isOpen(), std::memory_order_relaxed);
+    const u64 meanNs = summary.episodes == 0 ? 0 : summary.sumNs / summary.episodes;
+    period.counters.avrHighStorageLatencyDuration = saturated(meanNs / nsPerMs);
+    period.counters.maxHighStorageLatencyDuration = saturated(summary.longestNs / nsPerMs);
+    period.episodes = saturated(summary.episodes);
+    period.episodeSumMs = summary.sumNs / nsPerMs;
+}
+
+void StorageLatency::readClasses(StoragePeriod& period) {
+    Totals totals;
+    for (const Lane& lane : m_lanes) {
+        for (std::size_t i = 0; i < classCount; ++i) {
+            totals.classes[i] += lane.classes[i].load(std::memory_order_acquire);
+        }
+        totals.failed += lane.failed.load(std::memory_order_relaxed);
+    }
+    u64 ios = 0;
+    for (std::size_t i = 0; i < classCount; ++i) {
+        const u64 count = takeIncrease(totals.classes[i], m_readSoFar.classes[i]);
+        period.counters.storageLatency[i] = saturated(count);
+        ios += count;
+    }
+    period.failedIos = takeIncrease(totals.failed, m_readSoFar.failed);
+    if (ios != 0) {
+        readPercentiles(period);
+    }
+}
+
+// A recording that the reading comes in the middle of is in the histogram of one period and in the
+// class of the next, or its latency is noted as the longest of the period before. So the longest
+// latency is held against the histogram.
+void StorageLatency::readPercentiles(StoragePeriod& period) {
+    LatencyHistogram histogram{};
+    for (const Lane& lane : m_lanes) {
+        for (std::size_t bucket = 0; bucket < histogram.size(); ++bucket) {
+            histogram[bucket] += lane.histogram[bucket].load(std::memory_order_relaxed);
+        }
+    }
+    std::size_t highest = 0;
+    u64 total = 0;
+    for (std::size_t bucket = 0; bucket < histogram.size(); ++bucket) {
+        histogram[bucket] = takeIncrease(histogram[bucket], m_readSoFar.histogram[bucket]);
+        total += histogram[bucket];
+        highest = histogram[bucket] != 0 ? bucket : highest;
+    }
+    const u64 longestNs = std::clamp(takeLongestNs(), LatencyBuckets::shortest(highest),
+                                     LatencyBuckets::longest(highest));
+    const auto percentileUs = [&](u64 thousandths) {
+        return microsecondsRoundedUp(
+            std::min(percentileNs(histogram, total, thousandths), longestNs));
+    };
+    period.p50Us = percentileUs(500);
+    period.p90Us = percentileUs(900);
+    period.p99Us = percentileUs(990);
+    period.p999Us = percentileUs(999);
+    period.maxUs = microsecondsRoundedUp(longestNs);
+}
+
+u64 StorageLatency::takeLongestNs() {
+    u64 longestNs = 0;
+    for (Lane& lane : m_lanes) {
+        longestNs = std::max(longestNs, lane.longestNs.exchange(0, std::memory_order_relaxed));
+    }
+    return longestNs;
 }

@@ -3,123 +3,138 @@
 #include "common/infra/AIO.h"
 #include "common/infra/Defs.h"
 #include "common/infra/Export.h"
+#include "host/services/Clock.h"
+#include "host/services/InFlightIos.h"
+#include "host/services/LatencyBuckets.h"
+#include "host/services/LatencyEpisodes.h"
+#include "host/services/LimitsInForce.h"
 #include "host/services/ThreadLane.h"
 
 #include <array>
 #include <atomic>
 #include <cstddef>
+#include <functional>
 #include <mutex>
 
-// The latency counters behind AIO. Time is an argument: nanoseconds of any clock that does not run
-// backwards. Every operation may be called from any thread.
+// All that is known of a counting period.
+struct StoragePeriod {
+    StorageAnalyticsCounters counters;
+    StorageLimits limits; // in force during the period
+    u64 failedIos = 0;
+    u32 p50Us = 0; // percentiles of the latencies, at most 3.1 % off, rounded up
+    u32 p90Us = 0;
+    u32 p99Us = 0;
+    u32 p999Us = 0;
+    u32 maxUs = 0; // the longest latency, rounded up
+    u64 periodMs = 0;
+    u32 episodes = 0; // high-latency episodes, and the sum of their durations
+    u64 episodeSumMs = 0;
+};
+
+// Counters of I/Os and their latencies: those of the process, behind AIO, or a set of a host's own,
+// such as its reads, or one device. StorageSetGenerator reports a set.
 //
-// Counts only ever grow, in a shard of the recording thread's own; a period is the difference
-// between two readings. So recording is a plain addition, and no I/O is lost or counted twice
-// however readings and recordings interleave. Episodes are rare and sit behind a mutex that
-// recording takes only where one begins or ends.
+// Any thread. Each of the first threads counts in a lane of its own, by plain additions; further
+// ones share a lane by atomic additions. Counts only grow, and a period is the difference between
+// two readings: an I/O is in exactly one period, however readings and counting interleave. One that
+// is counted while a period is closed may be counted under the limits of that period. A latency is
+// compared with one set of limits, never with a mixture of two.
 class ANALYTICS_EXPORT StorageLatency {
 public:
-    static constexpr std::size_t classCount = 5;
+    using LimitsSource = std::function<StorageLimits()>;
+    using ClockSource = std::function<u64()>; // nanoseconds; never runs backwards
 
-    explicit StorageLatency(const AIO::Limits& limits);
+    explicit StorageLatency(LimitsSource limits = liveStorageLimits,
+                            ClockSource clock = monotonicNs);
     StorageLatency(const StorageLatency&) = delete;
     StorageLatency& operator=(const StorageLatency&) = delete;
 
-    // Counts one I/O that took `latencyNs` and completed at `nowNs`.
-    void record(u64 latencyNs, u64 nowNs) {
-        noteEpisode(latencyNs, nowNs);
-        count(classOf(latencyNs), 1);
+    // Counts an I/O that took so long and completed now.
+    void countIo(u64 latencyNs) {
+        Lane& lane = m_lanes[ThreadLane::mine()];
+        const std::size_t latencyClass = classify(latencyNs);
+        if (latencyNs > lane.longestNs.load(std::memory_order_relaxed)) {
+            raise(lane.longestNs, latencyNs);
+        }
+        add(lane, lane.histogram[LatencyBuckets::of(latencyNs)]);
+        add(lane, lane.classes[latencyClass]);
+    }
+    // The same for an I/O that failed: it is in no class and no percentile.
+    void countFailedIo(u64 latencyNs) {
+        classify(latencyNs);
+        Lane& lane = m_lanes[ThreadLane::mine()];
+        add(lane, lane.failed);
     }
 
-    // Counts I/Os whose completions were seen at the same moment: one addition for a run of them
-    // that fall into the same class, as nearly all do. They are in the counters from the batch's
-    // destruction on.
-    class Batch {
-    public:
-        Batch(StorageLatency& latency, u64 nowNs) : m_latency(latency), m_nowNs(nowNs) {}
-        ~Batch() { flush(); }
-        Batch(const Batch&) = delete;
-        Batch& operator=(const Batch&) = delete;
+    // Ends the counting period and starts the next one under the limits of the source.
+    StoragePeriod closePeriod();
+    // The period that was closed last.
+    StoragePeriod closedPeriod() const;
+    // Whether an I/O was ever counted in a closed period, or is in flight.
+    bool hasCounted();
 
-        void record(u64 latencyNs) {
-            m_latency.noteEpisode(latencyNs, m_nowNs);
-            const std::size_t latencyClass = m_latency.classOf(latencyNs);
-            if (latencyClass != m_class) {
-                flush();
-                m_class = latencyClass;
-            }
-            ++m_run;
-        }
-
-    private:
-        void flush() {
-            m_latency.count(m_class, m_run);
-            m_run = 0;
-        }
-
-        StorageLatency& m_latency;
-        const u64 m_nowNs;
-        std::size_t m_class = 0; // of the last m_run I/Os, which are not in the counters yet
-        u64 m_run = 0;
-    };
-
-    // Writes the counters of the period that ends now, and starts one under the given limits.
-    void closePeriod(StorageAnalyticsCounters& counters, const AIO::Limits& next, u64 nowNs);
-
-    AIO::Limits limitsOfClosedPeriod() const;
+    u64 nowNs() const { return m_clock(); }
+    InFlightIos& inFlight() { return m_inFlight; }
 
 private:
-    static constexpr std::size_t boundCount = classCount - 1;
+    static constexpr std::size_t classCount = 5;
     static constexpr std::size_t cacheLine = 64;
 
-    struct alignas(cacheLine) Shard {
-        std::array<std::atomic<u64>, classCount> counts{};
+    using Counter = std::atomic<u64>;
+
+    struct alignas(cacheLine) Lane {
+        std::array<Counter, classCount> classes{};
+        Counter failed{0};
+        std::atomic<u64> longestNs{0}; // since the last reading
+        std::array<Counter, LatencyBuckets::count> histogram{};
+    };
+    // Sums over the lanes.
+    struct Totals {
+        std::array<u64, classCount> classes{};
+        u64 failed = 0;
+        LatencyHistogram histogram{};
     };
 
-    std::size_t classOf(u64 latencyNs) const {
-        std::size_t index = 0;
-        for (const auto& bound : m_boundsNs) {
-            index += latencyNs > bound.load(std::memory_order_relaxed) ? 1 : 0;
+    // The class of a latency. Notes the I/O if it is slow or an episode is open.
+    std::size_t classify(u64 latencyNs) {
+        const LimitsInForce::Verdict verdict = m_limitsInForce.judge(latencyNs);
+        if (__builtin_expect(verdict.isSlow || m_episodeIsOpen.load(std::memory_order_relaxed),
+                             0)) {
+            noteEpisode(verdict.isSlow, latencyNs);
         }
-        return index;
+        return verdict.latencyClass;
     }
 
-    void noteEpisode(u64 latencyNs, u64 nowNs) {
-        const bool isHigh = latencyNs >= m_thresholdNs.load(std::memory_order_relaxed);
-        if (__builtin_expect(isHigh != m_inEpisode.load(std::memory_order_relaxed), 0)) {
-            turnEpisode(isHigh, nowNs);
-        }
-    }
-
-    void count(std::size_t latencyClass, u64 ios) {
-        const unsigned int lane = ThreadLane::mine();
-        std::atomic<u64>& counter = m_shards[lane].counts[latencyClass];
-        if (lane < ThreadLane::count) {
-            counter.store(counter.load(std::memory_order_relaxed) + ios, std::memory_order_relaxed);
+    // Released, so that a reading that sees the last of a recording's additions sees all of them.
+    void add(Lane& lane, Counter& counter) {
+        if (&lane != &m_lanes.back()) { // this thread alone writes it
+            counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_release);
         } else {
-            counter.fetch_add(ios, std::memory_order_relaxed);
+            counter.fetch_add(1, std::memory_order_release);
         }
     }
 
-    void turnEpisode(bool begins, u64 nowNs);
-    void countEpisodeUntil(u64 nowNs);
-    void apply(const AIO::Limits& limits);
+    static void raise(std::atomic<u64>& longest, u64 latencyNs);
+    void noteEpisode(bool slow, u64 latencyNs);
+    void readEpisodes(StoragePeriod& period, u64 nowNs);
+    void readClasses(StoragePeriod& period);
+    void readPercentiles(StoragePeriod& period);
+    u64 takeLongestNs();
 
-    // Read by every recording, written when a period or an episode begins.
-    alignas(cacheLine) std::array<std::atomic<u64>, boundCount> m_boundsNs{};
-    std::atomic<u64> m_thresholdNs{0};
-    std::atomic<bool> m_inEpisode{false};
+    LimitsInForce m_limitsInForce;
+    std::atomic<bool> m_episodeIsOpen{false};
+    InFlightIos m_inFlight;
+    std::array<Lane, ThreadLane::count + 1> m_lanes{}; // the last one is shared
 
-    // One for each lane, and one that the threads without a lane share.
-    std::array<Shard, ThreadLane::count + 1> m_shards{};
+    // Fixed after construction.
+    const LimitsSource m_limitsSource;
+    const ClockSource m_clock;
 
     // Under the mutex.
     mutable std::mutex m_mutex;
-    AIO::Limits m_limits;
-    AIO::Limits m_closedLimits;
-    std::array<u64, classCount> m_readSoFar{}; // sums over the shards at the last reading
-    u64 m_episodeStartNs = 0;
-    u64 m_episodes = 0; // that ended in this period, their durations' sum and the longest one
-    u64 m_episodeSumNs = 0;
-    u64 m_longestEpisodeNs = 0;
+    LatencyEpisodes m_episodes;
+    StorageLimits m_limits;
+    Totals m_readSoFar;
+    u64 m_periodStartNs;
+    StoragePeriod m_closed;
 };

@@ -1,6 +1,7 @@
 #include "common/infra/Timer.h"
 
 #include "common/infra/Log.h"
+#include "host/services/Clock.h"
 #include "host/services/TimerQueue.h"
 
 #include <pthread.h>
@@ -19,23 +20,10 @@
 
 namespace {
 
-constexpr u64 oneMicrosecondInNs = 1'000;
-constexpr u64 oneMsInNs = 1'000'000;
-constexpr u64 oneSecondInNs = 1'000'000'000;
-constexpr u64 oneJiffyInNs = oneSecondInNs / ITimer::JIFFIES_PER_SEC;
-
-u64 readClock(clockid_t clock) {
-    timespec time{};
-    clock_gettime(clock, &time);
-    return static_cast<u64>(time.tv_sec) * oneSecondInNs + static_cast<u64>(time.tv_nsec);
-}
-
-u64 monotonicNs() {
-    return readClock(CLOCK_MONOTONIC);
-}
+constexpr u64 oneJiffyInNs = nsPerSecond / ITimer::JIFFIES_PER_SEC;
 
 u64 systemMs() {
-    return readClock(CLOCK_REALTIME) / oneMsInNs;
+    return readClockNs(CLOCK_REALTIME) / nsPerMs;
 }
 
 // In the pattern a 0 stands for any digit and everything else for itself.
@@ -73,9 +61,9 @@ bool isSameSecond(const tm& left, const tm& right) {
 struct Timer::Impl {
     // Fixed after construction: what makes a time stamp of a reading of the monotonic clock. Both
     // sums are taken modulo 2^64, so it does not matter which clock is ahead.
-    const u64 originNs = readClock(CLOCK_REALTIME) - monotonicNs();
+    const u64 originNs = readClockNs(CLOCK_REALTIME) - monotonicNs();
 
-    std::atomic<u64> lastTimestampMs{timestampNs() / oneMsInNs};
+    std::atomic<u64> lastTimestampMs{timestampNs() / nsPerMs};
     std::atomic<u64> realClockOffsetMs{0}; // modulo 2^64
 
     std::mutex mutex;
@@ -102,7 +90,7 @@ struct Timer::Impl {
 // millisecond, not at each reading.
 u64 Timer::Impl::readTimestampNs() {
     const u64 nowNs = timestampNs();
-    const u64 nowMs = nowNs / oneMsInNs;
+    const u64 nowMs = nowNs / nsPerMs;
     u64 lastMs = lastTimestampMs.load(std::memory_order_relaxed);
     while (lastMs < nowMs &&
            !lastTimestampMs.compare_exchange_weak(lastMs, nowMs, std::memory_order_relaxed)) {
@@ -190,15 +178,15 @@ u64 Timer::getTimestampNano() {
 }
 
 u64 Timer::getTimestampMicro() {
-    return m_impl->readTimestampNs() / oneMicrosecondInNs;
+    return m_impl->readTimestampNs() / nsPerUs;
 }
 
 u64 Timer::getTimestampMs() {
-    return m_impl->readTimestampNs() / oneMsInNs;
+    return m_impl->readTimestampNs() / nsPerMs;
 }
 
 u64 Timer::getClockMs() {
-    return monotonicNs() / oneMsInNs;
+    return monotonicNs() / nsPerMs;
 }
 
 u64 Timer::getLastTimestampMs_Inaccurate(bool refresh) {
@@ -226,11 +214,11 @@ void Timer::addTimer(Callback callback, Cookie cookie, u32 delayMs, bool once) {
 }
 
 u64 Timer::getCurentThreadTickCount() {
-    return readClock(CLOCK_THREAD_CPUTIME_ID);
+    return readClockNs(CLOCK_THREAD_CPUTIME_ID);
 }
 
 u64 Timer::getCurentProcessTickCount() {
-    return readClock(CLOCK_PROCESS_CPUTIME_ID);
+    return readClockNs(CLOCK_PROCESS_CPUTIME_ID);
 }
 
 void Timer::setRealClockTime(u64 realTimeMs) {

@@ -1,11 +1,11 @@
 #include "host/services/TimerQueue.h"
 
+#include "host/services/Clock.h"
+
 #include <algorithm>
 
 namespace {
 
-constexpr u64 oneMsInNs = 1'000'000;
-constexpr u64 oneSecondInNs = 1'000'000'000;
 constexpr int firstRetrySec = 1;
 constexpr int longestRetrySec = 60;
 
@@ -22,7 +22,7 @@ void Expiry::failed() {
 bool TimerQueue::add(ITimer::Callback callback, ITimer::Cookie cookie, u32 delayMs, bool once,
                      u64 nowNs) {
     const u64 order = m_nextOrder;
-    push({0, 0, callback, cookie, delayMs, 0, once}, nowNs + delayMs * oneMsInNs);
+    push({0, 0, callback, cookie, delayMs, 0, once}, nowNs + delayMs * nsPerMs);
     return m_heap.front().order == order;
 }
 
@@ -38,9 +38,9 @@ std::optional<Expiry> TimerQueue::popDue(u64 nowNs) {
 
 void TimerQueue::rearm(Expiry expiry, u64 nowNs) {
     if (expiry.retrySec > 0) {
-        push(expiry, nowNs + expiry.retrySec * oneSecondInNs);
+        push(expiry, nowNs + expiry.retrySec * nsPerSecond);
     } else if (!expiry.once) {
-        push(expiry, nowNs + expiry.delayMs * oneMsInNs);
+        push(expiry, nowNs + expiry.delayMs * nsPerMs);
     }
 }
 

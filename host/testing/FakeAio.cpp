@@ -1,10 +1,5 @@
 #include "host/testing/FakeAio.h"
 
-struct AIO::Impl {};
-
-AIO::AIO() = default;
-AIO::~AIO() = default;
-
 void AIO::mabeStorageLatencyAnalytics(StorageAnalyticsCounters& counters) {
     counters = storageCounters();
 }

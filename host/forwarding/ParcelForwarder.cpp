@@ -1,10 +1,12 @@
-#include "host/program/ParcelForwarder.h"
+#include "host/forwarding/ParcelForwarder.h"
 
+#include "common/infra/AIO.h"
 #include "common/infra/IParcelOutbox.h"
 #include "common/infra/Log.h"
 #include "common/infra/Singleton.h"
 #include "common/infra/TrackedAllocation.h"
-#include "host/program/ParcelFormat.h"
+#include "host/forwarding/ParcelFormat.h"
+#include "host/services/StorageLatency.h"
 
 #include <pthread.h>
 
@@ -63,6 +65,6 @@ std::string ParcelForwarder::format(const AnalyticsParcel& parcel) const {
     if (m_format == ParcelFormat::JsonLines) {
         return toJsonLine(parcel);
     }
-    return toText(parcel, Singleton<AIO, AIO>::instance()->limitsOfClosedPeriod(),
+    return toText(parcel, Singleton<AIO, AIO>::instance()->latency().closedPeriod().limits,
                   m_output.isTerminal());
 }

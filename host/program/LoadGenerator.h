@@ -1,9 +1,9 @@
 #pragma once
 
 #include "common/Analytics/AnalyticsMetrics.h"
-#include "common/infra/AIO.h"
 #include "common/infra/Defs.h"
-#include "host/program/AlignedBuffer.h"
+#include "host/io/AlignedBuffer.h"
+#include "host/io/IoEngine.h"
 
 #include <condition_variable>
 #include <mutex>
@@ -12,9 +12,9 @@
 #include <thread>
 #include <vector>
 
-// The program's data path: random reads and writes of a file through the host's AIO service, at a
+// The program's load: random reads and writes of a file, at a
 // steady rate or as fast as the queue depth allows.
-class DataPath {
+class LoadGenerator {
 public:
     struct Options {
         int file;
@@ -37,12 +37,12 @@ public:
         u64 deepestQueue; // I/Os in flight at a time
     };
 
-    explicit DataPath(const Options& options);
-    ~DataPath(); // stops
-    DataPath(const DataPath&) = delete;
-    DataPath& operator=(const DataPath&) = delete;
+    explicit LoadGenerator(const Options& options);
+    ~LoadGenerator(); // stops
+    LoadGenerator(const LoadGenerator&) = delete;
+    LoadGenerator& operator=(const LoadGenerator&) = delete;
 
-    // Opens the AIO service and starts. Throws std::system_error if the kernel refuses.
+    // Opens the I/O engine and starts. Throws std::system_error if the kernel refuses.
     void start();
     // Makes no more I/Os and waits for those in flight: on return all of them are counted. Any
     // thread, but not from inside a completion; may be repeated.
@@ -53,11 +53,11 @@ public:
 
 private:
     // One I/O of the queue depth, made again and again.
-    struct Slot : AioRequest {
-        DataPath* dataPath = nullptr;
+    struct Slot : IoRequest {
+        LoadGenerator* generator = nullptr;
     };
 
-    static void ioCompleted(AioRequest& request, int result);
+    static void ioCompleted(IoRequest& request, int result);
     void completed(Slot& slot, int result);
     void countResult(const Slot& slot, int result);
 
@@ -69,6 +69,7 @@ private:
     const Options m_options;
     AlignedBuffer m_buffers;
     std::vector<Slot> m_slots;
+    IoEngine m_engine;
     std::thread m_pacer;
     std::mutex m_lifeMutex; // starting and stopping; taken before the other
 
@@ -76,7 +77,7 @@ private:
     mutable std::mutex m_mutex;
     std::condition_variable m_changed; // stopping, or nothing in flight any more
     std::vector<Slot*> m_idle;
-    std::vector<AioRequest*> m_batch; // being issued
+    std::vector<IoRequest*> m_batch; // being issued
     std::mt19937_64 m_random;
     Counts m_counts;
     AnalyticsMaximumMetric m_longestIoUs{"longest I/O [us]"};

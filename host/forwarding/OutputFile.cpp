@@ -1,4 +1,4 @@
-#include "host/program/OutputFile.h"
+#include "host/forwarding/OutputFile.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,7 +1,6 @@
-#include "host/program/DataPath.h"
+#include "host/program/LoadGenerator.h"
 
 #include "common/infra/Log.h"
-#include "common/infra/Singleton.h"
 
 #include <pthread.h>
 
@@ -14,10 +13,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-AIO& aio() {
-    return *Singleton<AIO, AIO>::instance();
-}
-
 std::string describe(int result, u32 expected) {
     if (result < 0) {
         return std::generic_category().message(-result);
@@ -27,7 +22,7 @@ std::string describe(int result, u32 expected) {
 
 } // namespace
 
-DataPath::DataPath(const Options& options)
+LoadGenerator::LoadGenerator(const Options& options)
     : m_options(options),
       m_buffers(std::size_t{options.blockSize} * options.queueDepth),
       m_slots(options.queueDepth),
@@ -36,7 +31,7 @@ DataPath::DataPath(const Options& options)
     m_batch.reserve(m_slots.size());
     for (std::size_t i = 0; i < m_slots.size(); ++i) {
         Slot& slot = m_slots[i];
-        slot.dataPath = this;
+        slot.generator = this;
         slot.buffer = m_buffers.data() + i * options.blockSize;
         slot.length = options.blockSize;
         slot.completed = ioCompleted;
@@ -44,22 +39,22 @@ DataPath::DataPath(const Options& options)
     }
 }
 
-DataPath::~DataPath() {
+LoadGenerator::~LoadGenerator() {
     stop();
 }
 
-void DataPath::start() {
+void LoadGenerator::start() {
     const std::lock_guard<std::mutex> oneAtATime(m_lifeMutex);
-    aio().open({m_options.file, m_options.queueDepth, m_buffers.data(), m_buffers.size()});
+    m_engine.open({m_options.file, m_options.queueDepth, m_buffers.data(), m_buffers.size()});
     if (m_options.rate != 0) {
-        m_pacer = std::thread(&DataPath::pace, this);
+        m_pacer = std::thread(&LoadGenerator::pace, this);
     } else {
         const std::lock_guard<std::mutex> lock(m_mutex);
         issue(m_slots.size());
     }
 }
 
-void DataPath::stop() {
+void LoadGenerator::stop() {
     const std::lock_guard<std::mutex> oneAtATime(m_lifeMutex);
     std::unique_lock<std::mutex> lock(m_mutex);
     m_stopping = true;
@@ -70,22 +65,22 @@ void DataPath::stop() {
     if (pacer.joinable()) {
         pacer.join();
     }
-    aio().close();
+    m_engine.close();
 }
 
-DataPath::Counts DataPath::counts() const {
+LoadGenerator::Counts LoadGenerator::counts() const {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_counts;
 }
 
-DataPath::Maxima DataPath::maxima() const {
+LoadGenerator::Maxima LoadGenerator::maxima() const {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return {m_longestIoUs, m_deepestQueue};
 }
 
 // Issues what is due at each beat. What finds no idle slot is not made up for: a disk that cannot
 // keep the rate is not given a backlog.
-void DataPath::pace() {
+void LoadGenerator::pace() {
     pthread_setname_np(pthread_self(), "pacer");
     constexpr std::chrono::nanoseconds shortestBeat = std::chrono::milliseconds(1);
     const auto perIo = std::chrono::nanoseconds(std::chrono::seconds(1)) / m_options.rate;
@@ -106,12 +101,12 @@ void DataPath::pace() {
 }
 
 // With the mutex held.
-bool DataPath::mayIssue() const {
+bool LoadGenerator::mayIssue() const {
     return !m_stopping && m_issued < m_options.maxIos.value_or(~u64{0});
 }
 
 // With the mutex held: hands over up to `count` I/Os.
-void DataPath::issue(u64 count) {
+void LoadGenerator::issue(u64 count) {
     m_batch.clear();
     while (m_batch.size() < count && mayIssue() && !m_idle.empty()) {
         Slot& slot = *m_idle.back();
@@ -120,11 +115,11 @@ void DataPath::issue(u64 count) {
         m_batch.push_back(&slot);
         ++m_issued;
     }
-    const RcStatus status = aio().submit(m_batch.data(), m_batch.size());
+    const RcStatus status = m_engine.submit(m_batch.data(), m_batch.size());
     if (status != RC_SUCCESS) { // nothing was taken, so nothing will complete
         LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3)
             << "I/Os are refused: status=" << u32{status} << std::endl;
-        for (AioRequest* refused : m_batch) {
+        for (IoRequest* refused : m_batch) {
             m_idle.push_back(static_cast<Slot*>(refused));
         }
         m_stopping = true;
@@ -133,19 +128,19 @@ void DataPath::issue(u64 count) {
 }
 
 // With the mutex held.
-void DataPath::aim(Slot& slot) {
+void LoadGenerator::aim(Slot& slot) {
     const u64 blocks = m_options.fileSize / m_options.blockSize;
     const bool reads = m_random() % 100 < m_options.readPercent;
-    slot.operation = reads ? AioRequest::Read : AioRequest::Write;
+    slot.operation = reads ? IoRequest::Read : IoRequest::Write;
     slot.offset = m_random() % blocks * m_options.blockSize;
 }
 
-void DataPath::ioCompleted(AioRequest& request, int result) {
+void LoadGenerator::ioCompleted(IoRequest& request, int result) {
     auto& slot = static_cast<Slot&>(request);
-    slot.dataPath->completed(slot, result);
+    slot.generator->completed(slot, result);
 }
 
-void DataPath::completed(Slot& slot, int result) {
+void LoadGenerator::completed(Slot& slot, int result) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     countResult(slot, result);
     m_longestIoUs.update(slot.latencyNs / 1'000);
@@ -159,12 +154,12 @@ void DataPath::completed(Slot& slot, int result) {
 }
 
 // With the mutex held. A disk that fails every I/O gets two lines, not one for each.
-void DataPath::countResult(const Slot& slot, int result) {
-    ++(slot.operation == AioRequest::Read ? m_counts.reads : m_counts.writes);
+void LoadGenerator::countResult(const Slot& slot, int result) {
+    ++(slot.operation == IoRequest::Read ? m_counts.reads : m_counts.writes);
     const bool failed = result != static_cast<int>(slot.length);
     if (failed && m_failedInRow == 0) {
         LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3)
-            << (slot.operation == AioRequest::Read ? "read" : "write")
+            << (slot.operation == IoRequest::Read ? "read" : "write")
             << " failed at offset=" << slot.offset << ": " << describe(result, slot.length)
             << std::endl;
     } else if (!failed && m_failedInRow > 0) {

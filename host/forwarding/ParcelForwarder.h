@@ -1,8 +1,8 @@
 #pragma once
 
 #include "common/Analytics/AnalyticsParcel.h"
-#include "host/program/Options.h"
-#include "host/program/OutputFile.h"
+#include "host/forwarding/OutputFile.h"
+#include "host/forwarding/ParcelFormat.h"
 
 #include <functional>
 #include <thread>

@@ -1,4 +1,4 @@
-#include "host/program/ParcelFormat.h"
+#include "host/forwarding/ParcelFormat.h"
 
 #include <fmt/chrono.h>
 #include <fmt/color.h>
@@ -84,7 +84,7 @@ void writeClass(Out out, const LatencyClass& latencyClass, const std::string& bo
                    latencyClass.name, bound, count, share, bar);
 }
 
-void writeClasses(Out out, const AnalyticsParcel& parcel, const AIO::Limits& limits,
+void writeClasses(Out out, const AnalyticsParcel& parcel, const StorageLimits& limits,
                   bool inColour) {
     u64 total = 0;
     for (const LatencyClass& latencyClass : latencyClasses) {
@@ -190,7 +190,7 @@ std::string toJsonLine(const AnalyticsParcel& parcel) {
     return json.dump(-1, ' ', false, replaceInvalid) + "\n";
 }
 
-std::string toText(const AnalyticsParcel& parcel, const AIO::Limits& limits, bool inColour) {
+std::string toText(const AnalyticsParcel& parcel, const StorageLimits& limits, bool inColour) {
     std::string text;
     const Out out(text);
     writeHeader(out, parcel, inColour);

@@ -1,6 +1,6 @@
 #include "benchmarks/Benchmark.h"
-#include "common/infra/AIO.h"
-#include "host/program/AlignedBuffer.h"
+#include "host/io/AlignedBuffer.h"
+#include "host/io/IoEngine.h"
 #include "host/program/ScratchFile.h"
 #include "host/services/StorageLatency.h"
 
@@ -45,13 +45,13 @@ public:
         : m_blocks(blocks), m_buffers(std::size_t{blockSize} * depth), m_ios(depth) {
         for (std::size_t i = 0; i < m_ios.size(); ++i) {
             Io& io = m_ios[i];
-            io.operation = blocks == 0 ? AioRequest::NoOp : AioRequest::Read;
+            io.operation = blocks == 0 ? IoRequest::NoOp : IoRequest::Read;
             io.length = blockSize;
             io.buffer = m_buffers.data() + i * blockSize;
             io.completed = ioCompleted;
             io.load = this;
         }
-        m_aio.open({file, depth, m_buffers.data(), m_buffers.size()});
+        m_engine.open({file, depth, m_buffers.data(), m_buffers.size()});
     }
 
     // Each of these throws std::runtime_error if an I/O failed.
@@ -79,12 +79,12 @@ public:
     }
 
 private:
-    struct Io : AioRequest {
+    struct Io : IoRequest {
         Load* load = nullptr;
     };
 
     void start(u64 count) {
-        std::vector<AioRequest*> first;
+        std::vector<IoRequest*> first;
         for (std::size_t i = 0; i < std::min<u64>(count, m_ios.size()); ++i) {
             aim(m_ios[i]);
             first.push_back(&m_ios[i]);
@@ -93,7 +93,7 @@ private:
         m_wanted = count;
         m_made = first.size();
         m_completed = m_failed = 0;
-        m_aio.submit(first.data(), first.size());
+        m_engine.submit(first.data(), first.size());
     }
 
     void awaitAll() {
@@ -104,19 +104,19 @@ private:
         }
     }
 
-    static void ioCompleted(AioRequest& request, int result) {
+    static void ioCompleted(IoRequest& request, int result) {
         auto& io = static_cast<Io&>(request);
         io.load->completed(io, result);
     }
 
     void completed(Io& io, int result) {
         ++m_completed;
-        const int expected = io.operation == AioRequest::Read ? static_cast<int>(blockSize) : 0;
+        const int expected = io.operation == IoRequest::Read ? static_cast<int>(blockSize) : 0;
         m_failed += result == expected ? 0 : 1;
         if (m_made < m_wanted && !m_isOver) {
             ++m_made;
             aim(io);
-            m_aio.submit(io);
+            m_engine.submit(io);
         } else if (m_completed == m_made) {
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_areAllCompleted = true;
@@ -146,7 +146,7 @@ private:
     std::condition_variable m_changed;
     bool m_areAllCompleted = false; // under the mutex
 
-    AIO m_aio; // the last one, so that it closes first
+    IoEngine m_engine; // the last one, so that it closes first
 };
 
 // AIO's loop with the kernel and no more: no-ops are handed over, awaited and reaped, in AIO's
@@ -231,11 +231,10 @@ private:
 
     void record() {
         const u64 completedNs = nowNs();
-        StorageLatency::Batch batch(m_latency, completedNs);
         for (u32 i = 0; i < m_completed; ++i) {
             Io& io = ioOf(m_completions[i]);
             io.latencyNs = completedNs - io.handedOverNs;
-            batch.record(io.latencyNs);
+            m_latency.countIo(io.latencyNs);
         }
     }
 
@@ -251,7 +250,7 @@ private:
     std::vector<Io> m_ios;
     std::vector<io_uring_cqe*> m_completions;
     u32 m_completed = 0; // of m_completions
-    StorageLatency m_latency{{50'000, {1'000, 5'000, 20'000, 100'000}}};
+    StorageLatency m_latency;
 };
 
 // The round's differences count, as the ratios do elsewhere.
@@ -436,7 +435,7 @@ std::vector<Result> measureReads(const Settings& settings) {
 
 } // namespace
 
-std::vector<Benchmark> dataPathBenchmarks() {
+std::vector<Benchmark> engineBenchmarks() {
     return {{"measuring an I/O",
              [](const Settings& settings) {
                  return measureMeasuring(1, Target::atMost(65), settings);

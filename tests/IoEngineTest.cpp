@@ -1,4 +1,7 @@
+#include "host/io/IoEngine.h"
+
 #include "common/infra/AIO.h"
+#include "host/testing/Installed.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -20,16 +23,16 @@ namespace {
 
 constexpr u32 block = 4096;
 
-class AioTest : public testing::Test {
+class IoEngineTest : public testing::Test {
 protected:
-    struct Io : AioRequest {
-        AioTest* test = nullptr;
+    struct Io : IoRequest {
+        IoEngineTest* test = nullptr;
         u32 resubmits = 0; // from inside its completions
         std::promise<int> promise;
         std::future<int> result = promise.get_future();
     };
 
-    Io makeIo(AioRequest::Operation what, u64 offset, char* buffer) {
+    Io makeIo(IoRequest::Operation what, u64 offset, char* buffer) {
         Io io;
         io.operation = what;
         io.length = block;
@@ -39,7 +42,7 @@ protected:
         io.test = this;
         return io;
     }
-    static void ioCompleted(AioRequest& request, int result) {
+    static void ioCompleted(IoRequest& request, int result) {
         auto& io = static_cast<Io&>(request);
         ++io.test->completions;
         if (io.resubmits-- == 0 || !io.test->submit(io)) {
@@ -47,24 +50,24 @@ protected:
             done.set_value(result);
         }
     }
-    bool submit(Io& io) { return aio.submit(io) == RC_SUCCESS && ++taken > 0; }
+    bool submit(Io& io) { return engine.submit(io) == RC_SUCCESS && ++taken > 0; }
     // Whether an I/O that goes the whole way was taken; then it is also complete.
     bool run(u32 resubmits = 0) {
-        Io io = makeIo(AioRequest::NoOp, 0, nullptr);
+        Io io = makeIo(IoRequest::NoOp, 0, nullptr);
         io.resubmits = resubmits;
         return submit(io) && io.result.get() >= 0;
     }
     // The same with more I/Os at once than any queue here is deep, each made again twice.
     bool runMany() {
         std::vector<Io> ios;
-        std::vector<AioRequest*> batch;
+        std::vector<IoRequest*> batch;
         std::generate_n(std::back_inserter(ios), 50,
-                        [this] { return makeIo(AioRequest::NoOp, 0, nullptr); });
+                        [this] { return makeIo(IoRequest::NoOp, 0, nullptr); });
         for (Io& io : ios) {
             io.resubmits = 2;
             batch.push_back(&io);
         }
-        if (aio.submit(batch.data(), batch.size()) != RC_SUCCESS) {
+        if (engine.submit(batch.data(), batch.size()) != RC_SUCCESS) {
             return false;
         }
         taken += batch.size();
@@ -75,65 +78,67 @@ protected:
         aio.mabeStorageLatencyAnalytics(counters);
         return std::accumulate(counters.storageLatency, counters.storageLatency + 5, u64{0});
     }
-    void TearDown() override { aio.close(), std::fclose(scratch); }
+    void TearDown() override { engine.close(), std::fclose(scratch); }
 
     std::FILE* const scratch = std::tmpfile();
     const int file = fileno(scratch);
     std::atomic<u64> taken{0};
     std::atomic<u64> completions{0};
-    AIO aio;
+    AIO aio; // counts this test's I/Os alone
+    Installed<AIO, AIO> installedAio{aio};
+    IoEngine engine;
 };
 
-TEST_F(AioTest, MovesDataInsideAndOutsideTheRegisteredMemoryAndReportsErrors) {
+TEST_F(IoEngineTest, MovesDataInsideAndOutsideTheRegisteredMemoryAndReportsErrors) {
     std::string registered(block, 'r');
     std::string outside(block, 'o');
-    aio.open({file, 3, registered.data(), block});
+    engine.open({file, 3, registered.data(), block});
     std::vector<Io> ios; // more than the queue is deep, as one batch
-    ios.push_back(makeIo(AioRequest::Write, 0, registered.data()));
-    ios.push_back(makeIo(AioRequest::Write, 3 * block, outside.data()));
-    ios.push_back(makeIo(AioRequest::Read, ~u64{0} - block, outside.data()));
-    ios.push_back(makeIo(AioRequest::NoOp, 0, nullptr));
-    std::vector<AioRequest*> batch;
+    ios.push_back(makeIo(IoRequest::Write, 0, registered.data()));
+    ios.push_back(makeIo(IoRequest::Write, 3 * block, outside.data()));
+    ios.push_back(makeIo(IoRequest::Read, ~u64{0} - block, outside.data()));
+    ios.push_back(makeIo(IoRequest::NoOp, 0, nullptr));
+    std::vector<IoRequest*> batch;
     std::for_each(ios.rbegin(), ios.rend(), [&](Io& io) { batch.push_back(&io); });
-    ASSERT_EQ(aio.submit(batch.data(), batch.size()), RC_SUCCESS);
+    ASSERT_EQ(engine.submit(batch.data(), batch.size()), RC_SUCCESS);
     for (const auto& [io, expected] : {std::pair(0, 4096), {1, 4096}, {2, -EINVAL}, {3, 0}}) {
         EXPECT_EQ(ios[io].result.get(), expected) << io;
     }
-    ios[0] = makeIo(AioRequest::Read, 3 * block, registered.data());
-    ios[1] = makeIo(AioRequest::Read, 0, outside.data());
+    ios[0] = makeIo(IoRequest::Read, 3 * block, registered.data());
+    ios[1] = makeIo(IoRequest::Read, 0, outside.data());
     ASSERT_TRUE(submit(ios[0]) && submit(ios[1]));
-    aio.close();
+    engine.close();
     EXPECT_EQ(registered + outside, std::string(block, 'o') + std::string(block, 'r'));
     EXPECT_GT(ios[1].latencyNs, 0U);
     EXPECT_EQ(counted(), 6U);
 }
 
-TEST_F(AioTest, OpensOnceCountsAnIoBeforeItsCompletionIsSeenAndLeavesTheFile) {
-    EXPECT_THROW(aio.open({-1, 1}), std::system_error);
-    EXPECT_THROW(aio.open({file, 1U << 15U}), std::invalid_argument);
+TEST_F(IoEngineTest, OpensOnceCountsAnIoBeforeItsCompletionIsSeenAndLeavesTheFile) {
+    EXPECT_THROW(engine.open({-1, 1}), std::system_error);
+    EXPECT_THROW(engine.open({file, 1U << 15U}), std::invalid_argument);
     const int locked = ::open(("/proc/self/fd/" + std::to_string(file)).c_str(), O_RDWR);
     ASSERT_EQ(flock(locked, LOCK_EX), 0);
-    aio.open({locked, 8});
-    EXPECT_THROW(aio.open({file, 8}), std::logic_error);
+    engine.open({locked, 8});
+    EXPECT_THROW(engine.open({file, 8}), std::logic_error);
     for (u64 round = 1; round <= 200; ++round) {
         ASSERT_TRUE(run());
         ASSERT_EQ(counted(), 1U) << "round " << round;
     }
-    aio.close();
+    engine.close();
     EXPECT_FALSE(run());
     ::close(locked);
     EXPECT_EQ(flock(file, LOCK_EX | LOCK_NB), 0) << "the service still holds the file";
 }
 
-TEST_F(AioTest, ClosingWaitsForWhatIsInTheKernelAndWhatIsStillQueued) {
+TEST_F(IoEngineTest, ClosingWaitsForWhatIsInTheKernelAndWhatIsStillQueued) {
     for (const u32 depth : {1U, 2U}) {
         int ends[2];
         ASSERT_EQ(pipe(ends), 0);
-        aio.open({ends[0], depth});
+        engine.open({ends[0], depth});
         char buffer[2][block];
-        Io ios[] = {makeIo(AioRequest::Read, 0, buffer[0]), makeIo(AioRequest::Read, 0, buffer[1])};
+        Io ios[] = {makeIo(IoRequest::Read, 0, buffer[0]), makeIo(IoRequest::Read, 0, buffer[1])};
         ASSERT_TRUE(submit(ios[0]) && submit(ios[1]));
-        auto closing = std::async(std::launch::async, [this] { aio.close(); });
+        auto closing = std::async(std::launch::async, [this] { engine.close(); });
         EXPECT_EQ(closing.wait_for(std::chrono::milliseconds(10)), std::future_status::timeout);
         EXPECT_EQ(write(ends[1], "x", 1), 1);
         ::close(ends[1]);
@@ -145,7 +150,7 @@ TEST_F(AioTest, ClosingWaitsForWhatIsInTheKernelAndWhatIsStillQueued) {
     }
 }
 
-TEST_F(AioTest, WhatManyThreadsSubmitWhileTheServiceOpensAndClosesCompletes) {
+TEST_F(IoEngineTest, WhatManyThreadsSubmitWhileTheServiceOpensAndClosesCompletes) {
     std::atomic<bool> over{false};
     std::vector<std::thread> threads;
     for (const u32 resubmits : {0, 0, 0, 1, 1, 2}) {
@@ -157,8 +162,8 @@ TEST_F(AioTest, WhatManyThreadsSubmitWhileTheServiceOpensAndClosesCompletes) {
     }
     for (int round = 0; round < 600; ++round) {
         if (round % 20 == 0) {
-            aio.close();
-            aio.open({file, round % 40 == 0 ? 2U : 20U});
+            engine.close();
+            engine.open({file, round % 40 == 0 ? 2U : 20U});
         }
         EXPECT_TRUE(run() && runMany());
     }

@@ -1,0 +1,29 @@
+#pragma once
+
+#include "common/infra/AIO.h"
+#include "common/infra/Defs.h"
+#include "common/infra/Export.h"
+#include "host/services/ThreadLane.h"
+
+#include <array>
+#include <mutex>
+#include <optional>
+
+// The I/Os in flight that are known of: lists through the InFlightIo objects, one list for each
+// thread lane, so that threads rarely meet at a lock. Any thread.
+class ANALYTICS_EXPORT InFlightIos {
+public:
+    void add(InFlightIo& io);
+    void remove(InFlightIo& io);
+
+    // The start of the oldest one, if there is any.
+    std::optional<u64> oldestStartNs();
+
+private:
+    struct alignas(64) Stripe {
+        std::mutex mutex;
+        InFlightIo* first = nullptr; // under the mutex, as are the links
+    };
+
+    std::array<Stripe, ThreadLane::count + 1> m_stripes;
+};
