@@ -116,9 +116,10 @@ private:
     u64 takeLongestNs();
 
     LimitsInForce m_limitsInForce;
-    std::atomic<bool> m_episodeIsOpen{false};
     InFlightIos m_inFlight;
     std::array<Lane, ThreadLane::count + 1> m_lanes{}; // the last one is shared
+
+    std::atomic<bool> m_episodeIsOpen{false};
 
     // Fixed after construction.
     const LimitsSource m_limitsSource;
