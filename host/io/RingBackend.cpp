@@ -375,7 +375,7 @@ void RingBackend::prepareIo(IoRequest& request, u64 nowNs) {
     start(request, nowNs);
     const bool fixed = isRegistered(request);
     io_uring_sqe* sqe =
-        io_uring_get_sqe(&m_ring); // there is room: the m_ring has an entry for each
+        io_uring_get_sqe(&m_ring); // there is room: the ring has an entry for each
     switch (request.operation) {
     case IoRequest::Read:
         fixed ? io_uring_prep_read_fixed(sqe, registered, request.buffer, request.length,

@@ -23,6 +23,10 @@ constexpr u64 maxBlockSize = 16U << 20U;
 const std::map<std::string, ParcelFormat> formats = {{"text", ParcelFormat::Text},
                                                      {"jsonl", ParcelFormat::JsonLines}};
 
+const std::map<std::string, IoEngine::Kind> ioEngines = {{"auto", IoEngine::Kind::Automatic},
+                                                         {"io_uring", IoEngine::Kind::IoUring},
+                                                         {"threads", IoEngine::Kind::Threads}};
+
 const std::map<std::string, LogLevel> logLevels = {
     {"assert", AssertLevel}, {"fatal", FatalLevel}, {"error", ErrorLevel}, {"warn", WarnLevel},
     {"info", InfoLevel},     {"debug", DebugLevel}, {"ctr", CtrLevel}};
@@ -181,6 +185,9 @@ void addLoadOptions(CLI::App& app, Options& options) {
         ->check(isWholeNumber)
         ->check(CLI::Range(u32{1}, maxQueueDepth))
         ->option_text("N");
+    addChoice(app, "--io-engine", options.ioEngine, ioEngines,
+              "What makes the I/Os: io_uring, threads,\n"
+              "or auto, threads where io_uring is refused (default auto)");
     app.add_option("--read-percent", options.readPercent, "Share of reads, in percent (default 70)")
         ->check(isWholeNumber)
         ->check(CLI::Range(u32{0}, u32{100}))
