@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -22,6 +24,14 @@ using nlohmann::json;
 // The classes and their bounds in microseconds, slowest first.
 const std::vector<std::pair<const char*, u64>> classes = {
     {"cm5", ~u64{0}}, {"cm4", 100'000}, {"cm3", 20'000}, {"cm2", 5'000}, {"cm1", 1'000}};
+
+// What the programs have taken that have ended.
+long processorMs() {
+    rusage used{};
+    getrusage(RUSAGE_CHILDREN, &used);
+    return (used.ru_utime.tv_sec + used.ru_stime.tv_sec) * 1'000 +
+           (used.ru_utime.tv_usec + used.ru_stime.tv_usec) / 1'000;
+}
 
 class ProgramTest : public testing::Test {
 protected:
@@ -126,6 +136,16 @@ TEST_F(ProgramTest, WhereIoUringIsRefusedThreadsServeAndOneLineSaysWhy) {
         EXPECT_NE(strict.errors.find(message), std::string::npos) << strict.errors;
         EXPECT_EQ(std::count(strict.errors.begin(), strict.errors.end(), '\n'), 1);
     }
+}
+
+TEST_F(ProgramTest, AKernelThatStaysShortOfResourcesIsNotAskedWithoutPause) {
+    const std::string shortage =
+        " " + std::to_string(SYS_io_uring_enter) + " " + std::to_string(EAGAIN) + " ";
+    const long before = processorMs();
+    const Outcome outcome = run(onDisk + "--rate 0 --io-engine io_uring",
+                                "timeout --foreground -s KILL 2 " REFUSE + shortage + "$run >out");
+    EXPECT_EQ(outcome.exitCode, 128 + SIGKILL) << outcome.errors;
+    EXPECT_LT(processorMs() - before, 500);
 }
 
 TEST_F(ProgramTest, AnInterruptionClosesAndReportsTheRunningPeriod) {

@@ -69,12 +69,17 @@ const char* remedyOf(int error) {
                          "io_uring is refused (" + std::string(remedyOf(error)) + "): " + call);
 }
 
+// What may pass by itself.
+bool isShortage(int result) {
+    return result == -EAGAIN || result == -EBUSY;
+}
+
 // Whether the kernel had the resources for what was handed over to it.
 bool isTaken(int result) {
     if (result >= 0 || result == -EINTR) {
         return true;
     }
-    if (result == -EAGAIN || result == -EBUSY || result == -ENOMEM) {
+    if (isShortage(result)) {
         return false;
     }
     // The ring itself is broken, and with it every buffer that the kernel may still write to.
@@ -118,7 +123,7 @@ void probeIoUring(u32 queueDepth) {
     setUpRing(ring, queueDepth);
     const int result = tryRing(ring);
     io_uring_queue_exit(&ring);
-    if (result < 0) {
+    if (result < 0 && !isShortage(result)) {
         throwRefusal(-result, "io_uring_register or io_uring_enter");
     }
 }
@@ -374,8 +379,7 @@ void RingBackend::prepareIo(IoRequest& request, u64 nowNs) {
     constexpr int registered = 0; // the index of the only file and of the only memory
     start(request, nowNs);
     const bool fixed = isRegistered(request);
-    io_uring_sqe* sqe =
-        io_uring_get_sqe(&m_ring); // there is room: the ring has an entry for each
+    io_uring_sqe* sqe = io_uring_get_sqe(&m_ring); // there is room: the ring has an entry for each
     switch (request.operation) {
     case IoRequest::Read:
         fixed ? io_uring_prep_read_fixed(sqe, registered, request.buffer, request.length,
