@@ -145,7 +145,7 @@ TEST_F(ProgramTest, AKernelThatStaysShortOfResourcesIsNotAskedWithoutPause) {
     const Outcome outcome = run(onDisk + "--rate 0 --io-engine io_uring",
                                 "timeout --foreground -s KILL 2 " REFUSE + shortage + "$run >out");
     EXPECT_EQ(outcome.exitCode, 128 + SIGKILL) << outcome.errors;
-    EXPECT_LT(processorMs() - before, 500);
+    EXPECT_LT(processorMs() - before, 400);
 }
 
 TEST_F(ProgramTest, AnInterruptionClosesAndReportsTheRunningPeriod) {

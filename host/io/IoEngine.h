@@ -53,16 +53,16 @@ public:
         Threads // that make one I/O at a time, up to 64 of them
     };
     struct Options {
-        int file = -1;           // open file descriptor; stays the caller's
-        u32 queueDepth = 1;      // I/Os in the kernel at a time; more of them wait in order
-        void* buffers = nullptr; // memory that holds the requests' buffers, to be registered with
-        std::size_t bufferBytes = 0; // the kernel; null: none
+        int file = -1;               // open file descriptor; stays the caller's
+        u32 queueDepth = 1;          // I/Os in the kernel at a time; more of them wait in order
+        void* buffers = nullptr;     // memory that holds the requests' buffers, for io_uring to
+        std::size_t bufferBytes = 0; // register with the kernel; null: none
         Kind kind = Kind::Automatic;
     };
 
-    // What open() can be asked for here, found out by setting io_uring up for a moment: Threads in
-    // place of Automatic where io_uring is refused, which one line of the log tells with the reason
-    // and the remedy; otherwise what was asked for. Throws as open() does.
+    // What open() can be asked for here, found out by setting io_uring up for a moment. Where
+    // io_uring is refused: Threads in place of Automatic, and one line of the log tells the reason
+    // and the remedy. Otherwise what was asked for. Throws as open() does.
     static Kind available(Kind kind, u32 queueDepth);
 
     IoEngine();

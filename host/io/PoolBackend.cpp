@@ -74,6 +74,7 @@ void PoolBackend::open(const IoEngine::Options& options) {
     m_isStream = lseek(m_file, 0, SEEK_CUR) < 0 && errno == ESPIPE;
     m_closing = false;
     startThreads(std::min(options.queueDepth, mostThreads));
+    const std::lock_guard<std::mutex> lock(m_mutex);
     m_accepting = true;
 }
 
