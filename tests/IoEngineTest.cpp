@@ -4,10 +4,12 @@
 #include "common/infra/DynamicTweaks.h"
 #include "host/services/StorageLatency.h"
 #include "host/testing/Installed.h"
+#include "tests/support/RefuseCall.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -249,6 +251,23 @@ TEST_P(IoEngineTest, OneAtATimeTheOrderIsThatOfSubmission) {
     engine.close();
     EXPECT_EQ(std::string(buffer, 10), "0123456789");
     ::close(ends[0]), ::close(ends[1]);
+}
+
+TEST_P(IoEngineTest, WhatIsRefusedOnlyAtTheOpeningIsReplacedByThreadsOrThrown) {
+    std::thread([this] { // and no other thread is refused anything
+        ASSERT_TRUE(refuseCall(SYS_io_uring_setup, EPERM));
+        if (GetParam() == IoEngine::Kind::IoUring) {
+            EXPECT_THROW(open(file, 1), std::system_error);
+        }
+        engine.open({file, 1});
+    })
+        .join();
+    EXPECT_EQ(engine.kind(), IoEngine::Kind::Threads);
+    EXPECT_TRUE(run());
+    engine.close();
+    engine.open({file, 1});
+    EXPECT_EQ(engine.kind(), IoEngine::Kind::IoUring);
+    EXPECT_TRUE(run());
 }
 
 INSTANTIATE_TEST_SUITE_P(, IoEngineTest,
