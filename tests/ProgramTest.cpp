@@ -115,7 +115,7 @@ TEST_F(ProgramTest, WhereIoUringIsRefusedThreadsServeAndOneLineSaysWhy) {
          {std::tuple(EPERM, "Operation not permitted", "kernel.io_uring_disabled=0"),
           {ENOSYS, "Function not implemented", "a kernel that has it"},
           {ENOMEM, "Cannot allocate memory", "ulimit -l"}}) {
-        const auto refused = [this, code = error](const std::string& around) {
+        const auto refused = [code = error](const std::string& around) {
             return std::string(REFUSE) + " " + std::to_string(SYS_io_uring_setup) + " " +
                    std::to_string(code) + " " + around;
         };

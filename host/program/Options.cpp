@@ -186,8 +186,8 @@ void addLoadOptions(CLI::App& app, Options& options) {
         ->check(CLI::Range(u32{1}, maxQueueDepth))
         ->option_text("N");
     addChoice(app, "--io-engine", options.ioEngine, ioEngines,
-              "What makes the I/Os: io_uring, threads,\n"
-              "or auto, threads where io_uring is refused (default auto)");
+              "What makes the I/Os: io_uring, threads, or auto:\n"
+              "threads where io_uring is refused (default auto)");
     app.add_option("--read-percent", options.readPercent, "Share of reads, in percent (default 70)")
         ->check(isWholeNumber)
         ->check(CLI::Range(u32{0}, u32{100}))
