@@ -4,10 +4,12 @@
 #include "host/testing/FakeServices.h"
 #include "host/testing/LogText.h"
 #include "host/testing/ParcelText.h"
+#include "tests/support/FailingMemory.h"
 
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <new>
 
 namespace {
 
@@ -71,11 +73,33 @@ TEST_F(AnalyticsParcelTest, TheTypeOfAValueChoosesItsMapWhichIsInByteOrder) {
     Parcel parcel;
     parcel.addEntry("key", std::string("old")).addEntry("key", "new"); // the last one holds
     parcel.addEntry("key", ~u32{0}).addEntry("key", ~u64{0}).addEntry("key", s64{-1});
-    parcel.addEntry("key", 2.0f / 3).addEntry("\xff", 1).addEntry("a", 2).addEntry("B", -7);
+    parcel.addEntry("key", 2.0f / 3)
+        .addEntry("\xff", Parcel::High)
+        .addEntry("a", 2)
+        .addEntry("B", -7);
     const std::string text = toText(parcel);
     EXPECT_EQ(text.substr(text.find("string")),
               "string:key=new u32:key=4294967295 u64:key=18446744073709551615 long:key=-1 "
               "double:key=0.666667 int:B=-7 int:a=2 int:\xff=1");
+}
+
+// Every allocation on the way to an entry fails in turn.
+TEST_F(AnalyticsParcelTest, AnEntryThatMemoryFailsIsNotThere) {
+    const std::string longText(100, 'x');
+    for (const bool isText : {true, false}) {
+        Parcel parcel;
+        bool added = false;
+        for (int attempts = 0; !added; ++attempts) {
+            EXPECT_EQ(toText(parcel), toText(Parcel())) << attempts;
+            try {
+                allocationsLeft = attempts;
+                isText ? parcel.addEntry("key", longText) : parcel.addEntry("key", 1e99);
+                added = true;
+            } catch (const std::bad_alloc&) { // tried again, with one more
+            }
+            allocationsLeft = unlimitedAllocations;
+        }
+    }
 }
 
 TEST_F(AnalyticsParcelTest, IsLoggedThenPushedAndLeftAloneByAPushThatFails) {

@@ -1,6 +1,7 @@
 #include "common/Analytics/StorageAnalyticsGenerator.h"
 #include "host/testing/FakeAio.h"
 #include "host/testing/FakeServices.h"
+#include "host/testing/FakeTweaks.h"
 #include "host/testing/LogText.h"
 #include "host/testing/ParcelText.h"
 #include "tests/support/FailingMemory.h"
@@ -79,7 +80,7 @@ TEST_F(GeneratorTest, ThePolicyHasTheIntervalOfTheTunable) {
     StorageAnalyticsGenerator generator;
     for (const u64 seconds : {86'400u, 3'600u, ~u32{0}}) {
         if (seconds != 86'400) { // which is the default
-            services.tweaks.set("t_StorageAnalyticsIntervalSec", std::to_string(seconds));
+            uintTweaks()["t_StorageAnalyticsIntervalSec"] = static_cast<u32>(seconds);
         }
         const TrackedPtr<IAnalyticsSchedulingPolicy> policy(generator.createPolicy(),
                                                             TRACKED_DELETE);

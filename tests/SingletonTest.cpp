@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <thread>
 
 namespace {
@@ -41,6 +42,17 @@ TEST(Singleton, IsCreatedByItsFirstUseAndReplacedByWhatIsInstalled) {
     EXPECT_EQ(Greeters::setInstance(nullptr), &own);
     EXPECT_EQ(Greeters::getInstance(), nullptr);
     delete created;
+}
+
+// Registered before any object of static storage is made, so that it runs when all of them are
+// gone: a first use there has to work as well, or no test ends with success.
+struct LateGreeter : Greeter {};
+__attribute__((constructor(101))) void useSingletonAfterAllDestructors() {
+    std::atexit([] {
+        if (Singleton<Greeter, LateGreeter>::instance() == nullptr) {
+            std::abort();
+        }
+    });
 }
 
 TEST(Singleton, ManyThreadsCreateOne) {

@@ -18,8 +18,8 @@ template <typename T>
 class ANALYTICS_EXPORT AnalyticsAbsMetric {
 public:
     // The value starts at 0. Any name will do, the empty one included.
-    // NOLINTNEXTLINE(modernize-pass-by-value): by reference, so that hosts link to one signature
-    explicit AnalyticsAbsMetric(const std::string& name) : m_value(0), m_name(name) {}
+    // By reference, so that hosts link to one signature.
+    AnalyticsAbsMetric(const std::string& name) : m_value(0), m_name(name) {}
     virtual ~AnalyticsAbsMetric() = default;
 
     virtual operator T() const { return m_value; }
@@ -37,7 +37,7 @@ extern template class AnalyticsAbsMetric<u64>;
 // The largest sample since construction or the last reset.
 class ANALYTICS_EXPORT AnalyticsMaximumMetric : public AnalyticsAbsMetric<u64> {
 public:
-    explicit AnalyticsMaximumMetric(const std::string& name);
+    AnalyticsMaximumMetric(const std::string& name);
 
     // Logs each new maximum; an equal or smaller sample changes nothing.
     void update(u64 value) override;

@@ -66,7 +66,7 @@ void AnalyticsParcel::addText(const std::string& key, const std::string& value) 
 }
 
 AnalyticsParcel& AnalyticsParcel::addEntry(const std::string& key, const std::string& value) {
-    m_strEntries[key] = value;
+    m_strEntries.insert_or_assign(key, value);
     return *this;
 }
 
@@ -90,7 +90,7 @@ AnalyticsParcel& AnalyticsParcel::addEntry(const std::string& key, double value)
     constexpr int capacity = 1 + (std::numeric_limits<double>::max_exponent10 + 1) + 1 + 6 + 1;
     char text[capacity];
     const int length = std::snprintf(text, sizeof text, "%f", value);
-    m_doubleEntries[key].assign(text, static_cast<std::size_t>(length));
+    m_doubleEntries.insert_or_assign(key, std::string(text, static_cast<std::size_t>(length)));
     return *this;
 }
 

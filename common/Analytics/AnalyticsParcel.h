@@ -20,8 +20,9 @@
 // come from tracked allocation, since that is how it is released.
 class ANALYTICS_EXPORT AnalyticsParcel : public IParcel {
 public:
-    enum AccountType : u32 { QEM = 0, KEL = 1 };
-    enum Priority : u32 { Normal = 0, High = 1, Critical = 2 };
+    enum AccountType { QEM = 0, KEL = 1 };
+    enum Priority { Normal = 0, High = 1, Critical = 2 };
+    static_assert(sizeof(AccountType) == 4 && sizeof(Priority) == 4);
 
     // Account KEL, priority Normal, value 0, all else empty; the time stamp is the timer's
     // getTimestampMs().

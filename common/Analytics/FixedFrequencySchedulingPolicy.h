@@ -7,7 +7,7 @@
 class ANALYTICS_EXPORT FixedFrequencySchedulingPolicy : public IAnalyticsSchedulingPolicy {
 public:
     // A frequency of 0 is reported by an assertion line and kept: every answer is then 0.
-    explicit FixedFrequencySchedulingPolicy(u64 frequencySeconds);
+    FixedFrequencySchedulingPolicy(u64 frequencySeconds);
     ~FixedFrequencySchedulingPolicy() override = default;
 
     u64 getNextSchedule() override;

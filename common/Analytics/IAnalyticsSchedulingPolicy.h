@@ -10,7 +10,10 @@ class ANALYTICS_EXPORT IAnalyticsSchedulingPolicy {
 public:
     virtual ~IAnalyticsSchedulingPolicy() = default;
 
-    // Milliseconds from now until the next report. Each call stands alone.
+    // Milliseconds from now until the next report. Each call stands alone. A scheduler calls it on
+    // the host's thread when it is constructed, and on the timer's thread at the end of each
+    // expiry. What it throws leaves the constructor, or passes to the timer service with nothing
+    // armed.
     virtual u64 getNextSchedule() = 0;
 
 protected:

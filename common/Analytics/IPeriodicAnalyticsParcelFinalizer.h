@@ -9,6 +9,7 @@ public:
     virtual ~IPeriodicAnalyticsParcelFinalizer() = default;
 
     // Closes the current period and returns its parcel: never null, from tracked allocation, owned
-    // by the caller from then on.
+    // by the caller from then on. A scheduler calls it on the timer's thread, one expiry at a
+    // time. What it throws passes to the timer service: nothing is sent and nothing is armed.
     virtual AnalyticsParcel* finalizeParcel() = 0;
 };

@@ -26,7 +26,7 @@ constexpr u64 daysToMs(u64 days) {
 const std::string INVALID_IP_ADDRESS = "0.0.0.0";
 
 // The host's status codes. The library passes a status through and never inspects it.
-enum RcStatus : u32 {
+enum RcStatus {
     RC_SUCCESS,
     RC_ERROR,
     RC_WAIT,
@@ -78,4 +78,5 @@ enum RcStatus : u32 {
     RC_YIELD,
     RC_LAST
 };
-static_assert(RC_LAST == 49, "status codes are part of the host's interface");
+static_assert(sizeof(RcStatus) == 4 && RC_LAST == 49,
+              "status codes are part of the host's interface");

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/infra/Export.h"
+#include "common/infra/IParcel.h"
 #include "common/infra/Singleton.h"
 
 #include <type_traits>
@@ -42,6 +43,11 @@ protected:
 // name the call site.
 template <typename T>
 void internal_delete_helper(T* ptr, const char* file, int line) {
+    static_assert(!std::is_same_v<std::remove_cv_t<T>, IParcel>,
+                  "a parcel is destroyed as what it is: cast the pointer to its class first");
+    static_assert(!std::is_polymorphic_v<T> || std::has_virtual_destructor_v<T> ||
+                      std::is_final_v<T>,
+                  "the destructor would not be that of the object's class");
     void* block = ptr;
     if constexpr (std::is_polymorphic_v<T>) {
         // The block is the most-derived object, and can only be found while that object lives.

@@ -18,7 +18,7 @@ public:
 // A standard, non-recursive mutex.
 class ANALYTICS_EXPORT Mutex : public IMutex {
 public:
-    Mutex() = default;
+    constexpr Mutex() = default;
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
@@ -32,7 +32,7 @@ private:
 // Holds a mutex for the lifetime of a scope, however the scope is left.
 class ANALYTICS_EXPORT Guard {
 public:
-    explicit Guard(IMutex& mutex) : m_mutex(mutex) { m_mutex.get(); }
+    Guard(IMutex& mutex) : m_mutex(mutex) { m_mutex.get(); }
     ~Guard() { m_mutex.give(); }
     Guard(const Guard&) = delete;
     Guard& operator=(const Guard&) = delete;

@@ -15,7 +15,8 @@
 // in the process, so this holds even for objects loaded with RTLD_LOCAL; with clang++ the pair must
 // then also be used by the executable or by a library that is loaded globally.)
 //
-// Every operation may be called from any thread. An instance is never destroyed.
+// Every operation may be called from any thread, before main() and after it: an instance is never
+// destroyed, nor is the mutex that guards its creation.
 template <typename I, typename T>
 class ANALYTICS_EXPORT Singleton {
 public:
@@ -34,7 +35,7 @@ public:
     // Installs the given instance and returns the previous one; null empties the singleton again.
     // Deletes nothing: both stay with the caller.
     static I* setInstance(I* instance) {
-        Guard guard(m_singletonMutex);
+        Guard guard(m_singletonMutex.mutex);
         return singleInstance.exchange(instance, std::memory_order_acq_rel);
     }
 
@@ -45,7 +46,7 @@ protected:
 private:
     // Out of the way, so that instance() inlines to one load and one test.
     __attribute__((noinline, cold)) static I* create() {
-        Guard guard(m_singletonMutex);
+        Guard guard(m_singletonMutex.mutex);
         I* current = singleInstance.load(std::memory_order_relaxed);
         if (current == nullptr) {
             current = new T();
@@ -55,5 +56,13 @@ private:
     }
 
     inline static std::atomic<I*> singleInstance{nullptr};
-    inline static Mutex m_singletonMutex;
+
+    // Constant-initialised, and left alone when the process exits.
+    union CreationMutex {
+        constexpr CreationMutex() : mutex() {}
+        ~CreationMutex() {} // NOLINT(modernize-use-equals-default): the default one is deleted
+
+        Mutex mutex;
+    };
+    inline static CreationMutex m_singletonMutex;
 };

@@ -24,14 +24,19 @@
 // Destroys an object made by TRACKED_NEW, which must not be null, naming this line to the tracker.
 #define TRACKED_DELETE (TrackedDelete{ANALYTICS_FILE_NAME, __LINE__})
 
-struct TrackedDelete {
+// Has no default: each deletion names its place.
+class TrackedDelete {
+public:
+    TrackedDelete(const char* file, int line) : m_file(file), m_line(line) {}
+
     template <typename T>
     void operator()(T* ptr) const {
-        internal_delete_helper(ptr, file, line);
+        internal_delete_helper(ptr, m_file, m_line);
     }
 
-    const char* file;
-    int line;
+private:
+    const char* m_file;
+    int m_line;
 };
 
 // Owns a tracked object until it is released to its next owner.
@@ -46,8 +51,13 @@ struct TrackedAllocation {
         struct Unconstructed {};
         void* block = Singleton<MemShield, MemShield>::instance()->allocAndRegister(
             sizeof(T), 0, typeName, file, static_cast<unsigned int>(line));
-        TrackedPtr<Unconstructed> guard(new (block) Unconstructed, TrackedDelete{file, line});
-        T* object = new (block) T(std::forward<Args>(args)...);
+        TrackedPtr<Unconstructed> guard(::new (block) Unconstructed, TrackedDelete{file, line});
+// A literal such as 5 has lost its constancy here, so its conversion would be warned of.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wconversion"
+#pragma GCC diagnostic ignored "-Wsign-conversion"
+        T* object = ::new (block) T(std::forward<Args>(args)...);
+#pragma GCC diagnostic pop
         static_cast<void>(guard.release());
         return object;
     }

@@ -1,17 +1,14 @@
-// The service's infrastructure: what the headers in include/ and common/infra/MemShield.h declare.
+// The service's infrastructure: timer, outbox, log and texts. The rest stands by itself, so that a
+// test can leave it out.
 
 #include "common/Analytics/AnalyticsParcel.h"
-#include "common/infra/AIO.h"
 #include "common/infra/IParcelOutbox.h"
 #include "common/infra/Log.h"
 #include "common/infra/StringUtils.h"
 #include "common/infra/Timer.h"
 #include "common/infra/TrackedAllocation.h"
-#include "common/infra/Tweaks.h"
 
-#include <algorithm>
 #include <iostream>
-#include <new>
 
 void Timer::runUntil(u64 timeMs) {
     while (!m_expiries.empty() && m_expiries.begin()->first <= timeMs) {
@@ -52,21 +49,6 @@ void ParcelOutbox::freeAndRemoveAllParcels() {
     }
 }
 
-u32 Tweaks::uintVal(const std::string& name, const DefaultTweakValue<unsigned int>& defaultValue) {
-    const auto found = values.find(name);
-    return found == values.end() ? defaultValue.m_value : found->second;
-}
-
-void AIO::completed(u32 latencyUs) {
-    ++m_counters.storageLatency[std::min(latencyUs / 10, 4u)];
-}
-
-void AIO::mabeStorageLatencyAnalytics(StorageAnalyticsCounters& counters) {
-    counters = m_counters;
-    counters.latencyThreshold = 50;
-    m_counters = {};
-}
-
 LogItem::Buffer::Buffer(LogModule module, LogLevel level, const char* function)
     : m_module(module), m_level(level), m_function(function) {}
 
@@ -95,28 +77,4 @@ std::vector<std::string> StringUtils::splitStr(const std::string& text, char sep
 
 bool StringUtils::contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
-}
-
-// This service does not track its memory.
-bool MemShield::bMemshieldActive = false;
-
-MemShield::MemShield() = default;
-
-bool MemShield::isMemshieldActive() {
-    return bMemshieldActive;
-}
-
-void* MemShield::allocAndRegister(unsigned long size, unsigned long, const char*, const char*,
-                                  unsigned int) {
-    return ::operator new(size);
-}
-
-void MemShield::verifyPtr(void*, const char*, unsigned int) {}
-
-void MemShield::freeAndUnregister(void* block, const char*, unsigned int) {
-    ::operator delete(block);
-}
-
-void MemShield::freeAndCount(void* block) {
-    ::operator delete(block);
 }

@@ -5,10 +5,14 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <array>
 #include <ctime>
 #include <iterator>
+#include <map>
+#include <optional>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -29,77 +33,161 @@ const char* priorityName(AnalyticsParcel::Priority priority) {
     }
 }
 
-// A latency limit in the unit in which it reads best.
-std::string duration(u32 microseconds) {
+void writeIfAny(Out out, const char* name, const std::string& text) {
+    if (!text.empty()) {
+        fmt::format_to(out, "  {}: {}\n", name, text);
+    }
+}
+
+// A latency in the unit in which it reads best.
+std::string duration(u32 microseconds, int digits) {
     if (microseconds >= 1'000'000) {
-        return fmt::format("{:g} s", microseconds / 1e6);
+        return fmt::format("{:.{}g} s", microseconds / 1e6, digits);
     }
     if (microseconds >= 1'000) {
-        return fmt::format("{:g} ms", microseconds / 1e3);
+        return fmt::format("{:.{}g} ms", microseconds / 1e3, digits);
     }
     return fmt::format("{} us", microseconds);
 }
 
-template <typename Map>
-auto entryOr0(const Map& entries, const std::string& key) {
-    const auto found = entries.find(key);
-    return found == entries.end() ? typename Map::mapped_type{} : found->second;
-}
+// The entries that are not shown yet. Each is taken when it is shown, so none is lost.
+struct Entries {
+    explicit Entries(const AnalyticsParcel& parcel)
+        : strings(parcel.getStringEntries()),
+          u32s(parcel.getU32Entries()),
+          u64s(parcel.getU64Entries()) {}
 
-void writeHeader(Out out, const AnalyticsParcel& parcel, bool inColour) {
-    const auto style = inColour ? fmt::text_style(fmt::emphasis::bold) : fmt::text_style();
-    fmt::format_to(out, "{}  {}  {}", fmt::format(style, "{}", parcel.getEventName()),
-                   parcel.getCategory(), isoUtc(parcel.getKelTimeStamp()));
-    const auto period = parcel.getU64Entries().find("cd11");
-    if (period != parcel.getU64Entries().end()) {
-        fmt::format_to(out, "  period {} s (cd11)", period->second);
-    }
-    fmt::format_to(out, "\n");
+    std::map<std::string, std::string> strings;
+    std::map<std::string, u32> u32s;
+    std::map<std::string, u64> u64s;
+};
+
+template <typename Map>
+std::optional<typename Map::mapped_type> take(Map& entries, const std::string& key) {
+    auto node = entries.extract(key);
+    return node ? std::optional(std::move(node.mapped())) : std::nullopt;
 }
 
 struct LatencyClass {
     const char* key;
     const char* name;
+    const char* comparison; // of its latencies with the bound
+    const char* bound;
     fmt::terminal_color colour;
 };
 
 constexpr std::array<LatencyClass, 5> latencyClasses = {{
-    {"cm1", "fast", fmt::terminal_color::green},
-    {"cm2", "moderate", fmt::terminal_color::cyan},
-    {"cm3", "slow", fmt::terminal_color::yellow},
-    {"cm4", "very slow", fmt::terminal_color::magenta},
-    {"cm5", "slowest", fmt::terminal_color::red},
+    {"cm1", "fast", "<=", "boundFastUs", fmt::terminal_color::green},
+    {"cm2", "moderate", "<=", "boundModerateUs", fmt::terminal_color::cyan},
+    {"cm3", "slow", "<=", "boundSlowUs", fmt::terminal_color::yellow},
+    {"cm4", "very slow", "<=", "boundVerySlowUs", fmt::terminal_color::magenta},
+    {"cm5", "slowest", ">", "boundVerySlowUs", fmt::terminal_color::red},
 }};
+
+bool isStorageReport(const AnalyticsParcel& parcel) {
+    const auto& entries = parcel.getU32Entries();
+    return std::all_of(latencyClasses.begin(), latencyClasses.end(), [&](const LatencyClass& each) {
+        return entries.find(each.key) != entries.end();
+    });
+}
+
+void writePeriod(Out out, Entries& entries) {
+    const std::optional<u64> seconds = take(entries.u64s, "cd11");
+    if (const std::optional<u64> ms = take(entries.u64s, "periodMs")) {
+        fmt::format_to(out, "  period {} s", static_cast<double>(*ms) / OneSecondInMs);
+    } else if (seconds) {
+        fmt::format_to(out, "  period {} s", *seconds);
+    }
+}
+
+void writeHeader(Out out, const AnalyticsParcel& parcel, Entries& entries, bool inColour) {
+    const auto style = inColour ? fmt::text_style(fmt::emphasis::bold) : fmt::text_style();
+    fmt::format_to(out, "{}  {}", fmt::format(style, "{}", parcel.getEventName()),
+                   parcel.getCategory());
+    if (isStorageReport(parcel)) {
+        if (const std::optional<std::string> set = take(entries.strings, "set")) {
+            fmt::format_to(out, "  set {}", *set);
+        }
+    }
+    fmt::format_to(out, "  {}", isoUtc(parcel.getKelTimeStamp()));
+    writePeriod(out, entries);
+    fmt::format_to(out, "\n");
+}
+
+std::string boundText(const LatencyClass& latencyClass, const AnalyticsParcel& parcel) {
+    const auto bound = parcel.getU32Entries().find(latencyClass.bound);
+    constexpr int digits = 6;
+    return bound == parcel.getU32Entries().end()
+               ? ""
+               : fmt::format("{} {}", latencyClass.comparison, duration(bound->second, digits));
+}
 
 void writeClass(Out out, const LatencyClass& latencyClass, const std::string& bound, u32 count,
                 u64 total, bool inColour) {
-    constexpr u64 barWidth = 40;
+    constexpr u64 barWidth = 25;
     // An I/O is an I/O: a class that is not empty shows at least one mark.
     const u64 marks = total == 0 ? 0 : (count * barWidth + total - 1) / total;
     const double share = total == 0 ? 0.0 : 100.0 * count / static_cast<double>(total);
     const auto style = inColour ? fmt::fg(latencyClass.colour) : fmt::text_style();
     const std::string bar =
         marks == 0 ? "" : "  " + fmt::format(style, "{}", std::string(marks, '#'));
-    fmt::format_to(out, "  {}  {:<9}  {:>10}  {:>10}  {:>5.1f} %{}\n", latencyClass.key,
+    fmt::format_to(out, "  {}  {:<9}  {:>13}  {:>10}  {:>5.1f} %{}\n", latencyClass.key,
                    latencyClass.name, bound, count, share, bar);
 }
 
-void writeClasses(Out out, const AnalyticsParcel& parcel, const StorageLimits& limits,
-                  bool inColour) {
+void writeCount(Out out, const char* name, u64 count) {
+    fmt::format_to(out, "       {:<9}  {:>13}  {:>10}\n", name, "", count);
+}
+
+void writeClasses(Out out, const AnalyticsParcel& parcel, Entries& entries, bool inColour) {
     u64 total = 0;
     for (const LatencyClass& latencyClass : latencyClasses) {
-        total += entryOr0(parcel.getU32Entries(), latencyClass.key);
+        total += parcel.getU32Entries().at(latencyClass.key);
     }
-    fmt::format_to(out, "       {:<9}  {:>10}  {:>10}  {:>7}\n", "latency", "bound", "I/Os",
+    fmt::format_to(out, "       {:<9}  {:>13}  {:>10}  {:>7}\n", "latency", "bound", "I/Os",
                    "share");
-    for (std::size_t i = 0; i < latencyClasses.size(); ++i) {
-        const bool isLast = i + 1 == latencyClasses.size();
-        const std::string bound =
-            isLast ? "> " + duration(limits.bounds[i - 1]) : "<= " + duration(limits.bounds[i]);
-        writeClass(out, latencyClasses[i], bound,
-                   entryOr0(parcel.getU32Entries(), latencyClasses[i].key), total, inColour);
+    for (const LatencyClass& latencyClass : latencyClasses) {
+        writeClass(out, latencyClass, boundText(latencyClass, parcel),
+                   *take(entries.u32s, latencyClass.key), total, inColour);
+        entries.u32s.erase(latencyClass.bound);
     }
-    fmt::format_to(out, "       {:<9}  {:>10}  {:>10}\n", "all", "", total);
+    writeCount(out, "all", total);
+    if (const std::optional<u64> failed = take(entries.u64s, "failedIos")) {
+        writeCount(out, "failed", *failed);
+    }
+}
+
+// One line of those that the parcel has.
+void writePercentiles(Out out, Entries& entries) {
+    constexpr std::array<std::pair<const char*, const char*>, 5> percentiles = {
+        {{"p50Us", "p50"},
+         {"p90Us", "p90"},
+         {"p99Us", "p99"},
+         {"p999Us", "p99.9"},
+         {"maxUs", "max"}}};
+    constexpr int digits = 4;
+    std::string line;
+    for (const auto& [key, name] : percentiles) {
+        if (const std::optional<u32> us = take(entries.u32s, key)) {
+            line += fmt::format("  {} {}", name, duration(*us, digits));
+        }
+    }
+    fmt::format_to(out, "{}", line.empty() ? line : line + "\n");
+}
+
+void writeEpisodes(Out out, const AnalyticsParcel& parcel, Entries& entries) {
+    fmt::format_to(out, "  high-latency episodes: ");
+    if (const std::optional<u32> episodes = take(entries.u32s, "episodes")) {
+        fmt::format_to(out, "{}, ", *episodes);
+    }
+    fmt::format_to(out, "mean {} ms", parcel.getValue());
+    if (const std::optional<u32> longest = take(entries.u32s, "cm6")) {
+        fmt::format_to(out, ", longest {} ms", *longest);
+    }
+    if (const std::optional<u64> sum = take(entries.u64s, "episodeSumMs")) {
+        fmt::format_to(out, ", sum {} ms", *sum);
+    }
+    fmt::format_to(out, "\n");
 }
 
 // The value of a "[key=value]" pair; empty if there is none.
@@ -113,49 +201,50 @@ std::string_view pairValue(std::string_view text, std::string_view key) {
     return text.substr(0, text.find(']'));
 }
 
-void writeEpisodes(Out out, const AnalyticsParcel& parcel) {
-    struct Comparison {
-        const char* key;
-        const char* words;
-    };
-    constexpr std::array<Comparison, 3> comparisons = {
+// The threshold that the text of a storage report tells; a text of any other form as it is.
+void writeThreshold(Out out, const std::string& text) {
+    constexpr std::array<std::pair<const char*, const char*>, 3> comparisons = {
         {{"lt", "is below"}, {"eq", "equals"}, {"gt", "is above"}}};
-
-    const std::string& text = parcel.getText();
-    fmt::format_to(out, "  high-latency episodes: mean {} ms (value), longest {} ms (cm6)\n",
-                   parcel.getValue(), entryOr0(parcel.getU32Entries(), "cm6"));
-    for (const Comparison& comparison : comparisons) {
-        const std::string_view tunable = pairValue(text, comparison.key);
-        if (!tunable.empty()) {
-            fmt::format_to(out, "  threshold of the period {} us {} the live one, {} us ({})\n",
-                           pairValue(text, "Latency Threshold"), comparison.words, tunable,
-                           comparison.key);
+    const std::string_view threshold = pairValue(text, "Latency Threshold");
+    for (const auto& [key, words] : comparisons) {
+        const std::string_view live = pairValue(text, key);
+        if (text == fmt::format("[Latency Threshold={}][{}={}]", threshold, key, live)) {
+            fmt::format_to(out, "  threshold of the period {} us {} the live one, {} us\n",
+                           threshold, words, live);
+            return;
         }
     }
+    writeIfAny(out, "text", text);
 }
 
-template <typename Map>
-void writeEntries(Out out, const Map& entries) {
-    for (const auto& [key, value] : entries) {
-        fmt::format_to(out, "  {} = {}\n", key, value);
-    }
+void writeStorageReport(Out out, const AnalyticsParcel& parcel, Entries& entries, bool inColour) {
+    writeClasses(out, parcel, entries, inColour);
+    writePercentiles(out, entries);
+    writeEpisodes(out, parcel, entries);
+    writeThreshold(out, parcel.getText());
 }
 
 void writeFields(Out out, const AnalyticsParcel& parcel) {
     fmt::format_to(out, "  account {}, priority {}, value {}\n", accountName(parcel.getAccount()),
                    priorityName(parcel.getEventPriority()), parcel.getValue());
-    if (!parcel.getText().empty()) {
-        fmt::format_to(out, "  text: {}\n", parcel.getText());
+    writeIfAny(out, "text", parcel.getText());
+}
+
+template <typename Map>
+void writeAll(Out out, const Map& entries) {
+    for (const auto& [key, value] : entries) {
+        fmt::format_to(out, "  {} = {}\n", key, value);
     }
-    if (!parcel.getDetails().empty()) {
-        fmt::format_to(out, "  details: {}\n", parcel.getDetails());
-    }
-    writeEntries(out, parcel.getStringEntries());
-    writeEntries(out, parcel.getU32Entries());
-    writeEntries(out, parcel.getU64Entries());
-    writeEntries(out, parcel.getLongEntries());
-    writeEntries(out, parcel.getDoubleEntries());
-    writeEntries(out, parcel.getIntEntries());
+}
+
+void writeRest(Out out, const AnalyticsParcel& parcel, const Entries& entries) {
+    writeIfAny(out, "details", parcel.getDetails());
+    writeAll(out, entries.strings);
+    writeAll(out, entries.u32s);
+    writeAll(out, entries.u64s);
+    writeAll(out, parcel.getLongEntries());
+    writeAll(out, parcel.getDoubleEntries());
+    writeAll(out, parcel.getIntEntries());
 }
 
 } // namespace
@@ -190,16 +279,17 @@ std::string toJsonLine(const AnalyticsParcel& parcel) {
     return json.dump(-1, ' ', false, replaceInvalid) + "\n";
 }
 
-std::string toText(const AnalyticsParcel& parcel, const StorageLimits& limits, bool inColour) {
+std::string toText(const AnalyticsParcel& parcel, bool inColour) {
     std::string text;
     const Out out(text);
-    writeHeader(out, parcel, inColour);
-    if (parcel.getEventName() == "StoragePeriodicParcel") {
-        writeClasses(out, parcel, limits, inColour);
-        writeEpisodes(out, parcel);
+    Entries entries(parcel);
+    writeHeader(out, parcel, entries, inColour);
+    if (isStorageReport(parcel)) {
+        writeStorageReport(out, parcel, entries, inColour);
     } else {
         writeFields(out, parcel);
     }
+    writeRest(out, parcel, entries);
     text += "\n";
     return text;
 }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "common/Analytics/AnalyticsParcel.h"
-#include "host/services/LimitsInForce.h"
 
 #include <string>
 
@@ -13,6 +12,8 @@ std::string isoUtc(u64 epochMs);
 // One line of JSON that holds everything the parcel's getters give.
 std::string toJsonLine(const AnalyticsParcel& parcel);
 
-// A parcel to read. The storage report is laid out as a table of the latency classes, whose bounds
-// are `limits`; any other parcel as its fields and entries. `inColour` is for a terminal.
-std::string toText(const AnalyticsParcel& parcel, const StorageLimits& limits, bool inColour);
+// A parcel to read, in lines of at most 80 columns where its own texts are not longer. A storage
+// report, which is any parcel with the entries cm1 to cm5, is laid out as a table of the latency
+// classes and the figures that came with it; any other parcel as its fields. Entries that have no
+// place of their own are listed as "name = value". `inColour` is for a terminal.
+std::string toText(const AnalyticsParcel& parcel, bool inColour);

@@ -1,12 +1,9 @@
 #include "host/forwarding/ParcelForwarder.h"
 
-#include "common/infra/AIO.h"
 #include "common/infra/IParcelOutbox.h"
 #include "common/infra/Log.h"
-#include "common/infra/Singleton.h"
 #include "common/infra/TrackedAllocation.h"
 #include "host/forwarding/ParcelFormat.h"
-#include "host/services/StorageLatency.h"
 
 #include <pthread.h>
 
@@ -65,6 +62,5 @@ std::string ParcelForwarder::format(const AnalyticsParcel& parcel) const {
     if (m_format == ParcelFormat::JsonLines) {
         return toJsonLine(parcel);
     }
-    return toText(parcel, Singleton<AIO, AIO>::instance()->latency().closedPeriod().limits,
-                  m_output.isTerminal());
+    return toText(parcel, m_output.isTerminal());
 }

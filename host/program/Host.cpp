@@ -11,6 +11,7 @@
 #include "host/program/LastReport.h"
 #include "host/program/Schedule.h"
 #include "host/services/MemLedger.h"
+#include "host/services/StorageReportFinalizer.h"
 
 #include <iostream>
 #include <utility>
@@ -91,7 +92,18 @@ void Host::scheduleReports() {
     TrackedPtr<StorageAnalyticsGenerator> generator(TRACKED_NEW(StorageAnalyticsGenerator)(),
                                                     TRACKED_DELETE);
     TrackedPtr<IAnalyticsSchedulingPolicy> policy = makePolicy(m_options, *generator);
-    TrackedPtr<IPeriodicAnalyticsParcelFinalizer> finalizer(std::move(generator));
+    TrackedPtr<IPeriodicAnalyticsParcelFinalizer> finalizer = makeFinalizer(std::move(generator));
+    m_scheduler = std::make_unique<PeriodicAnalyticsScheduler>(policy.get(), finalizer.get());
+    policy.release();
+    finalizer.release();
+}
+
+// Each finalizer owns the one within it once its constructor has returned.
+TrackedPtr<IPeriodicAnalyticsParcelFinalizer>
+Host::makeFinalizer(TrackedPtr<IPeriodicAnalyticsParcelFinalizer> finalizer) {
+    auto* report = TRACKED_NEW(StorageReportFinalizer)(finalizer.get());
+    finalizer.release();
+    finalizer.reset(report);
     if (m_options.reports != 0) {
         auto* last = TRACKED_NEW(LastReport)(
             finalizer.get(), m_options.reports, [this] { m_loadGenerator.stop(); },
@@ -102,9 +114,7 @@ void Host::scheduleReports() {
         finalizer.release();
         finalizer.reset(last);
     }
-    m_scheduler = std::make_unique<PeriodicAnalyticsScheduler>(policy.get(), finalizer.get());
-    policy.release();
-    finalizer.release();
+    return finalizer;
 }
 
 void Host::stop() {

@@ -9,6 +9,7 @@
 #include "host/services/TweaksFile.h"
 
 #include "common/Analytics/PeriodicAnalyticsScheduler.h"
+#include "common/infra/TrackedAllocation.h"
 
 #include <memory>
 
@@ -35,6 +36,8 @@ public:
 private:
     void start();
     void scheduleReports();
+    TrackedPtr<IPeriodicAnalyticsParcelFinalizer>
+    makeFinalizer(TrackedPtr<IPeriodicAnalyticsParcelFinalizer> finalizer);
     void stop();
     int summarize() const;
 

@@ -1,12 +1,13 @@
 #include "host/program/LoadGenerator.h"
 
 #include "common/infra/Log.h"
+#include "host/services/Clock.h"
 
 #include <pthread.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
+#include <string>
 #include <system_error>
 
 namespace {
@@ -69,6 +70,11 @@ void LoadGenerator::stop() {
     m_engine.close();
 }
 
+void LoadGenerator::waitUntilIdle() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_changed.wait(lock, [this] { return !mayIssue() && m_idle.size() == m_slots.size(); });
+}
+
 LoadGenerator::Counts LoadGenerator::counts() const {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_counts;
@@ -79,25 +85,36 @@ LoadGenerator::Maxima LoadGenerator::maxima() const {
     return {m_longestIoUs, m_deepestQueue};
 }
 
-// Issues what is due at each beat. What finds no idle slot is not made up for: a disk that cannot
-// keep the rate is not given a backlog.
+// What is due at a beat and finds no idle slot is made as soon as one is. A disk that cannot keep
+// the rate is so kept busy, but what it owes is bounded, to a tenth of a second: a stall is not
+// made up for.
 void LoadGenerator::pace() {
     pthread_setname_np(pthread_self(), "pacer");
     constexpr std::chrono::nanoseconds shortestBeat = std::chrono::milliseconds(1);
     const auto perIo = std::chrono::nanoseconds(std::chrono::seconds(1)) / m_options.rate;
     const auto beat = std::max(perIo, shortestBeat);
-    const auto started = Clock::now();
-    u64 due = 0;
+    const double dueAtABeat = std::chrono::duration<double>(beat).count() * m_options.rate;
+    const double mostOwed = std::max(m_options.queueDepth, m_options.rate / 10);
 
     std::unique_lock<std::mutex> lock(m_mutex);
-    for (auto next = started + beat; mayIssue(); next += beat) {
+    auto next = Clock::now() + beat;
+    while (mayIssue()) {
         if (m_changed.wait_until(lock, next, [this] { return m_stopping; })) {
             return;
         }
-        const std::chrono::duration<double> elapsed = next - started;
-        const u64 dueNow = static_cast<u64>(std::llround(elapsed.count() * m_options.rate));
-        issue(dueNow - due);
-        due = dueNow;
+        const auto late = (Clock::now() - next) / beat;
+        next += (late + 1) * beat;
+        m_owed = std::min(m_owed + dueAtABeat * static_cast<double>(late + 1), mostOwed);
+        issueOwed();
+    }
+}
+
+// With the mutex held.
+void LoadGenerator::issueOwed() {
+    if (m_owed >= 1) {
+        const u64 issuedBefore = m_issued;
+        issue(static_cast<u64>(m_owed));
+        m_owed -= static_cast<double>(m_issued - issuedBefore);
     }
 }
 
@@ -146,27 +163,23 @@ void LoadGenerator::completed(Slot& slot, int result) {
     countResult(slot, result);
     m_longestIoUs.update(slot.latencyNs / 1'000);
     m_idle.push_back(&slot);
-    if (m_options.rate == 0) {
-        issue(1);
-    }
-    if (m_stopping && m_idle.size() == m_slots.size()) {
+    m_options.rate == 0 ? issue(1) : issueOwed();
+    if (!mayIssue() && m_idle.size() == m_slots.size()) {
         m_changed.notify_all();
     }
 }
 
-// With the mutex held. A disk that fails every I/O gets two lines, not one for each.
+// With the mutex held.
 void LoadGenerator::countResult(const Slot& slot, int result) {
-    ++(slot.operation == IoRequest::Read ? m_counts.reads : m_counts.writes);
-    const bool failed = result != static_cast<int>(slot.length);
-    if (failed && m_failedInRow == 0) {
-        LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3)
-            << (slot.operation == IoRequest::Read ? "read" : "write")
-            << " failed at offset=" << slot.offset << ": " << describe(result, slot.length)
-            << std::endl;
-    } else if (!failed && m_failedInRow > 0) {
-        LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
-            << "I/O works again after failures in a row=" << m_failedInRow << std::endl;
+    const bool isRead = slot.operation == IoRequest::Read;
+    ++(isRead ? m_counts.reads : m_counts.writes);
+    const u64 nowNs = monotonicNs();
+    if (result == static_cast<int>(slot.length)) {
+        m_failureLog.succeeded(nowNs);
+        return;
     }
-    m_failedInRow = failed ? m_failedInRow + 1 : 0;
-    m_counts.failed += failed ? 1 : 0;
+    ++m_counts.failed;
+    m_failureLog.failed(std::string(isRead ? "read" : "write") + " failed at offset=" +
+                            std::to_string(slot.offset) + ": " + describe(result, slot.length),
+                        nowNs);
 }

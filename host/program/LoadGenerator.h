@@ -4,6 +4,7 @@
 #include "common/infra/Defs.h"
 #include "host/io/AlignedBuffer.h"
 #include "host/io/IoEngine.h"
+#include "host/program/FailureLog.h"
 
 #include <condition_variable>
 #include <mutex>
@@ -49,6 +50,9 @@ public:
     // thread, but not from inside a completion; may be repeated.
     void stop();
 
+    // Waits until as many I/Os as were asked for have completed, or stop() was called.
+    void waitUntilIdle();
+
     Counts counts() const;
     Maxima maxima() const;
 
@@ -64,6 +68,7 @@ private:
 
     void pace();
     void issue(u64 count);
+    void issueOwed();
     bool mayIssue() const;
     void aim(Slot& slot);
 
@@ -84,6 +89,7 @@ private:
     AnalyticsMaximumMetric m_longestIoUs{"longest I/O [us]"};
     AnalyticsMaximumMetric m_deepestQueue{"deepest queue"};
     u64 m_issued = 0;
-    u64 m_failedInRow = 0;
+    double m_owed = 0; // I/Os that are due and not issued
+    FailureLog m_failureLog;
     bool m_stopping = false;
 };

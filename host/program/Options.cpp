@@ -1,16 +1,21 @@
 #include "host/program/Options.h"
 
-#include "common/infra/StringUtils.h"
 #include "common/infra/Tweaks.h"
+#include "host/program/DayList.h"
 #include "host/program/ExitCodes.h"
-#include "host/services/LogService.h"
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <charconv>
 #include <iostream>
 #include <limits>
 #include <map>
+#include <numeric>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -19,6 +24,7 @@ constexpr u32 maxIntervalSecs = std::numeric_limits<u32>::max() / OneSecondInMs;
 constexpr u32 maxQueueDepth = 4096;
 constexpr u64 sectorSize = 512;
 constexpr u64 maxBlockSize = 16U << 20U;
+constexpr u64 noLimit = std::numeric_limits<u64>::max();
 
 const std::map<std::string, ParcelFormat> formats = {{"text", ParcelFormat::Text},
                                                      {"jsonl", ParcelFormat::JsonLines}};
@@ -32,13 +38,15 @@ const std::map<std::string, LogLevel> logLevels = {
     {"info", InfoLevel},     {"debug", DebugLevel}, {"ctr", CtrLevel}};
 
 const char* const description =
-    "Runs the storage-latency report on this machine's disk: makes real reads and writes on a "
-    "scratch\n"
-    "file, and writes each report to standard output. The log goes to standard error.\n"
-    "SIGINT or SIGTERM closes and reports the running period; a second signal ends at once.";
+    "Runs the storage-latency report on this machine's disk: makes real reads and\n"
+    "writes on a scratch file, and writes each report to standard output. The log\n"
+    "goes to standard error. SIGINT or SIGTERM closes and reports the running period;\n"
+    "a second signal ends at once. SIGHUP reopens the file of --output; without it,\n"
+    "it stops like SIGTERM.";
 
-const char* const footer = "Exit codes: 0 done; 1 something failed; 2 bad command line; 3 a report "
-                           "was lost or memory leaked.";
+const char* const footer =
+    "Exit codes: 0 done; 1 something failed, an I/O or a write; 2 bad command line;\n"
+    "3 a report was lost or memory leaked.";
 
 WeeklySchedule& weekly(Options& options) {
     return options.weekly ? *options.weekly : options.weekly.emplace();
@@ -68,11 +76,19 @@ void addSize(CLI::App& app, const std::string& option, u64& target, const std::s
         ->option_text("BYTES");
 }
 
-// A number in decimal digits: the conversion to an unsigned type would let -1 through.
-std::string isWholeNumber(const std::string& text) {
-    const bool isNumber =
-        !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
-    return isNumber ? "" : "'" + text + "' is not a whole number";
+// Accepts decimal digits within bounds: the conversion to an unsigned type would let -1 through.
+CLI::Validator wholeNumber(u64 least, u64 most) {
+    return {[least, most](const std::string& text) {
+                u64 number = 0;
+                const char* const end = text.data() + text.size();
+                const auto [stop, error] = std::from_chars(text.data(), end, number);
+                const bool fits = error == std::errc() && stop == end && number >= least &&
+                                  number <= most && !text.empty();
+                return fits ? std::string()
+                            : "'" + text + "' is not a whole number from " + std::to_string(least) +
+                                  " to " + std::to_string(most);
+            },
+            ""};
 }
 
 // Accepts the names of a table, and says which they are.
@@ -101,8 +117,7 @@ void addOptions(CLI::App& app, Options& options) {
         ->option_text("DIR");
     app.add_option("--reports", options.reports,
                    "Stop after N reporting periods, at least 1 (default: when interrupted)")
-        ->check(isWholeNumber)
-        ->check(CLI::Range(u64{1}, std::numeric_limits<u64>::max()))
+        ->check(wholeNumber(1, noLimit))
         ->option_text("N");
     addChoice(app, "--format", options.format, formats,
               "Reports as text to read, or as jsonl, one JSON object a line (default text)");
@@ -114,64 +129,37 @@ void addOptions(CLI::App& app, Options& options) {
         ->option_text("FILE");
 }
 
-// Keeps the lines to itself that the library logs of a list that is about to be refused.
-class SilentLog : public ILogSink {
-public:
-    SilentLog() : m_previous(LogService::setSink(this)) {}
-    ~SilentLog() override { LogService::setSink(m_previous); }
-    SilentLog(const SilentLog&) = delete;
-    SilentLog& operator=(const SilentLog&) = delete;
-    void write(const LogRecord& /*record*/) override {}
-
-private:
-    ILogSink* const m_previous;
-};
-
-std::vector<FixedDaysSchedulingPolicy::Days> parseDays(const std::string& list) {
-    const SilentLog silent;
-    const char* const expected =
-        "expected days, as in mon,wed or 1,3: sun, mon, tue, wed, thu, fri, "
-        "sat, or 0 (Sunday) to 6";
-    for (const std::string& token : StringUtils::splitStr(list, ',')) {
-        if (!token.empty() && FixedDaysSchedulingPolicy::createDaysFromString(token).empty()) {
-            throw CLI::ValidationError("--days", "'" + token + "' is no day; " + expected);
-        }
-    }
-    auto days = FixedDaysSchedulingPolicy::createDaysFromString(list);
-    if (days.empty()) {
-        throw CLI::ValidationError("--days", "the list is empty; " + std::string(expected));
-    }
-    return days;
-}
-
 void addScheduleOptions(CLI::App& app, Options& options) {
     auto* interval = app.add_option("--interval", options.intervalSecs,
                                     "Seconds between reports, 1 to 4294967 (default 5, or "
                                     "t_StorageAnalyticsIntervalSec of "
                                     "--tweaks)")
-                         ->check(isWholeNumber)
-                         ->check(CLI::Range(u32{1}, maxIntervalSecs))
+                         ->check(wholeNumber(1, maxIntervalSecs))
                          ->option_text("SECONDS");
-    auto* days =
-        app.add_option_function<std::string>(
-               "--days",
-               [&options](const std::string& list) { weekly(options).days = parseDays(list); },
-               "Report on these weekdays in place of --interval, as in mon,wed or 1,3 (0 is "
-               "Sunday); needs --hour")
-            ->excludes(interval)
-            ->option_text("LIST");
+    auto* days = app.add_option_function<std::string>(
+                        "--days",
+                        [&options](const std::string& list) {
+                            try {
+                                weekly(options).days = parseDayList(list);
+                            } catch (const std::invalid_argument& error) {
+                                throw CLI::ValidationError("--days", error.what());
+                            }
+                        },
+                        "Report on these weekdays in place of --interval: names, digits (0 is "
+                        "Sunday) or ranges, as "
+                        "in mon,wed or 1-5; needs --hour")
+                     ->excludes(interval)
+                     ->option_text("LIST");
     auto* hour = app.add_option_function<u32>(
                         "--hour", [&options](u32 given) { weekly(options).hour = given; },
                         "Hour of the day, UTC, for --days, 0 to 23")
-                     ->check(isWholeNumber)
-                     ->check(CLI::Range(u32{0}, u32{23}))
+                     ->check(wholeNumber(0, 23))
                      ->needs(days)
                      ->option_text("H");
     days->needs(hour);
     app.add_option("--show-schedule", options.showSchedule,
                    "Print the next N moments at which reports fall due, 1 to 10000, and end")
-        ->check(isWholeNumber)
-        ->check(CLI::Range(u64{1}, u64{10'000}))
+        ->check(wholeNumber(1, 10'000))
         ->option_text("N");
 }
 
@@ -182,25 +170,22 @@ void addLoadOptions(CLI::App& app, Options& options) {
             "Bytes of an I/O, with K or M: a multiple of 512 up to 16M (default 4K)");
     app.add_option("--queue-depth", options.queueDepth,
                    "I/Os in flight at the most, 1 to 4096 (default 8)")
-        ->check(isWholeNumber)
-        ->check(CLI::Range(u32{1}, maxQueueDepth))
+        ->check(wholeNumber(1, maxQueueDepth))
         ->option_text("N");
     addChoice(app, "--io-engine", options.ioEngine, ioEngines,
               "What makes the I/Os: io_uring, threads, or auto:\n"
               "threads where io_uring is refused (default auto)");
     app.add_option("--read-percent", options.readPercent, "Share of reads, in percent (default 70)")
-        ->check(isWholeNumber)
-        ->check(CLI::Range(u32{0}, u32{100}))
+        ->check(wholeNumber(0, 100))
         ->option_text("PERCENT");
     app.add_option(
            "--rate", options.rate,
            "I/Os per second, up to 10000000 (default 200; 0: as fast as the queue depth allows)")
-        ->check(isWholeNumber)
-        ->check(CLI::Range(u32{0}, u32{10'000'000}))
+        ->check(wholeNumber(0, 10'000'000))
         ->option_text("IOPS");
     app.add_option("--max-ios", options.maxIos,
                    "Make so many I/Os and be idle from then on (default: no limit)")
-        ->check(isWholeNumber)
+        ->check(wholeNumber(0, noLimit))
         ->option_text("N");
 }
 
@@ -233,6 +218,62 @@ void checkTogether(const Options& options) {
     }
 }
 
+// Breaks a text into lines that leave room for the names of the options.
+std::string wrapped(const std::string& text, std::size_t width) {
+    std::istringstream words(text);
+    std::string lines;
+    std::size_t column = 0;
+    for (std::string word; words >> word; column += word.size()) {
+        const bool fits = column + 1 + word.size() <= width;
+        lines += column == 0 ? "" : fits ? " " : "\n";
+        column = column != 0 && fits ? column + 1 : 0;
+        lines += word;
+    }
+    return lines;
+}
+
+void fitInto80Columns(CLI::App& app) {
+    constexpr std::size_t nameWidth = 28;
+    app.get_formatter()->column_width(nameWidth);
+    for (CLI::Option* option : app.get_options()) {
+        option->description(wrapped(option->get_description(), 80 - nameWidth));
+    }
+}
+
+// How many letters have to be changed, added or left out.
+std::size_t distance(const std::string& from, const std::string& to) {
+    std::vector<std::size_t> row(to.size() + 1);
+    std::iota(row.begin(), row.end(), 0U);
+    for (std::size_t i = 0; i < from.size(); ++i) {
+        std::size_t diagonal = std::exchange(row[0], i + 1);
+        for (std::size_t j = 0; j < to.size(); ++j) {
+            const std::size_t replaced = diagonal + (from[i] == to[j] ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({replaced, row[j] + 1, diagonal + 1});
+        }
+    }
+    return row.back();
+}
+
+// What is wrong, on one line, and for an unknown option the nearest known one.
+std::string messageOf(const CLI::ParseError& error, const CLI::App& app) {
+    const std::vector<std::string> unknown = app.remaining();
+    if (dynamic_cast<const CLI::ExtrasError*>(&error) == nullptr || unknown.empty()) {
+        std::string message = error.what();
+        std::replace(message.begin(), message.end(), '\n', ' ');
+        return message.erase(message.find_last_not_of(' ') + 1);
+    }
+    const std::string given = unknown[0].substr(0, unknown[0].find('='));
+    std::string nearest;
+    for (const CLI::Option* option : app.get_options()) {
+        const std::string name = option->get_name();
+        nearest = distance(given, name) < distance(given, nearest) ? name : nearest;
+    }
+    const bool isNear = distance(given, nearest) <= 2;
+    return "'" + unknown[0] + "' is not an option" +
+           (isNear ? ", did you mean '" + nearest + "'?" : "");
+}
+
 } // namespace
 
 ParsedCommandLine parseCommandLine(int argc, const char* const* argv) {
@@ -244,13 +285,14 @@ ParsedCommandLine parseCommandLine(int argc, const char* const* argv) {
     addScheduleOptions(app, options);
     addLoadOptions(app, options);
     addLogOptions(app, options);
+    fitInto80Columns(app);
     try {
         app.parse(argc, argv);
         checkTogether(options);
     } catch (const CLI::Success& answered) { // --help, --version
         return {std::nullopt, app.exit(answered)};
     } catch (const CLI::ParseError& error) {
-        std::cerr << "analytics-host: " << error.what() << " (see --help)" << std::endl;
+        std::cerr << "analytics-host: " << messageOf(error, app) << " (see --help)" << std::endl;
         return {std::nullopt, exitUsage};
     }
     return {options, exitDone};

@@ -3,6 +3,8 @@
 #include "host/io/AlignedBuffer.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,12 +23,18 @@ constexpr std::size_t fillBytes = std::size_t{1} << 20U;
                              std::generic_category().message(error) + " (" + expected + ")");
 }
 
+std::string roomFor(u64 size) {
+    return "expected room for " + std::to_string(size) + " bytes, see --size";
+}
+
 } // namespace
 
-ScratchFile::ScratchFile(const std::string& folder, u64 size) {
+ScratchFile::ScratchFile(const std::string& folder, u64 size, const Progress& progress)
+    : m_folder(folder) {
     create(folder);
     try {
-        fill(folder, size);
+        reserve(size);
+        fill(size, progress);
     } catch (...) {
         ::close(m_descriptor);
         throw;
@@ -37,33 +45,68 @@ ScratchFile::~ScratchFile() {
     ::close(m_descriptor);
 }
 
-void ScratchFile::create(const std::string& folder) {
-    std::string name = folder + "/analytics-host.XXXXXX";
-    m_descriptor = ::mkostemp(name.data(), O_CLOEXEC | O_DIRECT);
-    if (m_descriptor < 0 && errno == EINVAL) {
-        m_isDirect = false;
-        // A file system that refuses direct I/O may have created the file all the same.
-        ::unlink(name.c_str());
-        name = folder + "/analytics-host.XXXXXX";
-        m_descriptor = ::mkostemp(name.data(), O_CLOEXEC);
-    }
-    if (m_descriptor < 0) {
-        fail("cannot create a scratch file", folder, errno,
-             "expected a folder that can be written to, see --path");
-    }
-    ::unlink(name.c_str());
+bool ScratchFile::isInMemory() const {
+    struct statfs fileSystem {};
+    return fstatfs(m_descriptor, &fileSystem) == 0 &&
+           (fileSystem.f_type == TMPFS_MAGIC || fileSystem.f_type == RAMFS_MAGIC);
 }
 
-void ScratchFile::fill(const std::string& folder, u64 size) const {
-    const std::string expected = "expected room for " + std::to_string(size) + " bytes, see --size";
-    if (const int error = ::posix_fallocate(m_descriptor, 0, static_cast<off_t>(size));
-        error != 0) {
-        fail("cannot reserve the scratch file", folder, error, expected);
+void ScratchFile::checkBlockSize(u64 blockSize) const {
+    const AlignedBuffer buffer(blockSize);
+    if (::pread(m_descriptor, buffer.data(), buffer.size(), 0) < 0) {
+        fail("cannot read " + std::to_string(blockSize) + " bytes", m_folder, errno,
+             "expected a multiple of the disk's block size, see --block-size");
     }
-    // Blocks that were never written are answered without asking the disk.
+}
+
+// A file that never has a name, where the file system can do that; direct, where it can do that.
+void ScratchFile::create(const std::string& folder) {
+    if (!openUnnamed(O_DIRECT) && !openNamed(O_DIRECT)) {
+        m_isDirect = false;
+        if (!openUnnamed(0) && !openNamed(0)) {
+            fail("cannot create a scratch file", folder, errno,
+                 "expected a folder that can be written to, see --path");
+        }
+    }
+}
+
+bool ScratchFile::openUnnamed(int flags) {
+    m_descriptor = ::open(m_folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC | flags, 0600);
+    return m_descriptor >= 0;
+}
+
+bool ScratchFile::openNamed(int flags) {
+    std::string name = m_folder + "/analytics-host.XXXXXX";
+    m_descriptor = ::mkostemp(name.data(), O_CLOEXEC | flags);
+    const int error = errno;
+    // A file system that refuses direct I/O may have created the file all the same.
+    if (::unlink(name.c_str()) != 0 && m_descriptor >= 0) {
+        const int unlinkError = errno;
+        ::close(m_descriptor);
+        fail("cannot remove the name of the scratch file " + name, m_folder, unlinkError,
+             "expected a folder in which files can be removed, see --path");
+    }
+    errno = error;
+    return m_descriptor >= 0;
+}
+
+// Not every file system can reserve; there, writing tells whether there is room.
+void ScratchFile::reserve(u64 size) const {
+    while (::fallocate(m_descriptor, 0, 0, static_cast<off_t>(size)) != 0) {
+        if (errno == EOPNOTSUPP || errno == ENOSYS) {
+            return;
+        }
+        if (errno != EINTR) {
+            fail("cannot reserve the scratch file", m_folder, errno, roomFor(size));
+        }
+    }
+}
+
+// Blocks that were never written are answered without asking the disk.
+void ScratchFile::fill(u64 size, const Progress& progress) const {
     const AlignedBuffer buffer(fillBytes);
     std::memset(buffer.data(), 0xa5, buffer.size());
-    for (u64 offset = 0; offset < size;) {
+    for (u64 offset = 0; offset < size && (!progress || progress(offset));) {
         const u64 length = std::min<u64>(buffer.size(), size - offset);
         const ssize_t written =
             ::pwrite(m_descriptor, buffer.data(), length, static_cast<off_t>(offset));
@@ -71,7 +114,8 @@ void ScratchFile::fill(const std::string& folder, u64 size) const {
             continue;
         }
         if (written <= 0) {
-            fail("cannot fill the scratch file", folder, written < 0 ? errno : ENOSPC, expected);
+            fail("cannot fill the scratch file", m_folder, written < 0 ? errno : ENOSPC,
+                 roomFor(size));
         }
         offset += static_cast<u64>(written);
     }

@@ -2,15 +2,19 @@
 
 #include "common/infra/Defs.h"
 
+#include <functional>
 #include <string>
 
-// A file of the given size, filled with data, for the data path to read and write. It has no name:
-// it is gone with the process, however that ends.
+// A file of the given size, filled with data, for the load generator to read and write. It has no
+// name: it is gone with the process, however that ends.
 class ScratchFile {
 public:
+    // Told how many bytes are filled; false gives up, and the file stays shorter.
+    using Progress = std::function<bool(u64 filledBytes)>;
+
     // Throws std::runtime_error, with what failed where and why, if the folder cannot be written to
     // or has not enough room.
-    ScratchFile(const std::string& folder, u64 size);
+    ScratchFile(const std::string& folder, u64 size, const Progress& progress = nullptr);
     ~ScratchFile();
     ScratchFile(const ScratchFile&) = delete;
     ScratchFile& operator=(const ScratchFile&) = delete;
@@ -18,11 +22,19 @@ public:
     int descriptor() const { return m_descriptor; }
     // Whether I/O bypasses the page cache; not every file system offers that.
     bool isDirect() const { return m_isDirect; }
+    // Whether the file system keeps its files in memory, such as tmpfs: there is no disk behind it.
+    bool isInMemory() const;
+    // Throws std::runtime_error if I/Os of this size cannot be made.
+    void checkBlockSize(u64 blockSize) const;
 
 private:
     void create(const std::string& folder);
-    void fill(const std::string& folder, u64 size) const;
+    bool openUnnamed(int flags);
+    bool openNamed(int flags);
+    void reserve(u64 size) const;
+    void fill(u64 size, const Progress& progress) const;
 
+    const std::string m_folder;
     int m_descriptor = -1;
     bool m_isDirect = true;
 };

@@ -1,63 +1,114 @@
 #include "host/program/StopRequest.h"
 
-#include <poll.h>
-#include <pthread.h>
+#include "common/infra/Defs.h"
+#include "host/services/Clock.h"
+
 #include <sys/eventfd.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <system_error>
+#include <utility>
 
 namespace {
 
-sigset_t stopSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    return signals;
+constexpr std::array stopSignals = {SIGINT, SIGTERM, SIGHUP};
+constexpr u64 sameSignalMs = 200;
+constexpr int ownRequest = 255; // no signal
+
+// What the signal handler knows. Its operations are all safe there. What has asked to stop, and
+// when, is one value, so that a signal that comes at the same time sees both.
+std::atomic<u64> stopReason{
+    0}; // 0: nothing has; else the time in ms, and in the last byte the signal
+std::atomic<bool> reopens{false};
+std::atomic<bool> hungUp{false};
+int wakeFd = -1;
+
+void ask(int signal) {
+    u64 nothing = 0;
+    const u64 reason = monotonicNs() / nsPerMs << 8U | static_cast<u64>(signal);
+    if (stopReason.compare_exchange_strong(nothing, reason)) {
+        eventfd_write(wakeFd, 1);
+    }
 }
 
-void check(int result, const char* what) {
-    if (result < 0) {
-        throw std::system_error(errno, std::generic_category(), what);
+bool isTheSame(int signal, u64 reason) {
+    return (reason & 0xffU) == static_cast<u64>(signal) &&
+           monotonicNs() / nsPerMs - (reason >> 8U) <= sameSignalMs;
+}
+
+void onSignal(int signal) {
+    const int savedErrno = errno;
+    const u64 before = stopReason;
+    if (before == 0 && signal == SIGHUP && reopens) {
+        hungUp = true;
+        eventfd_write(wakeFd, 1);
+    } else if (before == 0) {
+        ask(signal);
+    } else if (!isTheSame(signal, before)) {
+        _exit(128 + signal);
+    }
+    errno = savedErrno;
+}
+
+bool staysIgnored(int signal) {
+    struct sigaction current {};
+    sigaction(signal, nullptr, &current);
+    return signal != SIGTERM && current.sa_handler == SIG_IGN;
+}
+
+void setHandlers(void (*handler)(int)) {
+    for (const int signal : stopSignals) {
+        struct sigaction action {};
+        action.sa_handler = handler;
+        action.sa_flags = SA_RESTART;
+        sigemptyset(&action.sa_mask);
+        if (!staysIgnored(signal)) {
+            sigaction(signal, &action, nullptr);
+        }
     }
 }
 
 } // namespace
 
-StopRequest::StopRequest() {
-    const sigset_t signals = stopSignals();
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    m_signals = signalfd(-1, &signals, SFD_CLOEXEC);
-    check(m_signals, "signalfd");
-    m_requests = eventfd(0, EFD_CLOEXEC);
-    check(m_requests, "eventfd");
+StopRequest::StopRequest(std::function<void()> hangUp) : m_hangUp(std::move(hangUp)) {
+    wakeFd = eventfd(0, EFD_CLOEXEC);
+    if (wakeFd < 0) {
+        throw std::system_error(errno, std::generic_category(), "eventfd");
+    }
+    stopReason = 0;
+    hungUp = false;
+    reopens = static_cast<bool>(m_hangUp);
+    setHandlers(onSignal);
 }
 
 StopRequest::~StopRequest() {
-    ::close(m_signals);
-    ::close(m_requests);
+    setHandlers(SIG_DFL);
+    ::close(std::exchange(wakeFd, -1));
 }
 
 void StopRequest::request() {
-    eventfd_write(m_requests, 1);
+    ask(ownRequest);
 }
 
 void StopRequest::wait() {
-    std::array<pollfd, 2> sources{{{m_signals, POLLIN, 0}, {m_requests, POLLIN, 0}}};
-    while (poll(sources.data(), sources.size(), -1) < 0) {
-        if (errno != EINTR) {
-            throw std::system_error(errno, std::generic_category(), "poll");
+    while (!isRequested()) {
+        eventfd_t wakes = 0;
+        eventfd_read(wakeFd, &wakes); // interrupted or woken, the reason is looked at either way
+        if (hungUp.exchange(false)) {
+            m_hangUp();
         }
     }
-    if ((sources[0].revents & POLLIN) != 0) {
-        signalfd_siginfo taken{};
-        check(static_cast<int>(::read(m_signals, &taken, sizeof taken)), "read a signal");
-        const sigset_t signals = stopSignals();
-        pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-    }
+}
+
+bool StopRequest::isRequested() const {
+    return stopReason != 0;
+}
+
+int StopRequest::signal() const {
+    const int signal = static_cast<int>(stopReason & 0xffU);
+    return signal == ownRequest ? 0 : signal;
 }

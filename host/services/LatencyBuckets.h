@@ -14,12 +14,9 @@ public:
 
     static std::size_t of(u64 latencyNs) {
         const u64 ns = std::min(latencyNs, (u64{1} << powers) - 1);
-        if (ns < linear) {
-            return ns;
-        }
-        const unsigned int power = 63U - static_cast<unsigned int>(__builtin_clzll(ns));
-        const u64 step = ns >> (power - linearPower);
-        return (power - linearPower) * linear + step;
+        // Below 16 ns it is the nanoseconds themselves, as from 16 to 31.
+        const auto power = 63U - static_cast<unsigned int>(__builtin_clzll(ns | linear));
+        return (power - linearPower) * linear + (ns >> (power - linearPower));
     }
 
     // The shortest and the longest latency in a bucket. Latencies beyond the last one are in it.

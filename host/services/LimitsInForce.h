@@ -38,8 +38,10 @@ public:
             const u64 version = m_version.load(std::memory_order_acquire);
             const Place& place = m_places[version % placeCount];
             Verdict verdict{0, latencyNs >= place.thresholdNs.load(std::memory_order_acquire)};
-            for (const auto& boundNs : place.boundsNs) {
-                verdict.latencyClass += latencyNs > boundNs.load(std::memory_order_acquire) ? 1 : 0;
+#pragma GCC unroll 4
+            for (std::size_t i = 0; i < boundCount; ++i) {
+                verdict.latencyClass +=
+                    latencyNs > place.boundsNs[i].load(std::memory_order_acquire) ? 1 : 0;
             }
             if (__builtin_expect(
                     m_version.load(std::memory_order_relaxed) - version < placeCount - 1, 1)) {
@@ -61,10 +63,11 @@ public:
 
 private:
     static constexpr u64 placeCount = 4;
+    static constexpr std::size_t boundCount = 4;
 
     struct alignas(64) Place {
         std::atomic<u64> thresholdNs{0};
-        std::array<std::atomic<u64>, 4> boundsNs{};
+        std::array<std::atomic<u64>, boundCount> boundsNs{};
     };
 
     std::array<Place, placeCount> m_places{};

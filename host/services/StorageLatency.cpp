@@ -79,8 +79,35 @@ void StorageLatency::raise(std::atomic<u64>& longest, u64 latencyNs) {
     }
 }
 
-// The order of the I/Os in an episode is that in which they come here.
-void StorageLatency::noteEpisode(bool slow, u64 latencyNs) {
+void StorageLatency::countWithCare(u64 latencyNs) {
+    const LimitsInForce::Verdict verdict = m_limitsInForce.judge(latencyNs);
+    noteIfSlow(verdict.isSlow, latencyNs);
+    const unsigned int number = ThreadLane::mine();
+    Lane& lane = m_lanes[number];
+    raise(lane.longestNs, latencyNs);
+    add(number, lane.histogram[LatencyBuckets::of(latencyNs)]);
+    add(number, lane.classes[verdict.latencyClass]);
+}
+
+void StorageLatency::countFailedIo(u64 latencyNs) {
+    noteIfSlow(m_limitsInForce.judge(latencyNs).isSlow, latencyNs);
+    const unsigned int number = ThreadLane::mine();
+    add(number, m_lanes[number].failed);
+}
+
+void StorageLatency::add(unsigned int lane, Counter& counter) {
+    if (lane < ThreadLane::count) {
+        increment(counter);
+    } else { // many threads' own
+        counter.fetch_add(1, std::memory_order_release);
+    }
+}
+
+// The order of the I/Os in an episode is that in which they take the mutex.
+void StorageLatency::noteIfSlow(bool slow, u64 latencyNs) {
+    if (!slow && !m_episodeIsOpen.load(std::memory_order_relaxed)) {
+        return;
+    }
     const std::lock_guard<std::mutex> lock(m_mutex);
     const u64 nowNs = m_clock();
     m_episodes.completed(slow, nowNs - std::min(latencyNs, nowNs), nowNs);

@@ -50,21 +50,20 @@ public:
     StorageLatency& operator=(const StorageLatency&) = delete;
 
     // Counts an I/O that took so long and completed now.
-    void countIo(u64 latencyNs) {
-        Lane& lane = m_lanes[ThreadLane::mine()];
-        const std::size_t latencyClass = classify(latencyNs);
-        if (latencyNs > lane.longestNs.load(std::memory_order_relaxed)) {
-            raise(lane.longestNs, latencyNs);
+    __attribute__((always_inline)) void countIo(u64 latencyNs) {
+        const LimitsInForce::Verdict verdict = m_limitsInForce.judge(latencyNs);
+        const unsigned int number = ThreadLane::known();
+        if (__builtin_expect(
+                number == ThreadLane::count || needsCare(verdict.isSlow, latencyNs, number), 0)) {
+            countWithCare(latencyNs);
+            return;
         }
-        add(lane, lane.histogram[LatencyBuckets::of(latencyNs)]);
-        add(lane, lane.classes[latencyClass]);
+        Lane& lane = m_lanes[number];
+        increment(lane.histogram[LatencyBuckets::of(latencyNs)]);
+        increment(lane.classes[verdict.latencyClass]);
     }
     // The same for an I/O that failed: it is in no class and no percentile.
-    void countFailedIo(u64 latencyNs) {
-        classify(latencyNs);
-        Lane& lane = m_lanes[ThreadLane::mine()];
-        add(lane, lane.failed);
-    }
+    void countFailedIo(u64 latencyNs);
 
     // Ends the counting period and starts the next one under the limits of the source.
     StoragePeriod closePeriod();
@@ -95,27 +94,22 @@ private:
         LatencyHistogram histogram{};
     };
 
-    // The class of a latency. Notes the I/O if it is slow or an episode is open.
-    std::size_t classify(u64 latencyNs) {
-        const LimitsInForce::Verdict verdict = m_limitsInForce.judge(latencyNs);
-        if (__builtin_expect(verdict.isSlow || m_episodeIsOpen.load(std::memory_order_relaxed),
-                             0)) {
-            noteEpisode(verdict.isSlow, latencyNs);
-        }
-        return verdict.latencyClass;
+    // Whether more than two additions are due.
+    bool needsCare(bool slow, u64 latencyNs, unsigned int lane) const {
+        return slow || m_episodeIsOpen.load(std::memory_order_relaxed) ||
+               latencyNs > m_lanes[lane].longestNs.load(std::memory_order_relaxed);
     }
 
-    // Released, so that a reading that sees the last of a recording's additions sees all of them.
-    void add(Lane& lane, Counter& counter) {
-        if (&lane != &m_lanes.back()) { // this thread alone writes it
-            counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_release);
-        } else {
-            counter.fetch_add(1, std::memory_order_release);
-        }
+    // Of a counter that this thread alone writes. Released, so that a reading that sees the last of
+    // a recording's additions sees all of them.
+    static void increment(Counter& counter) {
+        counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     }
 
+    void countWithCare(u64 latencyNs);
+    void add(unsigned int lane, Counter& counter);
+    void noteIfSlow(bool slow, u64 latencyNs);
     static void raise(std::atomic<u64>& longest, u64 latencyNs);
-    void noteEpisode(bool slow, u64 latencyNs);
     void readEpisodes(StoragePeriod& period, u64 nowNs);
     void readClasses(StoragePeriod& period);
     void readPercentiles(StoragePeriod& period);

@@ -20,6 +20,9 @@ public:
         return m_mine;
     }
 
+    // The same for a thread that has asked before; `count` for one that has not.
+    static unsigned int known() { return m_mine < count ? m_mine : count; }
+
 private:
     static constexpr unsigned int unasked = count + 1;
 

@@ -13,6 +13,9 @@
 // thread at a time.
 class FakeOutbox final : public IParcelOutbox {
 public:
+    // Whatever sequence the host's interface answers.
+    using Parcels = decltype(std::declval<IParcelOutbox&>().popParcels(KEL_ANALYTICS));
+
     struct Push {
         IParcel* parcel;
         ParcelType type;
@@ -52,8 +55,8 @@ public:
         m_held.pop_front();
         return oldest;
     }
-    std::vector<IParcel*> popParcels(ParcelType /*type*/) override {
-        std::vector<IParcel*> all(m_held.begin(), m_held.end());
+    Parcels popParcels(ParcelType /*type*/) override {
+        Parcels all(m_held.begin(), m_held.end());
         m_held.clear();
         return all;
     }

@@ -8,6 +8,9 @@
 
 // A timer service whose time stands still until the test moves it. Callbacks run inside
 // advanceTo(), on the test's thread. One thread at a time.
+//
+// The three time stamps tell one time in their units. Every other clock is ahead of it by a time of
+// its own, so that asking the wrong one shows.
 class FakeTimer final : public ITimer {
 public:
     struct Expiry {
@@ -44,20 +47,24 @@ public:
     u64 getTimestampNano() override { return m_nowMs * 1'000'000; }
     u64 getTimestampMicro() override { return m_nowMs * 1'000; }
     u64 getTimestampMs() override { return m_nowMs; }
-    u64 getClockMs() override { return m_nowMs; }
-    u64 getLastTimestampMs_Inaccurate(bool /*refresh*/) override { return m_nowMs; }
+    u64 getClockMs() override { return m_nowMs + daysToMs(1); }
+    u64 getLastTimestampMs_Inaccurate(bool /*refresh*/) override { return m_nowMs + daysToMs(2); }
     void addTimer(Callback callback, Cookie cookie, u32 delayMs, bool once) override {
         m_armed.push_back({callback, cookie, delayMs, once, m_nowMs + delayMs});
         m_pending.push_back(m_armed.back());
     }
-    u64 getCurentThreadTickCount() override { return 0; }
-    u64 getCurentProcessTickCount() override { return 0; }
+    u64 getCurentThreadTickCount() override { return ticksNs(3); }
+    u64 getCurentProcessTickCount() override { return ticksNs(4); }
     void setRealClockTime(u64 realTimeMs) override { m_realTimeAheadMs = realTimeMs - m_nowMs; }
     u64 getRealTimestampMs() override { return m_nowMs + m_realTimeAheadMs; }
-    u64 getJiffies() override { return m_nowMs * JIFFIES_PER_SEC / OneSecondInMs; }
+    u64 getJiffies() override {
+        return (m_nowMs + daysToMs(5)) * ITimer::JIFFIES_PER_SEC / OneSecondInMs;
+    }
     bool utcStringToTm(const std::string& /*text*/, tm& /*result*/) override { return false; }
 
 private:
+    u64 ticksNs(u64 daysAhead) const { return (m_nowMs + daysToMs(daysAhead)) * 1'000'000; }
+
     std::vector<Expiry>::iterator earliest() {
         const auto isDueEarlier = [](const Expiry& left, const Expiry& right) {
             return left.dueMs < right.dueMs;
@@ -66,7 +73,7 @@ private:
     }
 
     u64 m_nowMs = 0;
-    u64 m_realTimeAheadMs = 0;
+    u64 m_realTimeAheadMs = daysToMs(6);
     std::vector<Expiry> m_armed;
     std::vector<Expiry> m_pending;
 };

@@ -1,0 +1,60 @@
+#include "host/services/StorageSetGenerator.h"
+
+#include "common/Analytics/FixedFrequencySchedulingPolicy.h"
+#include "common/infra/DynamicTweaks.h"
+#include "common/infra/Singleton.h"
+#include "common/infra/TrackedAllocation.h"
+#include "common/infra/Tweaks.h"
+#include "host/services/StorageEntries.h"
+
+#include <array>
+#include <cstddef>
+
+namespace {
+
+constexpr unsigned int defaultIntervalSecs = 86400;
+constexpr std::array<const char*, 5> classKeys = {"cm1", "cm2", "cm3", "cm4", "cm5"};
+
+const char* comparisonKey(u32 ofPeriod, u32 live) {
+    if (ofPeriod < live) {
+        return "lt";
+    }
+    return ofPeriod == live ? "eq" : "gt";
+}
+
+// What the process's own report says of its counters.
+void addCounters(AnalyticsParcel& parcel, const StorageAnalyticsCounters& counters,
+                 u32 liveThreshold) {
+    parcel.addText("Latency Threshold", std::to_string(counters.latencyThreshold));
+    parcel.addText(comparisonKey(counters.latencyThreshold, liveThreshold),
+                   std::to_string(liveThreshold));
+    parcel.setValue(counters.avrHighStorageLatencyDuration);
+    for (std::size_t i = 0; i < classKeys.size(); ++i) {
+        parcel.addEntry(classKeys[i], counters.storageLatency[i]);
+    }
+    parcel.addEntry("cm6", counters.maxHighStorageLatencyDuration);
+}
+
+} // namespace
+
+StorageSetGenerator::StorageSetGenerator(const std::string& eventName, const std::string& setName,
+                                         StorageLatency& set)
+    : m_eventName(eventName), m_setName(setName), m_set(set) {}
+
+IAnalyticsSchedulingPolicy* StorageSetGenerator::createPolicy() {
+    const u32 intervalSecs = Singleton<Tweaks, Tweaks>::instance()->uintVal(
+        "t_StorageAnalyticsIntervalSec", DefaultTweakValue<unsigned int>(defaultIntervalSecs));
+    return TRACKED_NEW(FixedFrequencySchedulingPolicy)(intervalSecs);
+}
+
+AnalyticsParcel* StorageSetGenerator::finalizeInternal() {
+    const u32 liveThreshold =
+        Singleton<DynamicTweaks, DynamicTweaks>::instance()->t_StorageAnalyticsLatencyThreshold;
+    const StoragePeriod period = m_set.closePeriod();
+    TrackedPtr<AnalyticsParcel> parcel(createPeriodicAnalyticsParcel(m_eventName, "storage"),
+                                       TRACKED_DELETE);
+    addCounters(*parcel, period.counters, liveThreshold);
+    addStorageEntries(*parcel, period);
+    parcel->addEntry("set", m_setName);
+    return parcel.release();
+}
