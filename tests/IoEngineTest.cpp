@@ -1,29 +1,36 @@
 #include "host/io/IoEngine.h"
 
 #include "common/infra/AIO.h"
+#include "common/infra/DynamicTweaks.h"
+#include "host/services/StorageLatency.h"
 #include "host/testing/Installed.h"
+#include "tests/support/RefuseCall.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <future>
 #include <iterator>
 #include <numeric>
 #include <string>
+#include <system_error>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace {
 
 constexpr u32 block = 4096;
 
-class IoEngineTest : public testing::Test {
+class IoEngineTest : public testing::TestWithParam<IoEngine::Kind> {
 protected:
     struct Io : IoRequest {
         IoEngineTest* test = nullptr;
@@ -78,21 +85,33 @@ protected:
         aio.mabeStorageLatencyAnalytics(counters);
         return std::accumulate(counters.storageLatency, counters.storageLatency + 5, u64{0});
     }
+    void SetUp() override {
+        try {
+            IoEngine::available(GetParam(), 20);
+        } catch (const std::system_error& refused) {
+            GTEST_SKIP() << refused.what();
+        }
+    }
+    void open(int onFile, u32 depth, void* buffers = nullptr, std::size_t bytes = 0) {
+        engine.open({onFile, depth, buffers, bytes, GetParam()});
+    }
     void TearDown() override { engine.close(), std::fclose(scratch); }
 
     std::FILE* const scratch = std::tmpfile();
     const int file = fileno(scratch);
     std::atomic<u64> taken{0};
     std::atomic<u64> completions{0};
+    DynamicTweaks tweaks;
+    Installed<DynamicTweaks, DynamicTweaks> installedTweaks{tweaks};
     AIO aio; // counts this test's I/Os alone
     Installed<AIO, AIO> installedAio{aio};
     IoEngine engine;
 };
 
-TEST_F(IoEngineTest, MovesDataInsideAndOutsideTheRegisteredMemoryAndReportsErrors) {
+TEST_P(IoEngineTest, MovesDataInsideAndOutsideTheRegisteredMemoryAndReportsErrors) {
     std::string registered(block, 'r');
     std::string outside(block, 'o');
-    engine.open({file, 3, registered.data(), block});
+    open(file, 3, registered.data(), block);
     std::vector<Io> ios; // more than the queue is deep, as one batch
     ios.push_back(makeIo(IoRequest::Write, 0, registered.data()));
     ios.push_back(makeIo(IoRequest::Write, 3 * block, outside.data()));
@@ -113,13 +132,13 @@ TEST_F(IoEngineTest, MovesDataInsideAndOutsideTheRegisteredMemoryAndReportsError
     EXPECT_EQ(counted(), 5U);
 }
 
-TEST_F(IoEngineTest, OpensOnceCountsAnIoBeforeItsCompletionIsSeenAndLeavesTheFile) {
-    EXPECT_THROW(engine.open({-1, 1}), std::system_error);
-    EXPECT_THROW(engine.open({file, 1U << 15U}), std::invalid_argument);
+TEST_P(IoEngineTest, OpensOnceCountsAnIoBeforeItsCompletionIsSeenAndLeavesTheFile) {
+    EXPECT_THROW(open(-1, 1), std::system_error);
+    EXPECT_THROW(open(file, 1U << 15U), std::invalid_argument);
     const int locked = ::open(("/proc/self/fd/" + std::to_string(file)).c_str(), O_RDWR);
     ASSERT_EQ(flock(locked, LOCK_EX), 0);
-    engine.open({locked, 8});
-    EXPECT_THROW(engine.open({file, 8}), std::logic_error);
+    open(locked, 8);
+    EXPECT_THROW(open(file, 8), std::logic_error);
     for (u64 round = 1; round <= 200; ++round) {
         ASSERT_TRUE(run());
         ASSERT_EQ(counted(), 1U) << "round " << round;
@@ -130,11 +149,11 @@ TEST_F(IoEngineTest, OpensOnceCountsAnIoBeforeItsCompletionIsSeenAndLeavesTheFil
     EXPECT_EQ(flock(file, LOCK_EX | LOCK_NB), 0) << "the service still holds the file";
 }
 
-TEST_F(IoEngineTest, ClosingWaitsForWhatIsInTheKernelAndWhatIsStillQueued) {
+TEST_P(IoEngineTest, ClosingWaitsForWhatIsInTheKernelAndWhatIsStillQueued) {
     for (const u32 depth : {1U, 2U}) {
         int ends[2];
         ASSERT_EQ(pipe(ends), 0);
-        engine.open({ends[0], depth});
+        open(ends[0], depth);
         char buffer[2][block];
         Io ios[] = {makeIo(IoRequest::Read, 0, buffer[0]), makeIo(IoRequest::Read, 0, buffer[1])};
         ASSERT_TRUE(submit(ios[0]) && submit(ios[1]));
@@ -150,7 +169,7 @@ TEST_F(IoEngineTest, ClosingWaitsForWhatIsInTheKernelAndWhatIsStillQueued) {
     }
 }
 
-TEST_F(IoEngineTest, WhatManyThreadsSubmitWhileTheServiceOpensAndClosesCompletes) {
+TEST_P(IoEngineTest, WhatManyThreadsSubmitWhileTheServiceOpensAndClosesCompletes) {
     std::atomic<bool> over{false};
     std::vector<std::thread> threads;
     for (const u32 resubmits : {0, 0, 0, 1, 1, 2}) {
@@ -163,7 +182,7 @@ TEST_F(IoEngineTest, WhatManyThreadsSubmitWhileTheServiceOpensAndClosesCompletes
     for (int round = 0; round < 600; ++round) {
         if (round % 20 == 0) {
             engine.close();
-            engine.open({file, round % 40 == 0 ? 2U : 20U});
+            open(file, round % 40 == 0 ? 2U : 20U);
         }
         EXPECT_TRUE(run() && runMany());
     }
@@ -172,5 +191,100 @@ TEST_F(IoEngineTest, WhatManyThreadsSubmitWhileTheServiceOpensAndClosesCompletes
     EXPECT_EQ(completions, taken);
     EXPECT_EQ(counted(), taken);
 }
+
+TEST_P(IoEngineTest, AStallShowsWhileItLastsAndNoLonger) {
+    tweaks.t_StorageAnalyticsLatencyThreshold = 1'000;
+    counted(); // the limits are those of the next period
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    open(ends[0], 2);
+    EXPECT_EQ(engine.kind(), GetParam());
+    char buffer[2][block];
+    Io ios[] = {makeIo(IoRequest::Read, 0, buffer[0]), makeIo(IoRequest::Read, 0, buffer[1])};
+    ASSERT_TRUE(submit(ios[0]) && submit(ios[1]));
+    const auto awaitEpisode = [this] {
+        while (aio.latency().closePeriod().episodes == 0) { // none is slow yet
+            std::this_thread::yield();
+        }
+    };
+    awaitEpisode();
+    EXPECT_EQ(write(ends[1], "x", 1), 1);
+    while (completions == 0) {
+        std::this_thread::yield();
+    }
+    aio.latency().closePeriod(); // has what has completed, and the next one has the other I/O
+    awaitEpisode();
+    ::close(ends[1]);
+    engine.close();
+    aio.latency().closePeriod();
+    EXPECT_EQ(aio.latency().closePeriod().episodes, 0U);
+    ::close(ends[0]);
+}
+
+TEST_P(IoEngineTest, AnIoThatFailsOrMovesLessIsReportedAsTheKernelAnswersIt) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    std::string buffer(block, ' ');
+    // io_uring waits for data all the same.
+    const auto [there, answer] =
+        GetParam() == IoEngine::Kind::Threads ? std::pair(0, -EAGAIN) : std::pair(1, 1);
+    for (const auto& [descriptor, operation, sent, expected] :
+         {std::tuple(ends[0], IoRequest::Read, there, answer),
+          {ends[0], IoRequest::Read, 3, 3},
+          {file, IoRequest::Read, 0, 0},
+          {ends[0], IoRequest::Write, 0, -EBADF}}) {
+        open(descriptor, 1);
+        ASSERT_EQ(write(ends[1], "abc", sent), sent);
+        Io io = makeIo(operation, 0, buffer.data());
+        ASSERT_TRUE(submit(io));
+        EXPECT_EQ(io.result.get(), expected);
+        engine.close();
+        EXPECT_EQ(aio.latency().closePeriod().failedIos, expected < 0 ? 1U : 0U) << expected;
+    }
+    ::close(ends[0]), ::close(ends[1]);
+}
+
+TEST_P(IoEngineTest, OneAtATimeTheOrderIsThatOfSubmission) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    open(ends[0], 1);
+    char buffer[10] = {};
+    std::vector<Io> ios;
+    std::vector<IoRequest*> batch;
+    ios.reserve(10);
+    for (char& each : buffer) {
+        ios.push_back(makeIo(IoRequest::Read, 0, &each));
+        ios.back().length = 1;
+        batch.push_back(&ios.back());
+    }
+    ASSERT_EQ(engine.submit(batch.data(), batch.size()), RC_SUCCESS);
+    ASSERT_EQ(write(ends[1], "0123456789", 10), 10);
+    engine.close();
+    EXPECT_EQ(std::string(buffer, 10), "0123456789");
+    ::close(ends[0]), ::close(ends[1]);
+}
+
+TEST_P(IoEngineTest, WhatIsRefusedOnlyAtTheOpeningIsReplacedByThreadsOrThrown) {
+    std::thread([this] { // and no other thread is refused anything
+        ASSERT_TRUE(refuseCall(SYS_io_uring_setup, EPERM));
+        if (GetParam() == IoEngine::Kind::IoUring) {
+            EXPECT_THROW(open(file, 1), std::system_error);
+        }
+        engine.open({file, 1});
+    })
+        .join();
+    EXPECT_EQ(engine.kind(), IoEngine::Kind::Threads);
+    EXPECT_TRUE(run());
+    engine.close();
+    open(file, 1);
+    EXPECT_EQ(engine.kind(), GetParam());
+    EXPECT_TRUE(run());
+}
+
+INSTANTIATE_TEST_SUITE_P(, IoEngineTest,
+                         testing::Values(IoEngine::Kind::IoUring, IoEngine::Kind::Threads),
+                         [](const auto& kind) {
+                             return kind.param == IoEngine::Kind::IoUring ? "IoUring" : "Threads";
+                         });
 
 } // namespace

@@ -2,14 +2,19 @@
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <tuple>
 #include <utility>
 
 namespace {
@@ -19,6 +24,14 @@ using nlohmann::json;
 // The classes and their bounds in microseconds, slowest first.
 const std::vector<std::pair<const char*, u64>> classes = {
     {"cm5", ~u64{0}}, {"cm4", 100'000}, {"cm3", 20'000}, {"cm2", 5'000}, {"cm1", 1'000}};
+
+// What the programs have taken that have ended.
+long processorMs() {
+    rusage used{};
+    getrusage(RUSAGE_CHILDREN, &used);
+    return (used.ru_utime.tv_sec + used.ru_stime.tv_sec) * 1'000 +
+           (used.ru_utime.tv_usec + used.ru_stime.tv_usec) / 1'000;
+}
 
 class ProgramTest : public testing::Test {
 protected:
@@ -40,7 +53,10 @@ protected:
             return sum;
         }
         // What the data path says that it made: "analytics-host: 1234 I/Os (...".
-        u64 completedIos() const { return std::stoull(errors.substr(errors.find(' '))); }
+        u64 completedIos() const {
+            const std::string name = "analytics-host: ";
+            return std::stoull(errors.substr(errors.find(name) + name.size()));
+        }
     };
 
     void SetUp() override {
@@ -97,11 +113,53 @@ TEST_F(ProgramTest, EveryIoIsInOneReportAndTheMaximaComeLast) {
     EXPECT_EQ(outcome.last["u64Entries"]["deepestQueue"], 5);
 }
 
+TEST_F(ProgramTest, WhereIoUringIsRefusedThreadsServeAndOneLineSaysWhy) {
+    for (const auto& [error, message, remedy] :
+         {std::tuple(EPERM, "Operation not permitted", "kernel.io_uring_disabled=0"),
+          {ENOSYS, "Function not implemented", "a kernel that has it"},
+          {ENOMEM, "Cannot allocate memory", "ulimit -l"}}) {
+        const auto refused = [code = error](const std::string& around) {
+            return std::string(REFUSE) + " " + std::to_string(SYS_io_uring_setup) + " " +
+                   std::to_string(code) + " " + around;
+        };
+        const Outcome outcome = run(onDisk + "--reports 1 --rate 0", refused("$run >out"));
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
+        const std::size_t lineEnd = outcome.errors.find('\n');
+        const std::string line = outcome.errors.substr(0, lineEnd);
+        EXPECT_NE(line.find("threads make the I/Os: io_uring is refused"), std::string::npos);
+        EXPECT_NE(line.find(message), std::string::npos) << line;
+        EXPECT_NE(line.find(remedy), std::string::npos) << line;
+        EXPECT_EQ(outcome.errors.find("analytics-host: "), lineEnd + 1) << outcome.errors;
+        EXPECT_EQ(outcome.countedIos(), outcome.completedIos());
+
+        // A file as large as this one would be refused, had it come to that.
+        const Outcome strict =
+            run("--path disk --io-engine io_uring --size 4000000G", refused("$run >out"));
+        EXPECT_EQ(strict.exitCode, 1);
+        EXPECT_NE(strict.errors.find(message), std::string::npos) << strict.errors;
+        EXPECT_EQ(std::count(strict.errors.begin(), strict.errors.end(), '\n'), 1);
+    }
+}
+
+TEST_F(ProgramTest, AKernelThatStaysShortOfResourcesIsNotAskedWithoutPause) {
+    const std::string shortage =
+        " " + std::to_string(SYS_io_uring_enter) + " " + std::to_string(EAGAIN) + " ";
+    const long before = processorMs();
+    const Outcome outcome = run(onDisk + "--rate 0 --io-engine io_uring",
+                                "timeout --foreground -s KILL 2 " REFUSE + shortage + "$run >out");
+    if (outcome.errors.find("io_uring is refused") != std::string::npos) {
+        GTEST_SKIP() << outcome.errors;
+    }
+    EXPECT_EQ(outcome.exitCode, 128 + SIGKILL) << outcome.errors;
+    EXPECT_LT(processorMs() - before, 400);
+}
+
 TEST_F(ProgramTest, AnInterruptionClosesAndReportsTheRunningPeriod) {
     for (const char* signal : {"INT", "TERM"}) {
-        const Outcome outcome = run(onDisk + "--max-ios 100 --rate 1000",
-                                    "mkfifo pipe$$ && { env --default-signal=INT $run >pipe$$ & } && { head -n 1; kill -" +
-                                        std::string(signal) + " $!; cat; } <pipe$$ >out; wait $!");
+        const Outcome outcome = run(
+            onDisk + "--max-ios 100 --rate 1000",
+            "mkfifo pipe$$ && { env --default-signal=INT $run >pipe$$ & } && { head -n 1; kill -" +
+                std::string(signal) + " $!; cat; } <pipe$$ >out; wait $!");
         EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
         EXPECT_GE(outcome.reports.size(), 2U);
         EXPECT_EQ(outcome.countedIos(), 100U);
@@ -139,8 +197,9 @@ TEST_F(ProgramTest, WhatCannotBeDoneIsSaidInOneLine) {
     for (const std::string row :
          {"2 --nonsense|--nonsense", "2 --intreval 5|did you mean '--interval'",
           "2 --interval 0|a whole number from 1 to 4294967",
-          "2 --format xml|'xml' is not one of jsonl, text", "2 --block-size 1000|multiple of 512",
-          "2 --size 4K --block-size 8K|at least one block",
+          "2 --format xml|'xml' is not one of jsonl, text",
+          "2 --io-engine x|'x' is not one of auto, io_uring, threads",
+          "2 --block-size 1000|multiple of 512", "2 --size 4K --block-size 8K|at least one block",
           "2 --days mon,xyz --hour 5|'xyz' is no day; expected", "2 --days , --hour 5|'' is no day",
           "2 --days mon --hour 24|from 0 to 23", "2 --days mon --hour 5 --interval 5|--interval",
           "1 --path /proc/none|in '/proc/none': No such file",

@@ -3,8 +3,11 @@
 #include "common/infra/Defs.h"
 #include "common/infra/Export.h"
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
+
+class IoBackend;
 
 // One I/O. The caller owns it and its buffer, and keeps both alive and unchanged from submit()
 // until `completed` is called; then it may be used again, also from inside `completed`.
@@ -14,8 +17,9 @@ struct IoRequest {
         Write,
         NoOp // goes the whole way but touches no storage
     };
-    // Called on the engine's thread. `result` is the number of bytes moved, or a negative errno.
-    // Must not throw and should be short: completions behind it wait.
+    // Called on a thread of the engine, for one request at a time. `result` is the number of bytes
+    // moved, which may be fewer than `length`, or a negative errno; nothing is tried again. Must
+    // not throw and should be short: completions behind it wait.
     using Completed = void (*)(IoRequest& request, int result);
 
     Operation operation = Read;
@@ -26,43 +30,68 @@ struct IoRequest {
     u64 latencyNs = 0; // written by the engine before it calls `completed`
 
 private:
-    friend class IoEngine;
+    friend class IoBackend;
+    friend class IoQueue;
+    IoRequest* m_previous = nullptr;
     IoRequest* m_next = nullptr;
     u64 m_handedOverNs = 0;
 };
 
 // Makes asynchronous reads and writes of one file and counts them in the process's AIO service,
-// from the hand-over to the kernel until the completion is seen.
+// from the hand-over to the kernel until the completion is seen. The oldest I/O in flight is known
+// there too, so that a stall shows while it lasts.
 //
 //     engine.open({fd, 32});
-//     engine.submit(request); // any thread; `completed` is called on the engine's own
+//     engine.submit(request); // any thread; `completed` is called on one of the engine's
 //     engine.close();         // waits for what was submitted
 class IoEngine {
 public:
-    struct Options {
-        int file = -1;           // open file descriptor; stays the caller's
-        u32 queueDepth = 1;      // I/Os in the kernel at a time; more of them wait in order
-        void* buffers = nullptr; // memory that holds the requests' buffers, to be registered with
-        std::size_t bufferBytes = 0; // the kernel; null: none
+    // How the I/Os reach the kernel.
+    enum class Kind {
+        Automatic, // io_uring, or threads where it is refused
+        IoUring,
+        Threads // that make one I/O at a time, up to 64 of them
     };
+    struct Options {
+        int file = -1;               // open file descriptor; stays the caller's
+        u32 queueDepth = 1;          // I/Os in the kernel at a time; more of them wait in order
+        void* buffers = nullptr;     // memory that holds the requests' buffers, for io_uring to
+        std::size_t bufferBytes = 0; // register with the kernel; null: none
+        Kind kind = Kind::Automatic;
+    };
+
+    // What open() can be asked for here, found out by setting io_uring up for a moment. Where
+    // io_uring is refused: Threads in place of Automatic, and one line of the log tells the reason
+    // and the remedy. Otherwise what was asked for. Throws as open() does.
+    static Kind available(Kind kind, u32 queueDepth);
 
     IoEngine();
     ~IoEngine(); // closes
     IoEngine(const IoEngine&) = delete;
     IoEngine& operator=(const IoEngine&) = delete;
 
-    // Starts the engine's thread. Throws std::system_error if the kernel refuses, std::logic_error
-    // if the engine is open or the queue depth is not 1 to 32767.
+    // Starts the engine's threads. Throws std::system_error if the kernel refuses: io_uring where
+    // that was asked for, the file, or a thread. Throws std::logic_error if the engine is open or
+    // the queue depth is not 1 to 32767.
     void open(const Options& options);
     // Submits I/Os, many in one batch. RC_WRONG_OBJECT_STATE, with nothing taken, unless open. Any
     // thread, also from inside a completion.
     RcStatus submit(IoRequest& request);
     RcStatus submit(IoRequest* const* requests, std::size_t count);
-    // Refuses further I/Os, waits for those that were submitted, ends the thread. Not from inside a
-    // completion.
+    // Refuses further I/Os, waits for those that were submitted, ends the threads. Not from inside
+    // a completion.
     void close();
 
+    // What is in use; Automatic unless open. Of the thread that opens and closes.
+    Kind kind() const;
+
 private:
-    struct Impl;
-    std::unique_ptr<Impl> m_impl;
+    void openAutomatic(const Options& options);
+    void openAs(Kind kind, const Options& options);
+
+    // Kept until the end, also when closed: a submit() may be late.
+    std::unique_ptr<IoBackend> m_ring;
+    std::unique_ptr<IoBackend> m_pool;
+    Kind m_kind = Kind::Automatic;
+    std::atomic<IoBackend*> m_open{nullptr}; // one of the two
 };

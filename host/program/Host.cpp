@@ -24,10 +24,16 @@ T& ownService() {
     return static_cast<T&>(*Singleton<I, T>::instance());
 }
 
-LoadGenerator::Options loadOptions(const Options& options, const ScratchFile& file) {
-    return {file.descriptor(),  options.size,        static_cast<u32>(options.blockSize),
-            options.queueDepth, options.readPercent, options.rate,
-            options.maxIos};
+LoadGenerator::Options loadOptions(const Options& options, const ScratchFile& file,
+                                   IoEngine::Kind ioEngine) {
+    return {file.descriptor(),
+            options.size,
+            static_cast<u32>(options.blockSize),
+            options.queueDepth,
+            options.readPercent,
+            options.rate,
+            options.maxIos,
+            ioEngine};
 }
 
 // The program's own event: the maxima that the load generator kept.
@@ -50,8 +56,9 @@ Host::Host(const Options& options)
       m_outbox(ownService<IParcelOutbox, ParcelOutbox>()),
       m_output(options.outputFile),
       m_tweaksFile(loadTweaks(options)),
+      m_ioEngine(IoEngine::available(options.ioEngine, options.queueDepth)),
       m_scratchFile(options.path, options.size / options.blockSize * options.blockSize),
-      m_loadGenerator(loadOptions(options, m_scratchFile)) {}
+      m_loadGenerator(loadOptions(options, m_scratchFile, m_ioEngine)) {}
 
 Host::~Host() {
     // Its callbacks hold the scheduler's address.

@@ -47,6 +47,7 @@ private:
 
     OutputFile m_output;
     std::unique_ptr<TweaksFile> m_tweaksFile;
+    const IoEngine::Kind m_ioEngine; // found out before the scratch file is filled
     ScratchFile m_scratchFile;
     StopRequest m_stopRequest;
     LoadGenerator m_loadGenerator;

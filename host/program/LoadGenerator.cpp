@@ -46,7 +46,8 @@ LoadGenerator::~LoadGenerator() {
 
 void LoadGenerator::start() {
     const std::lock_guard<std::mutex> oneAtATime(m_lifeMutex);
-    m_engine.open({m_options.file, m_options.queueDepth, m_buffers.data(), m_buffers.size()});
+    m_engine.open({m_options.file, m_options.queueDepth, m_buffers.data(), m_buffers.size(),
+                   m_options.ioEngine});
     if (m_options.rate != 0) {
         m_pacer = std::thread(&LoadGenerator::pace, this);
     } else {

@@ -25,6 +25,7 @@ public:
         u32 readPercent;
         u32 rate; // I/Os per second; 0: the next one as soon as one has completed
         std::optional<u64> maxIos;
+        IoEngine::Kind ioEngine;
     };
     struct Counts {
         u64 reads = 0; // completed, the failed ones included

@@ -29,6 +29,10 @@ constexpr u64 noLimit = std::numeric_limits<u64>::max();
 const std::map<std::string, ParcelFormat> formats = {{"text", ParcelFormat::Text},
                                                      {"jsonl", ParcelFormat::JsonLines}};
 
+const std::map<std::string, IoEngine::Kind> ioEngines = {{"auto", IoEngine::Kind::Automatic},
+                                                         {"io_uring", IoEngine::Kind::IoUring},
+                                                         {"threads", IoEngine::Kind::Threads}};
+
 const std::map<std::string, LogLevel> logLevels = {
     {"assert", AssertLevel}, {"fatal", FatalLevel}, {"error", ErrorLevel}, {"warn", WarnLevel},
     {"info", InfoLevel},     {"debug", DebugLevel}, {"ctr", CtrLevel}};
@@ -168,6 +172,9 @@ void addLoadOptions(CLI::App& app, Options& options) {
                    "I/Os in flight at the most, 1 to 4096 (default 8)")
         ->check(wholeNumber(1, maxQueueDepth))
         ->option_text("N");
+    addChoice(app, "--io-engine", options.ioEngine, ioEngines,
+              "What makes the I/Os: io_uring, threads, or auto:\n"
+              "threads where io_uring is refused (default auto)");
     app.add_option("--read-percent", options.readPercent, "Share of reads, in percent (default 70)")
         ->check(wholeNumber(0, 100))
         ->option_text("PERCENT");

@@ -4,6 +4,7 @@
 #include "common/infra/Defs.h"
 #include "common/infra/Log.h"
 #include "host/forwarding/ParcelFormat.h"
+#include "host/io/IoEngine.h"
 
 #include <optional>
 #include <string>
@@ -27,6 +28,7 @@ struct Options {
     std::string tweaksFile;    // empty: none
     u64 size = u64{64} << 20U; // bytes of the scratch file
     u64 blockSize = 4096;      // bytes of an I/O
+    IoEngine::Kind ioEngine = IoEngine::Kind::Automatic;
     u32 queueDepth = 8;
     u32 readPercent = 70;
     u32 rate = 200;            // I/Os per second; 0: as fast as it goes

@@ -1,0 +1,45 @@
+#pragma once
+
+#include "common/infra/AIO.h"
+#include "host/io/IoEngine.h"
+#include "host/io/IoQueue.h"
+
+#include <cstddef>
+#include <memory>
+#include <system_error>
+
+// One way for an IoEngine's requests to reach the kernel. The engine has checked the options and
+// opens it only when it is closed; otherwise each operation is the engine's.
+class IoBackend {
+public:
+    IoBackend() = default;
+    virtual ~IoBackend() = default; // must be closed by then
+    IoBackend(const IoBackend&) = delete;
+    IoBackend& operator=(const IoBackend&) = delete;
+
+    virtual void open(const IoEngine::Options& options) = 0;
+    virtual RcStatus submit(IoQueue& requests) = 0;
+    virtual void close() = 0;
+
+protected:
+    static void start(IoRequest& request, u64 nowNs) { request.m_handedOverNs = nowNs; }
+    static u64 startNs(const IoRequest& request) { return request.m_handedOverNs; }
+
+    static void count(AIO& aio, IoRequest& request, int result, u64 nowNs) {
+        request.latencyNs = nowNs - request.m_handedOverNs;
+        result < 0 ? aio.countFailedIo(request.latencyNs) : aio.countIo(request.latencyNs);
+    }
+};
+
+// io_uring cannot be had here; says why, and what would allow it.
+class IoUringRefused : public std::system_error {
+public:
+    using std::system_error::system_error;
+};
+
+// Throws IoUringRefused if a ring so deep cannot be had.
+void probeIoUring(u32 queueDepth);
+
+// The first throws IoUringRefused at open().
+std::unique_ptr<IoBackend> makeRingBackend();
+std::unique_ptr<IoBackend> makePoolBackend();

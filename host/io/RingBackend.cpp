@@ -1,0 +1,476 @@
+#include "common/infra/Log.h"
+#include "common/infra/Singleton.h"
+#include "host/io/IoBackend.h"
+#include "host/services/Clock.h"
+
+#include <liburing.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <future>
+#include <iterator>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+namespace {
+
+// I/Os that one system call hands over. Storage that is given its whole queue in one go answers it
+// in one go, and idles until the next: in parts, it works on the first while the next is prepared.
+constexpr std::size_t batchSize = 8;
+
+// How long to leave a kernel alone that is short of resources: at first, and at the most.
+constexpr int shortestWaitMs = 1;
+constexpr int longestWaitMs = 100;
+
+// The request behind a completion; null for the listening one.
+IoRequest* requestOf(const io_uring_cqe& completion) {
+    return static_cast<IoRequest*>(io_uring_cqe_get_data(&completion));
+}
+
+[[noreturn]] void throwErrno(int error, const char* what) {
+    throw std::system_error(error, std::generic_category(), what);
+}
+
+std::string messageOf(int error) {
+    return std::generic_category().message(error);
+}
+
+// What would let io_uring be had where it was refused.
+const char* remedyOf(int error) {
+    switch (error) {
+    case ENOMEM:
+        return "a higher 'ulimit -l' or a shallower queue allows it";
+    case ENOSYS:
+        return "a kernel that has it, and a seccomp profile that admits io_uring_setup, "
+               "io_uring_enter and io_uring_register allow it";
+    default:
+        return "'sysctl kernel.io_uring_disabled=0' and a seccomp profile that admits "
+               "io_uring_setup, io_uring_enter and io_uring_register allow it";
+    }
+}
+
+[[noreturn]] void throwRefusal(int error, const char* call) {
+    constexpr int refusals[] = {EPERM, EACCES, ENOSYS, ENOMEM};
+    if (std::find(std::begin(refusals), std::end(refusals), error) == std::end(refusals)) {
+        throwErrno(error, call);
+    }
+    throw IoUringRefused(error, std::generic_category(),
+                         "io_uring is refused (" + std::string(remedyOf(error)) + "): " + call);
+}
+
+// What may pass by itself.
+bool isShortage(int result) {
+    return result == -EAGAIN || result == -EBUSY;
+}
+
+// Whether the kernel had the resources for what was handed over to it.
+bool isTaken(int result) {
+    if (result >= 0 || result == -EINTR) {
+        return true;
+    }
+    if (isShortage(result)) {
+        return false;
+    }
+    // The ring itself is broken, and with it every buffer that the kernel may still write to.
+    LogItem(LogModuleCommon, FatalLevel, __PRETTY_FUNCTION__, 3)
+        << "io_uring failed: " << messageOf(-result) << std::endl;
+    std::abort();
+}
+
+void setUpRing(io_uring& ring, u32 queueDepth) {
+    // The best that the running kernel offers: 6.1 has the first, 5.19 the second.
+    constexpr unsigned flavours[] = {IORING_SETUP_SINGLE_ISSUER | IORING_SETUP_DEFER_TASKRUN,
+                                     IORING_SETUP_COOP_TASKRUN, 0};
+    const unsigned entries = queueDepth + 1; // one for listening
+    int error = 0;
+    for (const unsigned flags : flavours) {
+        error = -io_uring_queue_init(entries, &ring, flags);
+        if (error != EINVAL) {
+            break;
+        }
+    }
+    if (error != 0) {
+        throwRefusal(error, "io_uring_setup");
+    }
+}
+
+// The ring of a probe, and what it makes: each system call of the real one.
+int tryRing(io_uring& ring) {
+    constexpr int none = -1;
+    const int error = io_uring_register_files(&ring, &none, 1);
+    if (error < 0) {
+        return error;
+    }
+    io_uring_prep_nop(io_uring_get_sqe(&ring));
+    return io_uring_submit_and_wait(&ring, 1);
+}
+
+} // namespace
+
+void probeIoUring(u32 queueDepth) {
+    io_uring ring{};
+    setUpRing(ring, queueDepth);
+    const int result = tryRing(ring);
+    io_uring_queue_exit(&ring);
+    if (result < 0 && !isShortage(result)) {
+        throwRefusal(-result, "io_uring_register or io_uring_enter");
+    }
+}
+
+namespace {
+
+// The ring belongs to one thread, which alone submits and reaps: the kernel then does the work of a
+// completion on that thread, when it asks for it, and the system call that hands over the last of a
+// batch also fetches completions. Other threads leave their requests in the inbox and wake the
+// service if it may be asleep.
+class RingBackend : public IoBackend {
+public:
+    RingBackend() = default;
+    ~RingBackend() override {
+        if (m_wakeFd >= 0) {
+            ::close(m_wakeFd);
+        }
+    }
+    RingBackend(const RingBackend&) = delete;
+    RingBackend& operator=(const RingBackend&) = delete;
+
+    void open(const IoEngine::Options& options) override;
+    RcStatus submit(IoQueue& requests) override;
+    void close() override;
+
+private:
+    // The threads that open and close.
+    void makeWakeFd();
+    void requestClose();
+
+    // Any thread.
+    void wake() const;
+
+    // The service's thread.
+    void serve(std::promise<void> opened);
+    void openRing();
+    void closeRing();
+    bool registerBuffers();
+    void takeInbox();
+    std::size_t ready() const;
+    void handOverBatches();
+    void prepareBatch();
+    void prepareIo(IoRequest& request, u64 nowNs);
+    bool isRegistered(const IoRequest& request) const;
+    void listenForWake();
+    void exchangeWithKernel();
+    void awaitResources();
+    void reap();
+    void countAll(const io_uring_cqe* const* completions, unsigned number);
+    void publishOldest();
+    bool isDone() const { return m_closing && m_waiting.empty() && m_taken == 0; }
+
+    // Synchronises itself.
+    std::atomic<bool> m_accepting{false};
+
+    // Made by the first open() and kept: a submit() that saw the service open may wake it only
+    // after a close().
+    int m_wakeFd = -1;
+
+    // Fixed while the service is open.
+    IoEngine::Options m_options;
+    std::thread m_thread;
+
+    // Under the mutex.
+    std::mutex m_mutex;
+    IoQueue m_inbox;
+    bool m_closeRequested = false;
+    bool m_mayBeAsleep = false; // the service has to be woken when something is put into the inbox
+
+    // The service's thread alone.
+    __attribute__((tls_model(
+        "initial-exec"))) inline static thread_local const RingBackend* servedHere = nullptr;
+    io_uring m_ring{};
+    IoQueue m_waiting;
+    IoQueue m_inFlight; // handed over and not counted yet, the oldest first
+    u32 m_taken = 0;    // of the queue depth: handed over and not reported yet
+    std::optional<InFlightIo> m_oldest;
+    int m_patienceMs = shortestWaitMs;
+    u64 m_wakeCount = 0;
+    bool m_buffersRegistered = false;
+    bool m_closing = false;
+};
+
+void RingBackend::open(const IoEngine::Options& options) {
+    makeWakeFd();
+    m_options = options;
+    std::promise<void> opened;
+    std::future<void> result = opened.get_future();
+    m_thread = std::thread(&RingBackend::serve, this, std::move(opened));
+    try {
+        result.get();
+    } catch (...) {
+        m_thread.join();
+        throw;
+    }
+    m_accepting = true;
+}
+
+void RingBackend::close() {
+    requestClose();
+    m_thread.join();
+    m_closeRequested = m_closing = false;
+}
+
+void RingBackend::makeWakeFd() {
+    if (m_wakeFd < 0) {
+        m_wakeFd = eventfd(0, EFD_CLOEXEC);
+    }
+    if (m_wakeFd < 0) {
+        throwErrno(errno, "eventfd");
+    }
+}
+
+void RingBackend::requestClose() {
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_accepting = false;
+        m_closeRequested = true;
+    }
+    wake();
+}
+
+RcStatus RingBackend::submit(IoQueue& requests) {
+    if (servedHere == this) { // from inside a completion: handed over when the completions are done
+        if (!m_accepting) {
+            return RC_WRONG_OBJECT_STATE;
+        }
+        m_waiting.append(requests);
+        return RC_SUCCESS;
+    }
+    bool mustWake = false;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_accepting) {
+            return RC_WRONG_OBJECT_STATE;
+        }
+        mustWake = !requests.empty() && std::exchange(m_mayBeAsleep, false);
+        m_inbox.append(requests);
+    }
+    if (mustWake) {
+        wake();
+    }
+    return RC_SUCCESS;
+}
+
+void RingBackend::wake() const {
+    // Can only fail when the counter is at its top, and then the service is about to wake anyway.
+    eventfd_write(m_wakeFd, 1);
+}
+
+void RingBackend::serve(std::promise<void> opened) {
+    pthread_setname_np(pthread_self(), "aio");
+    try {
+        openRing();
+    } catch (...) {
+        opened.set_exception(std::current_exception());
+        return;
+    }
+    servedHere = this;
+    m_oldest.emplace(Singleton<AIO, AIO>::instance()->latency(), 0);
+    opened.set_value();
+    listenForWake();
+    for (;;) {
+        takeInbox();
+        if (isDone()) {
+            break;
+        }
+        handOverBatches();
+        prepareBatch();
+        exchangeWithKernel();
+        reap();
+    }
+    m_oldest.reset();
+    servedHere = nullptr;
+    closeRing();
+}
+
+void RingBackend::openRing() {
+    setUpRing(m_ring, m_options.queueDepth);
+    const int error = -io_uring_register_files(&m_ring, &m_options.file, 1);
+    if (error != 0) {
+        io_uring_queue_exit(&m_ring);
+        throwRefusal(error, "io_uring_register of the file");
+    }
+    m_buffersRegistered = registerBuffers();
+}
+
+// The kernel takes a ring apart some time after its end. What was registered is the caller's, who
+// may want to unlock the file or to unmount its disk, so that is given back first.
+void RingBackend::closeRing() {
+    io_uring_unregister_files(&m_ring);
+    if (m_buffersRegistered) {
+        io_uring_unregister_buffers(&m_ring);
+    }
+    io_uring_queue_exit(&m_ring);
+}
+
+bool RingBackend::registerBuffers() {
+    if (m_options.buffers == nullptr) {
+        return false;
+    }
+    const iovec memory{m_options.buffers, m_options.bufferBytes};
+    const int error = -io_uring_register_buffers(&m_ring, &memory, 1);
+    if (error != 0) {
+        // Commonly the limit of locked memory. The kernel then maps the buffers for each I/O.
+        LogItem(LogModuleCommon, InfoLevel, __PRETTY_FUNCTION__, 3)
+            << "I/O buffers are not registered: " << messageOf(error)
+            << " bytes=" << m_options.bufferBytes << std::endl;
+    }
+    return error == 0;
+}
+
+// From here on until the next look into the inbox, whoever fills it has to wake the service: it
+// may by then be asleep in the kernel.
+void RingBackend::takeInbox() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_waiting.append(m_inbox);
+    m_closing = m_closeRequested;
+    m_mayBeAsleep = true;
+}
+
+// The I/Os that can be handed over now.
+std::size_t RingBackend::ready() const {
+    return std::min<std::size_t>(m_waiting.size(), m_options.queueDepth - m_taken);
+}
+
+void RingBackend::handOverBatches() {
+    while (ready() >= batchSize) {
+        prepareBatch();
+        // What the kernel has no resources for stays in the ring for the exchange to come.
+        static_cast<void>(isTaken(io_uring_submit(&m_ring)));
+    }
+}
+
+void RingBackend::prepareBatch() {
+    std::size_t left = std::min(ready(), batchSize);
+    if (left == 0) {
+        return;
+    }
+    // One clock reading for the batch: a latency is too long by the time in which the I/Os before
+    // it are prepared, some 20 ns each, and taken by the kernel, up to 1 us each.
+    const u64 nowNs = monotonicNs();
+    for (; left > 0; --left) {
+        IoRequest& request = m_waiting.pop();
+        prepareIo(request, nowNs);
+        m_inFlight.push(request);
+        ++m_taken;
+    }
+    publishOldest();
+}
+
+void RingBackend::prepareIo(IoRequest& request, u64 nowNs) {
+    constexpr int registered = 0; // the index of the only file and of the only memory
+    start(request, nowNs);
+    const bool fixed = isRegistered(request);
+    io_uring_sqe* sqe = io_uring_get_sqe(&m_ring); // there is room: the ring has an entry for each
+    switch (request.operation) {
+    case IoRequest::Read:
+        fixed ? io_uring_prep_read_fixed(sqe, registered, request.buffer, request.length,
+                                         request.offset, registered)
+              : io_uring_prep_read(sqe, registered, request.buffer, request.length, request.offset);
+        sqe->flags |= IOSQE_FIXED_FILE;
+        break;
+    case IoRequest::Write:
+        fixed
+            ? io_uring_prep_write_fixed(sqe, registered, request.buffer, request.length,
+                                        request.offset, registered)
+            : io_uring_prep_write(sqe, registered, request.buffer, request.length, request.offset);
+        sqe->flags |= IOSQE_FIXED_FILE;
+        break;
+    case IoRequest::NoOp:
+        io_uring_prep_nop(sqe);
+        break;
+    }
+    io_uring_sqe_set_data(sqe, &request);
+}
+
+bool RingBackend::isRegistered(const IoRequest& request) const {
+    const auto begin = reinterpret_cast<std::uintptr_t>(m_options.buffers);
+    const auto buffer = reinterpret_cast<std::uintptr_t>(request.buffer);
+    return m_buffersRegistered && buffer >= begin &&
+           buffer + request.length <= begin + m_options.bufferBytes;
+}
+
+void RingBackend::listenForWake() {
+    io_uring_sqe* sqe = io_uring_get_sqe(&m_ring);
+    io_uring_prep_read(sqe, m_wakeFd, &m_wakeCount, sizeof m_wakeCount, 0);
+    io_uring_sqe_set_data(sqe, nullptr);
+}
+
+// Hands over what was prepared and sleeps until something has completed.
+void RingBackend::exchangeWithKernel() {
+    if (isTaken(io_uring_submit_and_wait(&m_ring, 1))) {
+        m_patienceMs = shortestWaitMs;
+    } else {
+        awaitResources();
+    }
+}
+
+// What completes gives resources back. Others may hold them, so it is tried again after a while,
+// too. A kernel that refuses even to deliver what has completed is not asked again at once.
+void RingBackend::awaitResources() {
+    pollfd completion{m_ring.ring_fd, POLLIN, 0};
+    if (poll(&completion, 1, m_patienceMs) > 0 && io_uring_get_events(&m_ring) < 0) {
+        poll(nullptr, 0, m_patienceMs);
+    }
+    m_patienceMs = std::min(2 * m_patienceMs, longestWaitMs);
+}
+
+void RingBackend::publishOldest() {
+    m_oldest->setStart(m_inFlight.empty() ? 0 : startNs(m_inFlight.front()));
+}
+
+void RingBackend::reap() {
+    io_uring_cqe* completions[64];
+    const unsigned count = io_uring_peek_batch_cqe(&m_ring, completions, std::size(completions));
+    countAll(completions, count);
+    for (unsigned i = 0; i < count; ++i) {
+        if (IoRequest* request = requestOf(*completions[i])) {
+            --m_taken;
+            request->completed(*request, completions[i]->res);
+            handOverBatches();
+        } else {
+            listenForWake();
+        }
+    }
+    io_uring_cq_advance(&m_ring, count);
+}
+
+// One clock reading for all that is there: none of it completed later, and a latency is too long at
+// most by the time in which this thread reported the completions before, up to 64 callbacks. And
+// all is counted before any of it is reported: who has seen an I/O complete finds it in the
+// counters.
+void RingBackend::countAll(const io_uring_cqe* const* completions, unsigned number) {
+    AIO& aio = *Singleton<AIO, AIO>::instance();
+    const u64 nowNs = monotonicNs();
+    for (unsigned i = 0; i < number; ++i) {
+        if (IoRequest* request = requestOf(*completions[i])) {
+            count(aio, *request, completions[i]->res, nowNs);
+            m_inFlight.remove(*request);
+        }
+    }
+    publishOldest();
+}
+
+} // namespace
+
+std::unique_ptr<IoBackend> makeRingBackend() {
+    return std::make_unique<RingBackend>();
+}

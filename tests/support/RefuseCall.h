@@ -1,0 +1,22 @@
+#pragma once
+
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+// From here on the kernel answers one system call, given by its number, with this error: to the
+// calling thread, and to the threads and programs that it starts. False if that cannot be had.
+inline bool refuseCall(std::uint32_t call, std::uint32_t error) {
+    std::array<sock_filter, 4> rules{
+        sock_filter{BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
+        sock_filter{BPF_JMP | BPF_JEQ | BPF_K, 0, 1, call},
+        sock_filter{BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | (error & SECCOMP_RET_DATA)},
+        sock_filter{BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW}};
+    const sock_fprog filter{rules.size(), rules.data()};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
