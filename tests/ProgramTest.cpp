@@ -168,6 +168,32 @@ TEST_F(ProgramTest, AnInterruptionClosesAndReportsTheRunningPeriod) {
     }
 }
 
+// The program stops by itself, and its reader does not read.
+TEST_F(ProgramTest, ASignalEndsAProgramThatWaitsForItsReader) {
+    const Outcome outcome = run(
+        onDisk + "--reports 1 --log-level info --log log",
+        "mkfifo pipe && exec 9<>pipe && "
+        "{ dd if=/dev/zero of=pipe bs=65536 count=1 oflag=nonblock 2>dd || true; } && "
+        "{ env --default-signal=INT $run >pipe & } && export pid=$! && "
+        "bash -c 'grep -q -m 2 \"sending analytics\" <(tail --pid=$pid -n +1 -F log 2>log2)' && "
+        "kill -INT $pid; wait $pid");
+    EXPECT_EQ(outcome.exitCode, 130) << outcome.errors;
+}
+
+TEST_F(ProgramTest, AHangUpReopensTheOutput) {
+    const Outcome outcome = run(
+        onDisk + "--reports 3 --log-level info --log log --output reports",
+        "{ $run & } && export pid=$! && "
+        "bash -c 'grep -q -m 1 \"sending analytics\" <(tail --pid=$pid -n +1 -F log 2>log2)' && "
+        "mv reports out && kill -HUP $pid; wait $pid");
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
+    const std::string reopened = read("reports");
+    EXPECT_GE(std::count(reopened.begin(), reopened.end(), '\n'), 2);
+    EXPECT_EQ(std::count(reopened.begin(), reopened.end(), '\n') +
+                  std::count(outcome.output.begin(), outcome.output.end(), '\n'),
+              4);
+}
+
 TEST_F(ProgramTest, ATextReportHoldsEachFigureUnderItsName) {
     const Outcome outcome = run("--path disk --size 1M --interval 1 --reports 1");
     for (const char* part : {"period ", "cm1  fast", "> 100 ms", "p99.9 ", "equals the live one"}) {

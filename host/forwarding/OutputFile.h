@@ -1,24 +1,39 @@
 #pragma once
 
+#include <atomic>
 #include <string>
 #include <string_view>
 
-// Where the reports go: standard output, or a file that is appended to. One thread at a time.
+// Where the reports go: standard output, or a file that is appended to. Used by one thread at a
+// time, but for requestReopen().
 class OutputFile {
 public:
-    // An empty path means standard output. Throws std::runtime_error, with path and reason, if the
-    // file cannot be opened.
+    // An empty path means standard output. A line that a killed process left unfinished in the file
+    // is ended. Throws std::runtime_error, with path and reason, if the file cannot be opened.
     explicit OutputFile(const std::string& path);
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
-    // Writes all of the text at once, unbuffered. Throws std::runtime_error, with path and reason.
+    // Writes all of the text at once, unbuffered; waits where the output is full but non-blocking.
+    // Throws std::runtime_error, with path and reason; a part that was written to a file is then
+    // taken back.
     void write(std::string_view text);
+
+    // The file is opened anew before the next write, for one who has moved it away. It is kept,
+    // and the failure logged, if that fails. Any thread. Standard output stays as it is.
+    void requestReopen() { m_mustReopen = true; }
 
     bool isTerminal() const;
 
 private:
-    std::string m_name;
-    int m_descriptor;
+    void open();
+    void reopen();
+    void endTornLine() const;
+    void takeBack(std::string_view text, std::string_view unwritten) const;
+
+    const std::string m_path;
+    const std::string m_name;
+    int m_descriptor = -1;
+    std::atomic<bool> m_mustReopen{false};
 };

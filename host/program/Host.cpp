@@ -10,10 +10,14 @@
 #include "host/program/ExitCodes.h"
 #include "host/program/LastReport.h"
 #include "host/program/Schedule.h"
+#include "host/services/Clock.h"
 #include "host/services/MemLedger.h"
 #include "host/services/StorageReportFinalizer.h"
 
+#include <unistd.h>
+
 #include <iostream>
+#include <string>
 #include <utility>
 
 namespace {
@@ -55,9 +59,12 @@ Host::Host(const Options& options)
       m_timer(ownService<ITimer, Timer>()),
       m_outbox(ownService<IParcelOutbox, ParcelOutbox>()),
       m_output(options.outputFile),
+      m_stopRequest(options.outputFile.empty() ? std::function<void()>()
+                                               : [this] { m_output.requestReopen(); }),
       m_tweaksFile(loadTweaks(options)),
       m_ioEngine(IoEngine::available(options.ioEngine, options.queueDepth)),
-      m_scratchFile(options.path, options.size / options.blockSize * options.blockSize),
+      m_scratchFile(options.path, options.size / options.blockSize * options.blockSize,
+                    [this](u64 filledBytes) { return showFilling(filledBytes); }),
       m_loadGenerator(loadOptions(options, m_scratchFile, m_ioEngine)) {}
 
 Host::~Host() {
@@ -66,24 +73,50 @@ Host::~Host() {
 }
 
 int Host::run() {
+    if (m_stopRequest.isRequested()) { // before there was anything to report
+        return 128 + m_stopRequest.signal();
+    }
+    m_scratchFile.checkBlockSize(m_options.blockSize);
+    warnOfFolder();
     start();
     m_stopRequest.wait();
     stop();
     return summarize();
 }
 
-void Host::start() {
-    if (!m_scratchFile.isDirect()) {
-        LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
-            << "no direct I/O in '" << m_options.path
-            << "': the latencies are those of the page cache" << std::endl;
+// Tells a terminal how far a file is that takes more than two seconds to fill. False: stop.
+bool Host::showFilling(u64 filledBytes) const {
+    static const u64 startNs = monotonicNs();
+    static u64 shownNs = startNs + nsPerSecond;
+    if (isatty(STDERR_FILENO) == 1 && monotonicNs() - shownNs >= nsPerSecond) {
+        shownNs = monotonicNs();
+        std::cerr << "analytics-host: filling the scratch file, " << (filledBytes >> 20U) << " of "
+                  << (m_options.size >> 20U) << " MiB\r" << std::flush;
     }
+    return !m_stopRequest.isRequested();
+}
+
+void Host::warnOfFolder() const {
+    const char* warning = nullptr;
+    if (m_scratchFile.isInMemory()) {
+        warning = "is on a file system in memory: the latencies are those of no disk";
+    } else if (!m_scratchFile.isDirect()) {
+        warning = "offers no direct I/O: the latencies are those of the page cache";
+    } else {
+        return;
+    }
+    LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
+        << "'" << m_options.path << "' " << warning << std::endl;
+}
+
+void Host::start() {
     m_forwarder = std::make_unique<ParcelForwarder>(m_outbox, m_output, m_options.format,
                                                     [this] { m_stopRequest.request(); });
     if (m_tweaksFile) {
         m_tweaksFile->follow();
     }
     scheduleReports();
+    m_loadStartNs = monotonicNs();
     m_loadGenerator.start();
 }
 
@@ -119,6 +152,7 @@ Host::makeFinalizer(TrackedPtr<IPeriodicAnalyticsParcelFinalizer> finalizer) {
 
 void Host::stop() {
     m_loadGenerator.stop();
+    m_loadEndNs = monotonicNs();
     m_timer.stop();
     if (!m_lastReportMade) {
         m_scheduler->handleReachedTimeout(); // the running period; what it arms is dropped
@@ -135,10 +169,24 @@ int Host::summarize() const {
     const MemReport memory = MemLedger::report();
     std::cerr << "analytics-host: " << ios.completed() << " I/Os (" << ios.reads << " reads, "
               << ios.writes << " writes, " << ios.failed << " failed), " << m_forwarded.written
-              << " parcels written, " << lost << " lost" << std::endl;
+              << " parcels written, " << lost << " lost" << rateShortfall(ios) << std::endl;
     if (memory.liveBlocks != 0 || memory.badReleases != 0) {
         std::cerr << "analytics-host: the memory ledger is not clean: " << memory << std::endl;
         return exitLost;
     }
-    return lost == 0 ? exitDone : exitLost;
+    if (lost != 0) {
+        return exitLost;
+    }
+    return ios.failed == 0 ? exitDone : exitFailed;
+}
+
+// Where a rate was asked for and not reached, within a twentieth.
+std::string Host::rateShortfall(const LoadGenerator::Counts& ios) const {
+    const double seconds = static_cast<double>(m_loadEndNs - m_loadStartNs) / nsPerSecond;
+    const double made = static_cast<double>(ios.completed()) / seconds;
+    if (m_options.rate == 0 || made >= 0.95 * m_options.rate || m_options.maxIos) {
+        return "";
+    }
+    return "; " + std::to_string(static_cast<u64>(made)) + " of the " +
+           std::to_string(m_options.rate) + " I/Os per second that were asked for";
 }

@@ -11,7 +11,9 @@
 #include "common/Analytics/PeriodicAnalyticsScheduler.h"
 #include "common/infra/TrackedAllocation.h"
 
+#include <functional>
 #include <memory>
+#include <string>
 
 class ParcelOutbox;
 class Timer;
@@ -19,9 +21,9 @@ class Timer;
 // The runnable host: its constructor sets everything up, run() lets it work until it is told to
 // stop.
 //
-//     data path --> AIO counters --> generator --> scheduler --> outbox --> forwarder --> output
-//                                                     ^
-//                                                   timer
+//     load --> AIO counters --> generator --> scheduler --> outbox --> forwarder --> output
+//                                                ^
+//                                              timer
 class Host {
 public:
     // Throws std::exception, with a message for the user, if something cannot be had.
@@ -34,25 +36,30 @@ public:
     int run();
 
 private:
+    bool showFilling(u64 filledBytes) const;
+    void warnOfFolder() const;
     void start();
     void scheduleReports();
     TrackedPtr<IPeriodicAnalyticsParcelFinalizer>
     makeFinalizer(TrackedPtr<IPeriodicAnalyticsParcelFinalizer> finalizer);
     void stop();
     int summarize() const;
+    std::string rateShortfall(const LoadGenerator::Counts& ios) const;
 
     const Options m_options;
     Timer& m_timer;
     ParcelOutbox& m_outbox;
 
     OutputFile m_output;
+    StopRequest m_stopRequest;
     std::unique_ptr<TweaksFile> m_tweaksFile;
     const IoEngine::Kind m_ioEngine; // found out before the scratch file is filled
     ScratchFile m_scratchFile;
-    StopRequest m_stopRequest;
     LoadGenerator m_loadGenerator;
     std::unique_ptr<ParcelForwarder> m_forwarder;
     std::unique_ptr<PeriodicAnalyticsScheduler> m_scheduler;
     bool m_lastReportMade = false; // the timer's thread writes it; read when the timer has stopped
     ParcelForwarder::Counts m_forwarded;
+    u64 m_loadStartNs = 0;
+    u64 m_loadEndNs = 0;
 };
