@@ -42,12 +42,12 @@ TEST(TweaksTest, LooksUpByNameAndTypeElseAnswersTheDefault) {
         EXPECT_EQ(text + " " + answers(), row + " " + text);
     }
     log.clear();
-    tweaks.set("t_Name", "12 ");
-    EXPECT_EQ(answers(), "-7 -8 9 1 12 ");
+    tweaks.set("t_Name", "12\n");
+    EXPECT_EQ(answers(), "-7 -8 9 1 12\n");
     const Texts errors = log.texts(ErrorLevel);
     ASSERT_EQ(errors.size(), 4U);
     EXPECT_EQ(errors[2],
-              " tunable=T_NAME text=\"12 \" expected a whole number from 0 to 4294967295\n");
+              " tunable=T_NAME text=\"12\\x0a\" expected a whole number from 0 to 4294967295\n");
 }
 
 // A tunables file in a folder of its own, on fresh services.
