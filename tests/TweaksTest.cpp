@@ -165,8 +165,8 @@ TEST_F(TweaksFileTest, RefusesWhatIsNoSmallFileOfShortLines) {
         {"[" + times(60'000, "a") + "]", longLine},
         {"[" + times(100'000, "a") + "]", longFile},
         {times(60, "x=[{" + times(500, "a.") + "b=[\n"), ":1: not TOML: "},
-        {"\"a\\nb\\u001b\\u007f\"=1", ":1: a\\x0ab\\x1b\\x7f: is not a tunable"},
-        {interval + "=\"\\r\\n\"", ":1: " + interval + ": is the text \"\\x0d\\x0a\", expected"}};
+        {R"("a\nb\u001b\u007f"=1)", R"(:1: a\x0ab\x1b\x7f: is not a tunable)"},
+        {interval + R"(="\r\n")", ":1: " + interval + R"(: is the text "\x0d\x0a", expected)"}};
     for (const auto& [content, problem] : rows) {
         const std::string expected = problem.empty() ? "accepted" : path + problem;
         EXPECT_EQ(refusal(content).substr(0, expected.size()), expected) << content.substr(0, 40);

@@ -23,9 +23,11 @@ namespace fs = std::filesystem;
 
 constexpr int maxLinks = 40; // as in the kernel's own lookup
 
-// Not the single writes: a file that is half written is no news yet.
-constexpr u32 events = IN_CLOSE_WRITE | IN_ATTRIB | IN_CREATE | IN_DELETE | IN_MOVED_FROM |
-                       IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+// Of the folders on the way.
+constexpr u32 wayEvents = IN_ATTRIB | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
+                          IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_MASK_ADD;
+// Of the file's. Not the single writes: a file that is half written is no news yet.
+constexpr u32 fileEvents = wayEvents | IN_CLOSE_WRITE;
 
 [[noreturn]] void failWatching(const fs::path& file) {
     throw std::system_error(errno, std::generic_category(),
@@ -103,7 +105,8 @@ private:
     // Watches before the name is looked up, so that no change between the two is missed. False if
     // the way ends before this folder.
     bool watch(const fs::path& folder, const fs::path& name, bool isLast) {
-        const int watched = inotify_add_watch(m_inotify.get(), folder.c_str(), events);
+        const int watched =
+            inotify_add_watch(m_inotify.get(), folder.c_str(), isLast ? fileEvents : wayEvents);
         if (watched >= 0) {
             m_names.emplace(std::pair(watched, name.native()), folder / name);
             return true;

@@ -10,7 +10,8 @@
 // anything on the way to it is created, replaced or removed. On the way are the folders of its
 // path and, where one of its names is a symbolic link, the way to the link's target.
 //
-// A folder above the file that may be passed but not read is left out, as the kernel has it.
+// The kernel does not watch a folder that may be passed but not read: above the file, such a folder
+// is left out. What else happens in a watched folder wakes the waiting thread and is dropped.
 //
 // One thread waits; any may call stop().
 class TweaksFileWatch {

@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr std::size_t maxFileBytes = 64 * 1024;
+constexpr std::size_t maxFileBytes = 65'536;
 constexpr std::size_t maxLineBytes = 1024;
 
 [[noreturn]] void failReading(const std::string& path) {
