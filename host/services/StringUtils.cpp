@@ -1,16 +1,9 @@
 #include "common/infra/StringUtils.h"
 
+#include "host/services/Text.h"
+
 #include <algorithm>
 #include <cstddef>
-
-namespace {
-
-char lowerCase(char character) {
-    return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a')
-                                                : character;
-}
-
-} // namespace
 
 std::vector<std::string> StringUtils::splitStr(const std::string& text, char separator) {
     std::vector<std::string> pieces;

@@ -1,6 +1,7 @@
 #include "common/infra/Tweaks.h"
 
 #include "common/infra/Log.h"
+#include "host/services/Text.h"
 
 #include <algorithm>
 #include <charconv>
@@ -9,11 +10,6 @@
 #include <type_traits>
 
 namespace {
-
-unsigned char lowerCase(char character) {
-    const bool isUpper = character >= 'A' && character <= 'Z';
-    return static_cast<unsigned char>(isUpper ? character - 'A' + 'a' : character);
-}
 
 template <typename T>
 std::optional<T> parse(const std::string& text) {
@@ -64,7 +60,7 @@ T Tweaks::lookUp(const std::string& name, const DefaultTweakValue<T>& defaultVal
         return *value;
     }
     LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3)
-        << " tunable=" << name << " text=\"" << text << "\" expected "
+        << " tunable=" << name << " text=\"" << escaped(text) << "\" expected "
         << expectation<T> << std::endl;
     return fallback;
 }
@@ -91,6 +87,7 @@ bool Tweaks::boolVal(const std::string& name, const DefaultTweakValue<bool>& def
 }
 
 void Tweaks::set(const std::string& name, const std::string& value) {
+    std::string text = value; // all that may fail is done before the value changes
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_values[name] = value;
+    m_values[name].swap(text);
 }

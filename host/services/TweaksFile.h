@@ -3,20 +3,17 @@
 #include "common/infra/Defs.h"
 #include "common/infra/Export.h"
 #include "common/infra/Tweaks.h"
+#include "host/services/FileTunables.h"
+#include "host/services/TweaksFileError.h"
 
 #include <memory>
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-// What is wrong with a tunables file, in one line: "file:line: name: what it is, what was
-// expected".
-class ANALYTICS_EXPORT TweaksFileError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
+class TweaksFileWatch;
+class TweaksReading;
 
 // A TOML file whose top-level keys are tunables, without regard to letter case:
 //
@@ -28,9 +25,12 @@ public:
 //     t_StorageAnalyticsLatencySlow = 20_000
 //     t_StorageAnalyticsLatencyVerySlow = 100_000
 //
-// The interval goes to Tweaks, the others are fields of DynamicTweaks. What the file does not name
-// has the value that was in force when the TweaksFile was made. A file is applied as a whole or, if
-// anything in it is wrong, not at all. What changed is logged in one line.
+// It is a regular file of at most 64 KiB, with at most one tunable in a line and lines of at most
+// 1,024 bytes. The interval goes to Tweaks, the others are fields of DynamicTweaks. What the file
+// does not name has the value that was in force when the TweaksFile was made. A file is applied as
+// a whole or, if anything in it is wrong or memory fails, not at all. What changed is logged in one
+// line: at WarnLevel if a value is reset because the file no longer names it, or if the file was
+// refused before; else at InfoLevel.
 //
 // Used by one thread; once it follows the file, only by its own.
 class ANALYTICS_EXPORT TweaksFile {
@@ -46,25 +46,27 @@ public:
     // Reads the file and applies it. Throws TweaksFileError.
     void load();
 
-    // Starts a thread that loads the file anew whenever it was written, replaced or removed, at
-    // first if it was since load(). A file that cannot be loaded is logged, and the last good
-    // values stay. Called at most once. Throws TweaksFileError if the file's folder cannot be
-    // watched.
-    //
-    // A symbolic link is followed as a link: it is its replacement that is seen, not its target's.
+    // Starts a thread that loads the file anew whenever it was written, replaced or removed, also
+    // through links and folders on the way to it; at first if it was since load(). A file that
+    // cannot be loaded is logged, and the last good values stay; it is loaded when it changes
+    // again. Where memory or the kernel's watches run out, the thread tries again every second.
+    // Called at most once. Throws TweaksFileError if the file's folder cannot be watched,
+    // std::system_error if the kernel has no more watches.
     void follow();
 
 private:
-    class Watch;
-
-    void apply(const std::vector<u32>& values);
     void followChanges();
-    void reload();
+    bool followNext();
+    FileTunableValues unnamed(const FileTunableValues& inForce) const;
+    std::string describe(const TweaksReading& reading, const FileTunableValues& before,
+                         const FileTunableValues& after) const;
 
     const std::string m_path;
+    const std::string m_shownPath;
     const std::set<std::string, CaseInsensitiveLess> m_pinned;
-    const std::vector<u32> m_defaults; // of the tunables that can be in a file, in their order
-    bool m_refused = false;            // the last load by the thread
-    std::unique_ptr<Watch> m_watch;
+    const FileTunableValues m_defaults;
+    bool m_refused = false; // the last load by the thread
+    int m_waitMs = 0;       // until the thread's next load at the latest; negative: no limit
+    std::unique_ptr<TweaksFileWatch> m_watch;
     std::thread m_thread;
 };

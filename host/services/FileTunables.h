@@ -1,0 +1,32 @@
+#pragma once
+
+#include "common/infra/Defs.h"
+
+#include <array>
+#include <cstddef>
+#include <string>
+
+enum class TunableKind { Flag, Number };
+
+// A tunable that can be in a file. A flag is 0 or 1.
+struct FileTunable {
+    const char* name;
+    TunableKind kind;
+    u32 least;
+    u32 most;
+    bool isLive; // else read at the start alone
+    u32 (*get)();
+    void (*set)(u32); // of a live one: does not fail
+};
+
+constexpr std::size_t fileTunableCount = 7;
+constexpr std::size_t firstBound = 3; // from here on strictly ascending
+
+// One value for each tunable that can be in a file.
+using FileTunableValues = std::array<u32, fileTunableCount>;
+
+// Those that are not live come first.
+extern const std::array<FileTunable, fileTunableCount> fileTunables;
+
+FileTunableValues fileTunablesInForce();
+std::string toText(const FileTunable& tunable, u32 value);
