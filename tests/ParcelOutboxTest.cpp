@@ -7,7 +7,10 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <atomic>
 #include <functional>
+#include <future>
 #include <optional>
 #include <thread>
 
@@ -95,6 +98,26 @@ TEST_F(ParcelOutboxTest, ReportsARunThatIsOpenWhenNothingIsHeldAnyMore) {
         end();
         EXPECT_EQ(log.texts(InfoLevel), Texts{endOfRun + "4 \n"});
         EXPECT_EQ(MemLedger::report().liveBlocks, before.liveBlocks);
+    }
+}
+
+TEST_F(ParcelOutboxTest, APushWakesEveryWaiter) {
+    for (u32 round = 0; round < 200 && !HasFailure(); ++round) {
+        std::atomic<int> begun{0};
+        const auto wait = [&] { return ++begun, outbox->waitForParcel(); };
+        std::array waits{std::async(std::launch::async, wait),
+                         std::async(std::launch::async, wait)};
+        for (u32 turn = 0; begun < 2 || turn < round; ++turn) { // so that they mostly wait by then
+            std::this_thread::yield();
+        }
+        push(round, round);
+        for (const auto& each : waits) {
+            EXPECT_EQ(each.wait_for(std::chrono::seconds(10)), std::future_status::ready) << round;
+        }
+        EXPECT_EQ(pop(), round);
+        if (HasFailure()) {
+            outbox->stopWaiting();
+        }
     }
 }
 

@@ -62,8 +62,7 @@ struct ParcelOutbox::Impl {
     std::condition_variable changed; // a parcel has come, or waits are over
     ParcelRing parcels;
     Counts counts;
-    u64 run = 0;     // parcels dropped in the present run
-    u64 waiting = 0; // threads
+    u64 run = 0; // parcels dropped in the present run
     bool waitsAreOver = false;
 
     u64 endRun() { return std::exchange(run, 0); }
@@ -85,9 +84,7 @@ std::vector<IParcel*> ParcelOutbox::Impl::takeAll() {
 template <typename Wait>
 bool ParcelOutbox::Impl::waitForParcel(Wait wait) {
     std::unique_lock<std::mutex> lock(mutex);
-    ++waiting;
     wait(lock, [this] { return waitsAreOver || !parcels.isEmpty(); });
-    --waiting;
     return !parcels.isEmpty();
 }
 
@@ -127,12 +124,10 @@ RcStatus ParcelOutbox::pushParcel(IParcel* parcel, ParcelType type) {
     m_impl->counts.dropped += full ? 1 : 0;
     // The length of the present run, or of the one that this push ends.
     const u64 run = full ? ++m_impl->run : m_impl->endRun();
-    const bool awaited = m_impl->waiting > 0;
     lock.unlock();
 
-    if (awaited) {
-        m_impl->changed.notify_one();
-    }
+    // All of them: the one that is woken may not be the one that pops.
+    m_impl->changed.notify_all();
     if (full) {
         m_impl->finishDrop(dropped, run == 1);
     } else if (run > 0) {
