@@ -58,7 +58,9 @@ TEST_F(LogTest, PiecesReadAsOnAnyStandardStream) {
 // Both convertible to a text and streamable.
 struct Labelled {
     operator std::string_view() const { return "the text"; }
-    friend std::ostream& operator<<(std::ostream& out, const Labelled&) { return out << "label"; }
+    friend std::ostream& operator<<(std::ostream& out, const Labelled& /*piece*/) {
+        return out << "label";
+    }
 };
 
 TEST_F(LogTest, ATypesOwnOperatorIsUsedAlsoIfItConvertsToText) {
