@@ -1,9 +1,11 @@
 #include "common/infra/Log.h"
 #include "host/services/SpdlogSink.h"
 #include "host/testing/RecordingLog.h"
+#include "tests/support/FailingMemory.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iomanip>
@@ -53,6 +55,73 @@ TEST_F(LogTest, PiecesReadAsOnAnyStandardStream) {
     std::locale::global(previous);
 }
 
+// Both convertible to a text and streamable.
+struct Labelled {
+    operator std::string_view() const { return "the text"; }
+    friend std::ostream& operator<<(std::ostream& out, const Labelled& /*piece*/) {
+        return out << "label";
+    }
+};
+
+TEST_F(LogTest, ATypesOwnOperatorIsUsedAlsoIfItConvertsToText) {
+    check(Labelled{}, std::string_view(), nullptr);
+}
+
+TEST_F(LogTest, ANullTextIsNamed) {
+    for (const bool asStream : {false, true}) {
+        LogItem item(LogModuleKel, InfoLevel, "f", 3);
+        asStream ? item << std::dec : item;
+        item << static_cast<const char*>(nullptr) << static_cast<char*>(nullptr) << std::flush;
+    }
+    EXPECT_EQ(log.texts(InfoLevel), (std::vector<std::string>{"(null)(null)", "(null)(null)"}));
+}
+
+struct Unprintable {
+    bool isThrown;
+    friend std::ostream& operator<<(std::ostream& out, const Unprintable& piece) {
+        return piece.isThrown ? throw 42 : (out << static_cast<std::streambuf*>(nullptr));
+    }
+};
+
+TEST_F(LogTest, ALineWithAPieceThatCannotBeWrittenIsDropped) {
+    for (const bool isThrown : {false, true}) {
+        const u64 dropped = LogService::droppedCount();
+        log.clear();
+        LogItem item(LogModuleKel, InfoLevel, "f", 3);
+        item << "cut " << Unprintable{isThrown} << " cut" << std::endl << "whole" << std::endl;
+        EXPECT_EQ(log.texts(InfoLevel), std::vector<std::string>{"whole\n"});
+        EXPECT_EQ(LogService::droppedCount(), dropped + 1);
+    }
+}
+
+TEST_F(LogTest, WithoutMemoryALineIsWrittenWholeOrDropped) {
+    const std::string longText(2'000, 'x');
+    const u64 dropped = LogService::droppedCount();
+    int failures = 0;
+    for (; log.lines().empty(); ++failures) {
+        LogItem item(LogModuleKel, InfoLevel, "f", 3);
+        allocationsLeft = failures;
+        item << 1.5 << longText << longText << std::endl;
+        allocationsLeft = unlimitedAllocations;
+    }
+    EXPECT_GT(failures, 2);
+    EXPECT_EQ(log.texts(InfoLevel), std::vector<std::string>{"1.5" + longText + longText + "\n"});
+    EXPECT_EQ(LogService::droppedCount() - dropped, failures - 1U);
+}
+
+TEST_F(LogTest, ALineThatTheSinkRefusesIsDropped) {
+    struct : ILogSink {
+        void write(const LogRecord& /*record*/) override { throw 42; }
+    } refusing;
+    ILogSink* const previous = LogService::setSink(&refusing);
+    const u64 dropped = LogService::droppedCount();
+    const u64 assertions = LogService::assertionCount();
+    LogItem(LogModuleKel, AssertLevel, "f", 3) << "lost" << std::endl;
+    LogService::setSink(previous);
+    EXPECT_EQ(LogService::droppedCount(), dropped + 1);
+    EXPECT_EQ(LogService::assertionCount(), assertions + 1);
+}
+
 TEST_F(LogTest, TextArrivesAtEachFlushAndOnlyThere) {
     {
         LogItem item(LogModuleCommon, WarnLevel, "void f()", 3);
@@ -97,6 +166,17 @@ TEST(SpdlogSinkTest, WritesAFileThatCanBeReadWhileItIsWritten) {
     ASSERT_TRUE(std::getline(file, line));
     EXPECT_NE(line.find("kel [void f()] two spaces  kept {} "), std::string::npos) << line;
     std::filesystem::remove(path);
+}
+
+TEST(SpdlogSinkTest, TellsTheFirstOfTheLinesThatTheFileDoesNotTake) {
+    const auto sink = SpdlogSink::toFile("/dev/full");
+    testing::internal::CaptureStderr();
+    for (int line = 0; line < 2; ++line) {
+        EXPECT_THROW(sink->write({LogModuleKel, WarnLevel, "f", 3, "x"}), std::runtime_error);
+    }
+    const std::string told = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(told.find("cannot write the log: "), 0U) << told;
+    EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 1) << told;
 }
 
 } // namespace

@@ -1,11 +1,14 @@
 #include "host/services/MemLedger.h"
 
 #include "common/infra/TrackedAllocation.h"
-#include "host/services/BlockTable.h"
 #include "host/testing/RecordingLog.h"
+#include "tests/support/FailingMemory.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <future>
@@ -100,55 +103,85 @@ TEST_F(MemLedgerTest, ReportsLiveBlocksByTypeAndPlaceMostBytesFirst) {
     std::for_each(std::begin(blocks), std::end(blocks), [this](void* block) { release(block); });
 }
 
-TEST(ThreadLaneTest, IsOneThreadsUntilItEnds) {
-    const unsigned int mine = ThreadLane::mine();
-    EXPECT_LT(mine, ThreadLane::count);
-    for (unsigned int i = 0; i < 2 * ThreadLane::count; ++i) {
-        const unsigned int others = std::async(std::launch::async, ThreadLane::mine).get();
-        EXPECT_LT(others, ThreadLane::count);
-        EXPECT_NE(others, mine);
+TEST_F(MemLedgerTest, ABadReleaseNeedsNeitherMemoryNorALog) {
+    struct : ILogSink {
+        void write(const LogRecord& /*record*/) override { throw std::bad_alloc(); }
+    } refusing;
+    ILogSink* const usual = LogService::setSink(&refusing);
+    const u64 dropped = LogService::droppedCount();
+    for (const bool tracking : {true, false}) {
+        MemLedger::setTracking(tracking);
+        allocationsLeft = 0;
+        EXPECT_NO_THROW(release(&refusing));
+        allocationsLeft = unlimitedAllocations;
     }
-    EXPECT_EQ(ThreadLane::mine(), mine);
+    LogService::setSink(usual);
+    EXPECT_EQ(bad(), 2U);
+    EXPECT_EQ(LogService::droppedCount(), dropped + 2);
 }
 
-// The table never reads what an address points to, so the races of threads, some of them without a
-// slot of their own, can be provoked with addresses of no memory: enough to make the table grow.
-TEST(BlockTableTest, ABlockIsRemovedByOneOfManyAndAVisitorSeesWholeRecords) {
-    static BlockTable table;
-    constexpr unsigned int blocks = 12'000, rounds = 12, workers = 10;
-    const std::array<const char*, 2> names = {"even", "odd"};
-    std::atomic<unsigned int> started{0}, running{workers};
-    const auto work = [&](unsigned int number) { // adds its own blocks and removes all it finds
-        u64 removed = 0;
-        ThreadLane::mine();
-        for (++started; started < workers;) {
+TEST_F(MemLedgerTest, AReportedBlockIsLeftAloneThoughItsAddressIsInUseAgain) {
+    void* block = allocate();
+    release(block);
+    memShield.verifyPtr(block, "User.cpp", 12);
+    void* another = allocate();
+    memShield.freeAndUnregister(block, "User.cpp", 12);
+    EXPECT_EQ(bad(), 1U);
+    EXPECT_EQ(live(), 1U) << "where " << another << " is the one at " << block << " again";
+    release(another);
+}
+
+TEST_F(MemLedgerTest, ABlockIsReleasedByOneOfManyThreads) {
+    constexpr u64 threads = 4, blocks = 300;
+    for (int round = 0; round < 5; ++round) {
+        std::vector<std::future<void>> running;
+        std::vector<void*> made(blocks);
+        std::generate(made.begin(), made.end(), [&] { return allocate(); });
+        const u64 badBefore = bad();
+        std::atomic<u64> started{0};
+        const auto releaseAll = [&] {
+            for (++started; started < threads;) {
+                std::this_thread::yield();
+            }
+            for (void* block : made) {
+                memShield.freeAndCount(block);
+            }
+        };
+        for (u64 i = 0; i < threads; ++i) {
+            running.push_back(std::async(std::launch::async, releaseAll));
+        }
+        while (live() > 0) {
             std::this_thread::yield();
         }
-        for (unsigned int round = 0; round < rounds; ++round) {
-            for (unsigned int i = number, tag = i + round; i < blocks; i += workers, ++tag) {
-                table.add(reinterpret_cast<void*>(32UL * (i + 1)),
-                          {tag, names[tag % 2], names[tag % 2], tag});
-            }
-            for (unsigned int i = 0; i < blocks; ++i) {
-                removed += table.remove(reinterpret_cast<void*>(32UL * (i + 1))) ? 1 : 0;
-            }
+        running.clear();
+        EXPECT_EQ(bad() - badBefore, (threads - 1) * blocks);
+    }
+}
+
+TEST_F(MemLedgerTest, AForkedChildFindsNothingLocked) {
+    std::atomic<bool> over{false};
+    std::array<void*, 200> blocks{}; // enough to lie all over the ledger
+    std::generate(blocks.begin(), blocks.end(), [&] { return allocate(); });
+    auto busy = std::async(std::launch::async, [&] {
+        while (!over) {
+            release(allocate());
         }
-        --running;
-        return removed;
-    };
-    std::vector<std::future<u64>> removals;
-    for (unsigned int number = 0; number < workers; ++number) {
-        removals.push_back(std::async(std::launch::async, work, number));
+    });
+    for (int round = 0; round < 50 && !HasFailure(); ++round) {
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(10); // ends a child that is stuck
+            std::for_each(blocks.begin(), blocks.end(),
+                          [&](void* each) { memShield.verifyPtr(each, "User.cpp", 12); });
+            _exit(0);
+        }
+        int status = -1;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0) << round;
     }
-    while (running > 0) {
-        table.visit([&](std::uintptr_t, const BlockInfo& info) {
-            EXPECT_TRUE(info.size == info.line && info.typeName == info.file &&
-                        info.file == names[info.line % 2]);
-        });
-    }
-    u64 removed = 0;
-    std::for_each(removals.begin(), removals.end(), [&](auto& each) { removed += each.get(); });
-    EXPECT_EQ(removed, u64{rounds} * blocks);
+    over = true;
+    busy.get();
+    std::for_each(blocks.begin(), blocks.end(), [&](void* each) { release(each); });
 }
 
 } // namespace

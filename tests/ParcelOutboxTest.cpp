@@ -4,12 +4,17 @@
 #include "common/infra/TrackedAllocation.h"
 #include "host/services/MemLedger.h"
 #include "host/testing/RecordingLog.h"
+#include "tests/support/FailingMemory.h"
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <atomic>
 #include <functional>
+#include <future>
 #include <optional>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -95,6 +100,52 @@ TEST_F(ParcelOutboxTest, ReportsARunThatIsOpenWhenNothingIsHeldAnyMore) {
         end();
         EXPECT_EQ(log.texts(InfoLevel), Texts{endOfRun + "4 \n"});
         EXPECT_EQ(MemLedger::report().liveBlocks, before.liveBlocks);
+    }
+}
+
+// Each call that moves parcels, made with a log that takes no line and without any memory.
+TEST_F(ParcelOutboxTest, ParcelsChangeHandsWithoutALogAndWithoutMemory) {
+    struct : ILogSink {
+        void write(const LogRecord& /*record*/) override { throw std::bad_alloc(); }
+    } refusing;
+    AnalyticsParcel* extra = TRACKED_NEW(AnalyticsParcel)();
+    ILogSink* const usual = LogService::setSink(&refusing);
+    const auto withoutMemory = [](const auto& operation) {
+        allocationsLeft = 0;
+        EXPECT_NO_THROW(operation());
+        EXPECT_EQ(std::exchange(allocationsLeft, unlimitedAllocations), 0);
+    };
+    push(1, 4); // begins a run
+    withoutMemory([&] { outbox->pushParcel(extra, analytics); });
+    allocationsLeft = 0;
+    EXPECT_THROW(outbox->popParcels(analytics), std::bad_alloc);
+    for (int parcel = 0; parcel < 3; ++parcel) { // ends the run
+        IParcel* popped = nullptr;
+        withoutMemory([&] { popped = outbox->popParcel(analytics); });
+        consume({popped});
+    }
+    push(1, 4);
+    withoutMemory([&] { outbox.reset(); });
+    LogService::setSink(usual);
+}
+
+TEST_F(ParcelOutboxTest, APushWakesEveryWaiter) {
+    for (u32 round = 0; round < 200 && !HasFailure(); ++round) {
+        std::atomic<int> begun{0};
+        const auto wait = [&] { return ++begun, outbox->waitForParcel(); };
+        std::array waits{std::async(std::launch::async, wait),
+                         std::async(std::launch::async, wait)};
+        for (u32 turn = 0; begun < 2 || turn < round; ++turn) { // so that they mostly wait by then
+            std::this_thread::yield();
+        }
+        push(round, round);
+        for (const auto& each : waits) {
+            EXPECT_EQ(each.wait_for(std::chrono::seconds(10)), std::future_status::ready) << round;
+        }
+        EXPECT_EQ(pop(), round);
+        if (HasFailure()) {
+            outbox->stopWaiting();
+        }
     }
 }
 

@@ -1,6 +1,7 @@
 #include "common/infra/Timer.h"
 #include "host/services/TimerQueue.h"
 #include "host/testing/RecordingLog.h"
+#include "tests/support/FailingMemory.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -64,6 +65,18 @@ TEST(TimerQueueTest, RetriesAFailureAfterOneSecondDoublingUpToAMinute) {
             EXPECT_EQ(deliver(&Expiry::returned), 1 * oneSecond);
         }
         EXPECT_EQ(queue.firstDueNs() == ITimer::NEVER, once);
+    }
+}
+
+TEST(TimerQueueTest, RearmingNeedsNoMemory) {
+    TimerQueue queue;
+    for (int pending = 0; pending < 100; ++pending) { // more than once as many as there is room for
+        queue.add(nullptr, 1, 0, false, century);
+        const auto expiry = queue.popDue(century);
+        queue.add(nullptr, 2, 0, false, century); // may take the room of the other
+        allocationsLeft = 0;
+        queue.rearm(expiry.value(), century);
+        EXPECT_EQ(std::exchange(allocationsLeft, unlimitedAllocations), 0) << pending;
     }
 }
 

@@ -2,50 +2,34 @@
 
 #include "host/services/LogService.h"
 
+#include <algorithm>
 #include <cstdint>
-#include <cstring>
+#include <exception>
 #include <locale>
-#include <streambuf>
 
-// A standard stream that writes into an item.
-struct LogItem::Stream {
-    explicit Stream(LogItem& item) : buffer(item), text(&buffer) {
-        text.imbue(std::locale::classic());
-        text.exceptions(
-            std::ios_base::badbit); // a line that memory cut short is not passed off as whole
+auto LogItem::Buffer::overflow(int_type character) -> int_type {
+    if (!traits_type::eq_int_type(character, traits_type::eof())) {
+        const char single = traits_type::to_char_type(character);
+        m_item.append({&single, 1});
     }
+    return traits_type::not_eof(character);
+}
 
-    class Buffer : public std::streambuf {
-    public:
-        explicit Buffer(LogItem& item) : m_item(item) {}
+std::streamsize LogItem::Buffer::xsputn(const char* characters, std::streamsize length) {
+    m_item.append({characters, static_cast<std::size_t>(length)});
+    return length;
+}
 
-    private:
-        int_type overflow(int_type character) override {
-            if (!traits_type::eq_int_type(character, traits_type::eof())) {
-                const char single = traits_type::to_char_type(character);
-                m_item.append({&single, 1});
-            }
-            return traits_type::not_eof(character);
-        }
+int LogItem::Buffer::sync() {
+    m_item.flush();
+    return 0;
+}
 
-        std::streamsize xsputn(const char* characters, std::streamsize length) override {
-            m_item.append({characters, static_cast<std::size_t>(length)});
-            return length;
-        }
+LogItem::Stream::Stream(LogItem& item) : buffer(item), text(&buffer) {
+    text.imbue(std::locale::classic());
+}
 
-        int sync() override {
-            m_item.flush();
-            return 0;
-        }
-
-        LogItem& m_item;
-    };
-
-    Buffer buffer;
-    std::ostream text;
-};
-
-LogItem::LogItem(LogModule module, LogLevel level, const char* function, int detail)
+LogItem::LogItem(LogModule module, LogLevel level, const char* function, int detail) noexcept
     : m_module(module),
       m_level(level),
       m_function(function),
@@ -54,33 +38,41 @@ LogItem::LogItem(LogModule module, LogLevel level, const char* function, int det
 
 LogItem::~LogItem() = default;
 
-LogItem& LogItem::operator<<(std::ostream& (*manipulator)(std::ostream&)) {
+LogItem& LogItem::operator<<(std::ostream& (*manipulator)(std::ostream&)) noexcept {
     if (!m_enabled) {
         return *this;
     }
-    if (m_stream == nullptr &&
+    if (!m_stream.has_value() &&
         manipulator == static_cast<std::ostream& (*)(std::ostream&)>(std::endl)) {
         append("\n");
         flush();
     } else {
-        manipulator(stream());
+        writeToStream(manipulator);
     }
     return *this;
 }
 
-void LogItem::append(std::string_view text) {
+void LogItem::writeText(std::string_view text) noexcept {
+    m_stream.has_value() ? writeToStream(text) : append(text);
+}
+
+void LogItem::append(std::string_view text) noexcept {
     if (m_spill.empty() && text.size() <= m_line.size() - m_length) {
-        std::memcpy(m_line.data() + m_length, text.data(), text.size());
+        std::copy(text.begin(), text.end(), m_line.data() + m_length);
         m_length += text.size();
         return;
     }
-    if (m_spill.empty()) {
-        m_spill.assign(m_line.data(), m_length);
+    try {
+        if (m_spill.empty()) {
+            m_spill.assign(m_line.data(), m_length);
+        }
+        m_spill.append(text);
+    } catch (const std::exception&) { // no memory, or longer than any text
+        m_isCut = true;
     }
-    m_spill.append(text);
 }
 
-void LogItem::appendAddress(const void* address) {
+void LogItem::appendAddress(const void* address) noexcept {
     if (address == nullptr) {
         append("0");
         return;
@@ -89,20 +81,23 @@ void LogItem::appendAddress(const void* address) {
     appendInteger(reinterpret_cast<std::uintptr_t>(address), 16);
 }
 
-LogItem& LogItem::flush() {
+LogItem& LogItem::flush() noexcept {
     const std::string_view text =
         m_spill.empty() ? std::string_view(m_line.data(), m_length) : std::string_view(m_spill);
-    if (m_enabled) {
+    if (m_enabled && m_isCut) {
+        LogService::drop(m_level);
+    } else if (m_enabled) {
         LogService::write({m_module, m_level, m_function, m_detail, text});
     }
+    m_isCut = false;
     m_length = 0;
     m_spill.clear();
     return *this;
 }
 
-std::ostream& LogItem::stream() {
-    if (m_stream == nullptr) {
-        m_stream = std::make_unique<Stream>(*this);
+std::ostream& LogItem::stream() noexcept {
+    if (!m_stream.has_value()) {
+        m_stream.emplace(*this);
     }
     return m_stream->text;
 }

@@ -11,6 +11,7 @@ std::atomic<ILogSink*> installedSink{nullptr};
 std::atomic<int> leastSevereLevel{InfoLevel};
 std::atomic<bool> abortsOnAssert{false};
 std::atomic<u64> assertions{0};
+std::atomic<u64> dropped{0};
 
 // Never destroyed: lines are written until the last destructor has run.
 ILogSink& standardError() {
@@ -18,38 +19,56 @@ ILogSink& standardError() {
     return *sink;
 }
 
-} // namespace
-
-ILogSink* LogService::setSink(ILogSink* sink) {
-    return installedSink.exchange(sink, std::memory_order_acq_rel);
-}
-
-void LogService::setLevel(LogLevel level) {
-    leastSevereLevel.store(level, std::memory_order_relaxed);
-}
-
-bool LogService::isEnabled(LogLevel level) {
-    const int severity = level == LongTermInfoLevel ? InfoLevel : level;
-    return severity <= leastSevereLevel.load(std::memory_order_relaxed);
-}
-
-void LogService::setAbortOnAssert(bool abortOnAssert) {
-    abortsOnAssert.store(abortOnAssert, std::memory_order_relaxed);
-}
-
-u64 LogService::assertionCount() {
-    return assertions.load(std::memory_order_relaxed);
-}
-
-void LogService::write(const LogRecord& record) {
-    ILogSink* sink = installedSink.load(std::memory_order_acquire);
-    (sink != nullptr ? *sink : standardError()).write(record);
-    if (record.level == AssertLevel) {
+void countAssertion(LogLevel level) {
+    if (level == AssertLevel) {
         assertions.fetch_add(1, std::memory_order_relaxed);
         if (abortsOnAssert.load(std::memory_order_relaxed)) {
             std::abort();
         }
     }
+}
+
+} // namespace
+
+ILogSink* LogService::setSink(ILogSink* sink) noexcept {
+    return installedSink.exchange(sink, std::memory_order_acq_rel);
+}
+
+void LogService::setLevel(LogLevel level) noexcept {
+    leastSevereLevel.store(level, std::memory_order_relaxed);
+}
+
+bool LogService::isEnabled(LogLevel level) noexcept {
+    const int severity = level == LongTermInfoLevel ? InfoLevel : level;
+    return severity <= leastSevereLevel.load(std::memory_order_relaxed);
+}
+
+void LogService::setAbortOnAssert(bool abortOnAssert) noexcept {
+    abortsOnAssert.store(abortOnAssert, std::memory_order_relaxed);
+}
+
+u64 LogService::assertionCount() noexcept {
+    return assertions.load(std::memory_order_relaxed);
+}
+
+u64 LogService::droppedCount() noexcept {
+    return dropped.load(std::memory_order_relaxed);
+}
+
+void LogService::write(const LogRecord& record) noexcept {
+    try {
+        ILogSink* sink = installedSink.load(std::memory_order_acquire);
+        (sink != nullptr ? *sink : standardError()).write(record);
+    } catch (...) {
+        drop(record.level);
+        return;
+    }
+    countAssertion(record.level);
+}
+
+void LogService::drop(LogLevel level) noexcept {
+    dropped.fetch_add(1, std::memory_order_relaxed);
+    countAssertion(level);
 }
 
 const char* toString(LogLevel level) {

@@ -15,7 +15,8 @@ struct LogRecord {
     std::string_view text; // as streamed, line ends included
 };
 
-// Where log lines go. write() may be called from any thread, concurrently.
+// Where log lines go. write() may be called from any thread, concurrently. It throws if it cannot
+// write the line: the logging service then drops the line and counts it.
 class ANALYTICS_EXPORT ILogSink {
 public:
     virtual ~ILogSink() = default;
@@ -23,26 +24,31 @@ public:
 };
 
 // The logging service behind LogItem. Usable at any time, also before main() and after it. Every
-// operation may be called from any thread.
+// operation may be called from any thread, and none throws.
 class ANALYTICS_EXPORT LogService {
 public:
     LogService() = delete;
 
     // Installs a sink and returns the one before it; null installs standard error. The sink stays
     // the caller's, and must outlive its use by lines that are being written while it is replaced.
-    static ILogSink* setSink(ILogSink* sink);
+    static ILogSink* setSink(ILogSink* sink) noexcept;
 
     // The least severe level that is written: AssertLevel to CtrLevel. Assertion lines always are,
     // and LongTermInfoLevel counts as InfoLevel. InfoLevel at start.
-    static void setLevel(LogLevel level);
-    static bool isEnabled(LogLevel level);
+    static void setLevel(LogLevel level) noexcept;
+    static bool isEnabled(LogLevel level) noexcept;
 
-    // Makes an assertion line end the process (std::abort) once it is written. Off at start.
-    static void setAbortOnAssert(bool abortOnAssert);
-    // Assertion lines written so far.
-    static u64 assertionCount();
+    // Makes an assertion line end the process (std::abort), once it is written or dropped. Off at
+    // start.
+    static void setAbortOnAssert(bool abortOnAssert) noexcept;
+    // Assertion lines so far, with those that were dropped.
+    static u64 assertionCount() noexcept;
+    // Lines that were dropped so far, because their sink or memory failed.
+    static u64 droppedCount() noexcept;
 
-    static void write(const LogRecord& record);
+    static void write(const LogRecord& record) noexcept;
+    // Stands for the write() of a line whose text could not be made.
+    static void drop(LogLevel level) noexcept;
 };
 
 // "assert", "fatal", "error", "warn", "info", "debug", "ctr", "long-term-info".

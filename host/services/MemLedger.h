@@ -33,12 +33,13 @@ ANALYTICS_EXPORT std::ostream& operator<<(std::ostream& out, const MemReport& re
 // whatever derives from it register their blocks in it. A block is in the ledger from its
 // allocation to its release, whether or not tracking is on; the switch only decides which
 // operations a deletion calls, so it can be thrown at any time. Every operation may be called from
-// any thread, concurrently.
+// any thread, concurrently, and in the child of a fork(). A release never throws.
 class ANALYTICS_EXPORT MemLedger {
 public:
     MemLedger() = delete;
 
     // On at start.
     static void setTracking(bool on);
+    // Throws std::bad_alloc.
     static MemReport report();
 };

@@ -2,29 +2,129 @@
 
 #include "common/infra/Defs.h"
 #include "common/infra/Log.h"
-#include "host/services/BlockTable.h"
 #include "host/services/MemLedger.h"
 
 #include <fmt/format.h>
+#include <pthread.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <map>
+#include <mutex>
 #include <new>
+#include <optional>
 #include <ostream>
 #include <string_view>
 #include <tuple>
+#include <unordered_map>
+#include <utility>
 
 namespace {
 
-BlockTable liveBlocks;
+struct BlockInfo {
+    unsigned long size;
+    const char* typeName;
+    const char* file;
+    unsigned int line;
+};
+
+// The live blocks by address, beside the blocks: to look up a pointer reads no memory that might
+// not be a live block. An address belongs to one of many stripes, each with a lock of its own, so
+// that threads rarely meet at one.
+class BlockTable {
+public:
+    // Usable before main() and after it, because it is made at the first use and never destroyed.
+    static BlockTable& instance() {
+        alignas(BlockTable) static std::array<std::byte, sizeof(BlockTable)> storage;
+        static auto* const table = new (storage.data()) BlockTable;
+        return *table;
+    }
+
+    // Throws std::bad_alloc. An address that is already there was released behind the tracker's
+    // back.
+    void add(const void* block, const BlockInfo& info) {
+        Stripe& stripe = stripeOf(block);
+        const std::lock_guard<std::mutex> lock(stripe.mutex);
+        stripe.blocks.insert_or_assign(block, info);
+        ++stripe.added;
+    }
+
+    bool holds(const void* block) {
+        Stripe& stripe = stripeOf(block);
+        const std::lock_guard<std::mutex> lock(stripe.mutex);
+        return stripe.blocks.count(block) > 0;
+    }
+
+    // Whether the block was there, and this call removed it.
+    bool remove(const void* block) {
+        Stripe& stripe = stripeOf(block);
+        const std::lock_guard<std::mutex> lock(stripe.mutex);
+        return stripe.blocks.erase(block) > 0;
+    }
+
+    // Calls visitor(block, info) for each block, and returns how many were ever added.
+    template <typename Visitor>
+    u64 visit(Visitor visitor) {
+        u64 added = 0;
+        for (Stripe& stripe : m_stripes) {
+            const std::lock_guard<std::mutex> lock(stripe.mutex);
+            for (const auto& [block, info] : stripe.blocks) {
+                visitor(block, info);
+            }
+            added += stripe.added;
+        }
+        return added;
+    }
+
+private:
+    static constexpr unsigned int stripeBits = 5;
+
+    struct alignas(64) Stripe {
+        std::mutex mutex;
+        // Under the mutex.
+        std::unordered_map<const void*, BlockInfo> blocks;
+        u64 added = 0; // blocks, ever
+    };
+
+    // fork() waits for every lock, so that the child finds each stripe whole and unlocked.
+    BlockTable() {
+        if (pthread_atfork([] { instance().lockAll(); }, [] { instance().unlockAll(); },
+                           [] { instance().unlockAll(); }) != 0) {
+            throw std::bad_alloc();
+        }
+    }
+
+    void lockAll() {
+        std::for_each(m_stripes.begin(), m_stripes.end(), [](Stripe& each) { each.mutex.lock(); });
+    }
+    void unlockAll() {
+        std::for_each(m_stripes.begin(), m_stripes.end(),
+                      [](Stripe& each) { each.mutex.unlock(); });
+    }
+
+    Stripe& stripeOf(const void* block) {
+        const auto address = reinterpret_cast<std::uintptr_t>(block);
+        return m_stripes[address * 0x9E3779B97F4A7C15U >> (64 - stripeBits)];
+    }
+
+    std::array<Stripe, 1U << stripeBits> m_stripes;
+};
+
 std::atomic<u64> badReleases{0};
 
-// The block that this thread's last check reported: the release that follows the check is refused
-// without a second report.
-thread_local const void* reportedBlock = nullptr;
+// The block that this thread's last check reported. The release that follows the check leaves it
+// alone without a second report, even if another thread was given a new block at that address in
+// between. Such a mark has to be the thread's own: the other thread's release of its new block is a
+// good one.
+//
+// What remains is a release by two threads at once. Both checks may find the block alive, and if a
+// third thread is given a new block at its address between the two releases, the second one takes
+// that block. A check and a release in one call would be needed to see it.
+thread_local std::optional<const void*> reportedBlock;
 
 // The live block that the pointer points into, past its start.
 struct Surroundings {
@@ -35,9 +135,10 @@ struct Surroundings {
 Surroundings findAround(const void* pointer) {
     Surroundings found;
     const auto address = reinterpret_cast<std::uintptr_t>(pointer);
-    liveBlocks.visit([&](std::uintptr_t block, const BlockInfo& info) {
-        if (address > block && address - block < info.size) {
-            found = {reinterpret_cast<const void*>(block), info};
+    BlockTable::instance().visit([&](const void* block, const BlockInfo& info) {
+        const auto start = reinterpret_cast<std::uintptr_t>(block);
+        if (address > start && address - start < info.size) {
+            found = {block, info};
         }
     });
     return found;
@@ -118,7 +219,7 @@ void* MemShield::allocAndRegister(unsigned long size, unsigned long /*reserved*/
         throw std::bad_alloc();
     }
     try {
-        liveBlocks.add(block, {size, typeName, file, line});
+        BlockTable::instance().add(block, {size, typeName, file, line});
     } catch (...) {
         std::free(block);
         throw;
@@ -127,24 +228,26 @@ void* MemShield::allocAndRegister(unsigned long size, unsigned long /*reserved*/
 }
 
 void MemShield::verifyPtr(void* block, const char* file, unsigned int line) {
-    if (!liveBlocks.holds(block)) {
+    reportedBlock.reset();
+    if (!BlockTable::instance().holds(block)) {
         reportBadRelease(__PRETTY_FUNCTION__, block, file, line);
         reportedBlock = block;
     }
 }
 
 void MemShield::freeAndUnregister(void* block, const char* file, unsigned int line) {
-    if (liveBlocks.remove(block)) {
+    if (std::exchange(reportedBlock, std::nullopt) == block) {
+        return;
+    }
+    if (BlockTable::instance().remove(block)) {
         std::free(block);
-    } else if (block == reportedBlock) {
-        reportedBlock = nullptr;
     } else {
         reportBadRelease(__PRETTY_FUNCTION__, block, file, line);
     }
 }
 
 void MemShield::freeAndCount(void* block) {
-    if (liveBlocks.remove(block)) {
+    if (BlockTable::instance().remove(block)) {
         std::free(block);
     } else {
         reportBadRelease(__PRETTY_FUNCTION__, block, nullptr, 0);
@@ -157,8 +260,8 @@ void MemLedger::setTracking(bool on) {
 
 MemReport MemLedger::report() {
     ReportBuilder builder;
-    const u64 allocations =
-        liveBlocks.visit([&](std::uintptr_t, const BlockInfo& info) { builder.add(info); });
+    const u64 allocations = BlockTable::instance().visit(
+        [&](const void*, const BlockInfo& info) { builder.add(info); });
     return builder.finish(allocations);
 }
 

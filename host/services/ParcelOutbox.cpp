@@ -62,12 +62,12 @@ struct ParcelOutbox::Impl {
     std::condition_variable changed; // a parcel has come, or waits are over
     ParcelRing parcels;
     Counts counts;
-    u64 run = 0;     // parcels dropped in the present run
-    u64 waiting = 0; // threads
+    u64 run = 0; // parcels dropped in the present run
     bool waitsAreOver = false;
 
     u64 endRun() { return std::exchange(run, 0); }
     std::vector<IParcel*> takeAll();
+    IParcel* takeOldest(u64 popped);
     template <typename Wait>
     bool waitForParcel(Wait wait);
 
@@ -81,13 +81,26 @@ std::vector<IParcel*> ParcelOutbox::Impl::takeAll() {
     return taken;
 }
 
+// Null if nothing is held. `popped` is added to the count of parcels that were handed out.
+IParcel* ParcelOutbox::Impl::takeOldest(u64 popped) {
+    std::unique_lock<std::mutex> lock(mutex);
+    if (parcels.isEmpty()) {
+        return nullptr;
+    }
+    IParcel* parcel = parcels.pop();
+    counts.popped += popped;
+    const u64 endedRun = parcels.isEmpty() ? endRun() : 0;
+    lock.unlock();
+
+    reportRun(endedRun);
+    return parcel;
+}
+
 // `wait` blocks on `changed` until a predicate holds, or gives up.
 template <typename Wait>
 bool ParcelOutbox::Impl::waitForParcel(Wait wait) {
     std::unique_lock<std::mutex> lock(mutex);
-    ++waiting;
     wait(lock, [this] { return waitsAreOver || !parcels.isEmpty(); });
-    --waiting;
     return !parcels.isEmpty();
 }
 
@@ -100,9 +113,12 @@ void ParcelOutbox::Impl::finishDrop(IParcel* dropped, bool beginsRun) const {
     }
 }
 
+// Of no run if the length is 0.
 void ParcelOutbox::Impl::reportRun(u64 length) {
-    LogItem(LogModuleCommon, InfoLevel, __PRETTY_FUNCTION__, 3)
-        << " parcel outbox is no longer full: dropped=" << length << " " << std::endl;
+    if (length > 0) {
+        LogItem(LogModuleCommon, InfoLevel, __PRETTY_FUNCTION__, 3)
+            << " parcel outbox is no longer full: dropped=" << length << " " << std::endl;
+    }
 }
 
 ParcelOutbox::ParcelOutbox(u64 maxSize) : m_impl(std::make_unique<Impl>(maxSize)) {
@@ -127,34 +143,20 @@ RcStatus ParcelOutbox::pushParcel(IParcel* parcel, ParcelType type) {
     m_impl->counts.dropped += full ? 1 : 0;
     // The length of the present run, or of the one that this push ends.
     const u64 run = full ? ++m_impl->run : m_impl->endRun();
-    const bool awaited = m_impl->waiting > 0;
     lock.unlock();
 
-    if (awaited) {
-        m_impl->changed.notify_one();
-    }
+    // All of them: the one that is woken may not be the one that pops.
+    m_impl->changed.notify_all();
     if (full) {
         m_impl->finishDrop(dropped, run == 1);
-    } else if (run > 0) {
+    } else {
         Impl::reportRun(run);
     }
     return RC_SUCCESS;
 }
 
 IParcel* ParcelOutbox::popParcel(ParcelType type) {
-    std::unique_lock<std::mutex> lock(m_impl->mutex);
-    if (type != KEL_ANALYTICS || m_impl->parcels.isEmpty()) {
-        return nullptr;
-    }
-    IParcel* parcel = m_impl->parcels.pop();
-    ++m_impl->counts.popped;
-    const u64 endedRun = m_impl->parcels.isEmpty() ? m_impl->endRun() : 0;
-    lock.unlock();
-
-    if (endedRun > 0) {
-        Impl::reportRun(endedRun);
-    }
-    return parcel;
+    return type == KEL_ANALYTICS ? m_impl->takeOldest(1) : nullptr;
 }
 
 std::vector<IParcel*> ParcelOutbox::popParcels(ParcelType type) {
@@ -167,9 +169,7 @@ std::vector<IParcel*> ParcelOutbox::popParcels(ParcelType type) {
     const u64 endedRun = m_impl->endRun();
     lock.unlock();
 
-    if (endedRun > 0) {
-        Impl::reportRun(endedRun);
-    }
+    Impl::reportRun(endedRun);
     return taken;
 }
 
@@ -186,15 +186,12 @@ u64 ParcelOutbox::getMaxSize() const {
     return m_impl->parcels.capacity();
 }
 
+// One by one, since the destructor must not need memory for a list of them.
 void ParcelOutbox::freeAndRemoveAllParcels() {
-    std::unique_lock<std::mutex> lock(m_impl->mutex);
-    const std::vector<IParcel*> removed = m_impl->takeAll();
-    const u64 endedRun = m_impl->endRun();
-    lock.unlock();
-
-    std::for_each(removed.begin(), removed.end(), destroy);
-    if (endedRun > 0) {
-        Impl::reportRun(endedRun);
+    for (u64 left = size(); left > 0; --left) {
+        if (IParcel* parcel = m_impl->takeOldest(0)) { // another thread may have taken some
+            destroy(parcel);
+        }
     }
 }
 

@@ -4,6 +4,7 @@
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/sinks/stdout_color_sinks.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <stdexcept>
 #include <utility>
@@ -46,6 +47,7 @@ SpdlogSink::SpdlogSink(std::shared_ptr<spdlog::logger> logger) : m_logger(std::m
     m_logger->set_level(spdlog::level::trace);
     m_logger->flush_on(spdlog::level::trace);
     m_logger->set_pattern("%Y-%m-%dT%H:%M:%S.%e%z %^%-8l%$ %t %v");
+    m_logger->set_error_handler([this](const std::string& reason) { fail(reason); });
 }
 
 SpdlogSink::~SpdlogSink() = default;
@@ -74,4 +76,11 @@ std::unique_ptr<SpdlogSink> SpdlogSink::toFile(const std::string& path) {
 void SpdlogSink::write(const LogRecord& record) {
     m_logger->log(spdlogLevel(record.level), "{} [{}] {}", toString(record.module), record.function,
                   withoutLineEnds(record.text));
+}
+
+void SpdlogSink::fail(const std::string& reason) {
+    if (!m_hasFailed.exchange(true)) {
+        static_cast<void>(std::fprintf(stderr, "cannot write the log: %s\n", reason.c_str()));
+    }
+    throw std::runtime_error(reason);
 }

@@ -2,12 +2,18 @@
 
 #include "common/infra/Export.h"
 
+#include <pthread.h>
+
 #include <array>
 #include <atomic>
 
-// A small number that belongs to one living thread at a time, so that what is kept for a number is
-// written by one thread and needs no atomic exchange. The first threads to ask get one, and give it
-// back when they end.
+// The number of the latency counters that the calling thread has for itself. It belongs to one
+// living thread at a time, so those counters have one writer and need no atomic exchange. The first
+// threads to ask get a number each, and give it back when they end.
+//
+// A thread gives its number back after the destructors of its thread_local objects, so they still
+// have it. A destructor of thread-specific data (pthread_key_create) may take a number anew, which
+// is given back in the next round of such destructors.
 class ANALYTICS_EXPORT ThreadLane {
 public:
     static constexpr unsigned int count = 16;
@@ -26,22 +32,32 @@ public:
 private:
     static constexpr unsigned int unasked = count + 1;
 
-    struct GiveBack {
-        ~GiveBack() {
-            if (m_mine < count) {
-                m_taken[m_mine].store(false, std::memory_order_release);
-            }
-            m_mine = count;
-        }
+    // Calls giveBack() at the end of each thread that has set it.
+    struct AtThreadEnd {
+        AtThreadEnd() : isMade(pthread_key_create(&key, giveBack) == 0) {}
+
+        pthread_key_t key{};
+        const bool isMade;
     };
 
     __attribute__((noinline)) static unsigned int take() {
-        static thread_local GiveBack atThreadEnd;
+        static const AtThreadEnd atThreadEnd;
         unsigned int lane = 0;
         while (lane < count && m_taken[lane].exchange(true, std::memory_order_acquire)) {
             ++lane;
         }
+        if (lane < count &&
+            !(atThreadEnd.isMade && pthread_setspecific(atThreadEnd.key, &m_taken[lane]) == 0)) {
+            m_taken[lane].store(false, std::memory_order_release); // nobody would give it back
+            lane = count;
+        }
         return lane;
+    }
+
+    // The thread must not use the lane any more by the time at which another one may take it.
+    static void giveBack(void* taken) {
+        m_mine = unasked;
+        static_cast<std::atomic<bool>*>(taken)->store(false, std::memory_order_release);
     }
 
     inline static std::array<std::atomic<bool>, count> m_taken{};

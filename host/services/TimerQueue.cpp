@@ -21,6 +21,10 @@ void Expiry::failed() {
 
 bool TimerQueue::add(ITimer::Callback callback, ITimer::Cookie cookie, u32 delayMs, bool once,
                      u64 nowNs) {
+    const std::size_t needed = m_heap.size() + m_takenOut + 1;
+    if (needed > m_heap.capacity()) {
+        m_heap.reserve(2 * needed);
+    }
     const u64 order = m_nextOrder;
     push({0, 0, callback, cookie, delayMs, 0, once}, nowNs + delayMs * nsPerMs);
     return m_heap.front().order == order;
@@ -33,10 +37,12 @@ std::optional<Expiry> TimerQueue::popDue(u64 nowNs) {
     std::pop_heap(m_heap.begin(), m_heap.end(), comesLater);
     const Expiry first = m_heap.back();
     m_heap.pop_back();
+    ++m_takenOut;
     return first;
 }
 
-void TimerQueue::rearm(Expiry expiry, u64 nowNs) {
+void TimerQueue::rearm(Expiry expiry, u64 nowNs) noexcept {
+    --m_takenOut;
     if (expiry.retrySec > 0) {
         push(expiry, nowNs + expiry.retrySec * nsPerSecond);
     } else if (!expiry.once) {
@@ -44,7 +50,13 @@ void TimerQueue::rearm(Expiry expiry, u64 nowNs) {
     }
 }
 
-void TimerQueue::push(Expiry expiry, u64 dueNs) {
+void TimerQueue::clear() noexcept {
+    m_heap.clear();
+    m_takenOut = 0;
+}
+
+// Only with room for it.
+void TimerQueue::push(Expiry expiry, u64 dueNs) noexcept {
     expiry.dueNs = dueNs;
     expiry.order = m_nextOrder++;
     m_heap.push_back(expiry);

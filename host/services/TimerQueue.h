@@ -4,6 +4,7 @@
 #include "common/infra/Export.h"
 #include "common/infra/Timer.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -37,20 +38,24 @@ struct ANALYTICS_EXPORT Expiry {
 // Not synchronised.
 class ANALYTICS_EXPORT TimerQueue {
 public:
-    // True if the new expiry is now the first to come.
+    // True if the new expiry is now the first to come. Throws std::bad_alloc, and adds nothing
+    // then.
     bool add(ITimer::Callback callback, ITimer::Cookie cookie, u32 delayMs, bool once, u64 nowNs);
     // Takes out the expiry that was due first, if any is due: at its due time and later.
     std::optional<Expiry> popDue(u64 nowNs);
-    // Puts a delivered expiry back if it is to come again: after its failure, or periodically.
-    void rearm(Expiry expiry, u64 nowNs);
-    void clear() { m_heap.clear(); }
+    // Puts an expiry that was taken out back if it is to come again: after its failure, or
+    // periodically. Needs no memory: popDue() and add() keep room for it.
+    void rearm(Expiry expiry, u64 nowNs) noexcept;
+    // Drops every expiry, also those that are taken out.
+    void clear() noexcept;
 
     // ITimer::NEVER if nothing is pending.
     u64 firstDueNs() const { return m_heap.empty() ? ITimer::NEVER : m_heap.front().dueNs; }
 
 private:
-    void push(Expiry expiry, u64 dueNs);
+    void push(Expiry expiry, u64 dueNs) noexcept;
 
     std::vector<Expiry> m_heap; // the first to come in front
+    std::size_t m_takenOut = 0; // expiries for which m_heap has room to spare
     u64 m_nextOrder = 0;
 };

@@ -19,7 +19,10 @@ public:
 
     virtual ~IParcelOutbox() = default;
 
-    // Takes the parcel over and returns RC_SUCCESS; any other status leaves it with the caller.
+    // Takes the parcel over and returns RC_SUCCESS. An outbox that cannot keep a parcel destroys
+    // it, or an older one, and returns RC_SUCCESS all the same. Any other status leaves the parcel
+    // untouched with the caller, and so does a throw. A periodic report that is refused like this
+    // is lost together with its memory, because its scheduler does not look at the status.
     virtual RcStatus pushParcel(IParcel* parcel, ParcelType type) = 0;
     // The oldest parcel of the type, owned by the caller from then on; null if there is none.
     virtual IParcel* popParcel(ParcelType type) = 0;
@@ -35,7 +38,8 @@ public:
 // The reference host's outbox: holds at most `maxSize` parcels. A push beyond that makes room by
 // destroying the oldest one: a report that was just made is worth more than one that nobody
 // fetched. What is dropped is counted and logged, one line when a run of drops begins and one when
-// it ends. Pushing allocates nothing: the room for all parcels is there from the start.
+// it ends. The room for all parcels is there from the start. No operation but popParcels() and the
+// constructor needs memory, and popParcels() leaves everything in place if it gets none.
 class ANALYTICS_EXPORT ParcelOutbox final : public IParcelOutbox {
 public:
     struct Counts {
