@@ -189,12 +189,12 @@ std::vector<Case> allocationsOn(unsigned int threads) {
 
 std::vector<Result> compareAllocations(const Settings& settings) {
     const auto one = interleave(allocationsOn(1), settings);
-    return {compare("tracked allocation and deletion", one[0], one[1], Target::atMost(3))};
+    return {compare("tracked allocation and deletion", one[0], one[1], Target::atMost(10))};
 }
 
 std::vector<Result> compareAllocationsTogether(const Settings& settings) {
     const auto two = interleave(allocationsOn(2), settings);
-    return {compare("tracked allocation, two threads", two[0], two[1], Target::atMost(3))};
+    return {compare("tracked allocation, two threads", two[0], two[1], Target::atMost(12))};
 }
 
 } // namespace
