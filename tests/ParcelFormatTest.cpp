@@ -66,6 +66,18 @@ TEST(ParcelFormatTest, WhatAStorageReportLacksIsLeftOut) {
 )");
 }
 
+TEST(ParcelFormatTest, TheThresholdIsToldIfItIsNotTheLiveOne) {
+    for (const auto& [key, words] : {std::pair("lt", "5 us is below the live one, 7 us\n"),
+                                     {"eq", nullptr},
+                                     {"gt", "5 us is above the live one, 7 us\n"}}) {
+        AnalyticsParcel parcel = storageReport();
+        parcel.setText("[Latency Threshold=5][" + std::string(key) + "=7]");
+        const std::string text = toText(parcel, false);
+        EXPECT_EQ(text.find("threshold") != std::string::npos, words != nullptr) << text;
+        EXPECT_TRUE(words == nullptr || text.find(words) != std::string::npos) << text;
+    }
+}
+
 TEST(ParcelFormatTest, ASetIsNamedAndWhatHasNoPlaceIsListed) {
     AnalyticsParcel parcel;
     parcel.setEventName("StorageReadsParcel");

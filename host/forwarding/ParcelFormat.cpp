@@ -201,16 +201,19 @@ std::string_view pairValue(std::string_view text, std::string_view key) {
     return text.substr(0, text.find(']'));
 }
 
-// The threshold that the text of a storage report tells; a text of any other form as it is.
+// The threshold that the text of a storage report tells, if it is not the one that is live; a text
+// of any other form as it is.
 void writeThreshold(Out out, const std::string& text) {
     constexpr std::array<std::pair<const char*, const char*>, 3> comparisons = {
-        {{"lt", "is below"}, {"eq", "equals"}, {"gt", "is above"}}};
+        {{"lt", "is below"}, {"eq", nullptr}, {"gt", "is above"}}};
     const std::string_view threshold = pairValue(text, "Latency Threshold");
     for (const auto& [key, words] : comparisons) {
         const std::string_view live = pairValue(text, key);
         if (text == fmt::format("[Latency Threshold={}][{}={}]", threshold, key, live)) {
-            fmt::format_to(out, "  threshold of the period {} us {} the live one, {} us\n",
-                           threshold, words, live);
+            if (words != nullptr) {
+                fmt::format_to(out, "  threshold of the period {} us {} the live one, {} us\n",
+                               threshold, words, live);
+            }
             return;
         }
     }
