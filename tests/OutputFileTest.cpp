@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
@@ -22,8 +22,8 @@ protected:
         return {std::istreambuf_iterator<char>(stream), {}};
     }
     void TearDown() override {
-        std::remove(path.c_str());
-        std::remove(moved.c_str());
+        std::filesystem::remove(path);
+        std::filesystem::remove(moved);
     }
 
     const std::string path = testing::TempDir() + "output." + std::to_string(getpid());
@@ -58,7 +58,7 @@ TEST_F(OutputFileTest, APartOfALineIsTakenBack) {
 TEST_F(OutputFileTest, IsOpenedAnewOnRequestAlone) {
     OutputFile output(path);
     output.write("1\n");
-    std::rename(path.c_str(), moved.c_str());
+    std::filesystem::rename(path, moved);
     output.write("2\n");
     output.requestReopen();
     output.write("3\n");

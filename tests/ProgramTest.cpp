@@ -196,7 +196,8 @@ TEST_F(ProgramTest, AHangUpReopensTheOutput) {
 
 TEST_F(ProgramTest, ATextReportHoldsEachFigureUnderItsName) {
     const Outcome outcome = run("--path disk --size 1M --interval 1 --reports 1");
-    for (const char* part : {"period ", "cm1  fast", "> 100 ms", "p99.9 ", "high-latency episodes: "}) {
+    for (const char* part :
+         {"period ", "cm1  fast", "> 100 ms", "p99.9 ", "high-latency episodes: "}) {
         EXPECT_NE(outcome.output.find(part), std::string::npos) << part;
     }
 }

@@ -48,11 +48,11 @@ TEST(Singleton, IsCreatedByItsFirstUseAndReplacedByWhatIsInstalled) {
 // gone: a first use there has to work as well, or no test ends with success.
 struct LateGreeter : Greeter {};
 __attribute__((constructor(101))) void useSingletonAfterAllDestructors() {
-    std::atexit([] {
+    static_cast<void>(std::atexit([] {
         if (Singleton<Greeter, LateGreeter>::instance() == nullptr) {
             std::abort();
         }
-    });
+    }));
 }
 
 TEST(Singleton, ManyThreadsCreateOne) {
