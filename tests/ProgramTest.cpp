@@ -152,6 +152,7 @@ TEST_F(ProgramTest, AKernelThatStaysShortOfResourcesIsNotAskedWithoutPause) {
     }
     EXPECT_EQ(outcome.exitCode, 128 + SIGKILL) << outcome.errors;
     EXPECT_LT(processorMs() - before, 400);
+    EXPECT_NE(outcome.errors.find("lacks the resources"), std::string::npos) << outcome.errors;
 }
 
 TEST_F(ProgramTest, AnInterruptionClosesAndReportsTheRunningPeriod) {

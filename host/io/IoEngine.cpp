@@ -1,6 +1,8 @@
 #include "host/io/IoEngine.h"
 
+#include "common/infra/AIO.h"
 #include "common/infra/Log.h"
+#include "common/infra/Singleton.h"
 #include "host/io/IoBackend.h"
 #include "host/io/IoQueue.h"
 
@@ -64,6 +66,7 @@ void IoEngine::open(const Options& options) {
         throw std::logic_error("IoEngine::open: already open");
     }
     check(options);
+    Singleton<AIO, AIO>::instance(); // made here, where a failure can be passed on
     options.kind == Kind::Automatic ? openAutomatic(options) : openAs(options.kind, options);
 }
 

@@ -54,17 +54,16 @@ const char* remedyOf(int error) {
     case ENOSYS:
         return "a kernel that has it, and a seccomp profile that admits io_uring_setup, "
                "io_uring_enter and io_uring_register allow it";
+    case EPERM:
+    case EACCES:
+        return "'sysctl kernel.io_uring_disabled=0', or a seccomp profile that admits "
+               "io_uring_setup, io_uring_enter and io_uring_register, allows it";
     default:
-        return "'sysctl kernel.io_uring_disabled=0' and a seccomp profile that admits "
-               "io_uring_setup, io_uring_enter and io_uring_register allow it";
+        return "the kernel may have the resources for it at another time";
     }
 }
 
 [[noreturn]] void throwRefusal(int error, const char* call) {
-    constexpr int refusals[] = {EPERM, EACCES, ENOSYS, ENOMEM};
-    if (std::find(std::begin(refusals), std::end(refusals), error) == std::end(refusals)) {
-        throwErrno(error, call);
-    }
     throw IoUringRefused(error, std::generic_category(),
                          "io_uring is refused (" + std::string(remedyOf(error)) + "): " + call);
 }
@@ -429,6 +428,11 @@ void RingBackend::awaitResources() {
     pollfd completion{m_ring.ring_fd, POLLIN, 0};
     if (poll(&completion, 1, m_patienceMs) > 0 && io_uring_get_events(&m_ring) < 0) {
         poll(nullptr, 0, m_patienceMs);
+    }
+    if (m_patienceMs < longestWaitMs && 2 * m_patienceMs >= longestWaitMs) {
+        LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
+            << "the kernel lacks the resources for I/O and is asked again; msBetweenAttempts="
+            << longestWaitMs << std::endl;
     }
     m_patienceMs = std::min(2 * m_patienceMs, longestWaitMs);
 }

@@ -13,8 +13,8 @@
 #include <thread>
 #include <vector>
 
-// The program's load: random reads and writes of a file, at a
-// steady rate or as fast as the queue depth allows.
+// The program's load: random reads and writes of a file, at a steady rate or as fast as the queue
+// depth allows.
 class LoadGenerator {
 public:
     struct Options {

@@ -25,7 +25,8 @@ struct StoragePeriod {
     u32 p90Us = 0;
     u32 p99Us = 0;
     u32 p999Us = 0;
-    u32 maxUs = 0; // the longest latency, rounded up
+    u32 maxUs = 0; // the longest latency, rounded up; exact but for I/Os that are being counted
+                   // while the period is closed, with which it may be as far off as a percentile
     u64 periodMs = 0;
     u32 episodes = 0; // high-latency episodes, and the sum of their durations
     u64 episodeSumMs = 0;

@@ -6,7 +6,9 @@
 #include "host/services/StorageEntries.h"
 
 StorageReportFinalizer::StorageReportFinalizer(IPeriodicAnalyticsParcelFinalizer* finalizer)
-    : m_finalizer(finalizer) {}
+    : m_finalizer(finalizer) {
+    Singleton<AIO, AIO>::instance(); // its first period begins now, whenever the first I/O comes
+}
 
 StorageReportFinalizer::~StorageReportFinalizer() {
     TRACKED_DELETE(m_finalizer);

@@ -53,7 +53,8 @@ private:
 //     AIO& aio = *Singleton<AIO, AIO>::instance();
 //     aio.countIo(latencyNs);                  // where the latency is known already
 //
-// Any thread. Counting takes a lock only where an I/O is slow or a high-latency episode is open.
+// Any thread. countIo() and countFailedIo() take a lock only where an I/O is slow or a high-latency
+// episode is open. A Measure takes one for a moment at either end.
 class ANALYTICS_EXPORT AIO {
 public:
     // Counts one I/O: its latency is the lifetime of the object, which may end on another thread.
@@ -87,8 +88,7 @@ public:
 
     // Closes the counting period: writes its eight values and starts the next one under the limits
     // that the live tunables hold now. Every completed I/O is in exactly one period; counts stop at
-    // the largest u32. Logs a warning if nothing was counted by the first
-    // reading.
+    // the largest u32. Logs a warning if nothing was counted by the first reading.
     void mabeStorageLatencyAnalytics(StorageAnalyticsCounters& counters);
 
     // Counts an I/O that took so long, from its hand-over to storage until its completion was seen.
