@@ -96,8 +96,8 @@ void StopRequest::request() {
 
 void StopRequest::wait() {
     while (!isRequested()) {
-        eventfd_t wakes = 0;
-        eventfd_read(wakeFd, &wakes); // interrupted or woken, the reason is looked at either way
+        u64 wakes = 0; // interrupted or woken, the reason is looked at either way
+        static_cast<void>(::read(wakeFd, &wakes, sizeof wakes) < 0);
         if (hungUp.exchange(false)) {
             m_hangUp();
         }
