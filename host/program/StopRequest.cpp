@@ -3,6 +3,7 @@
 #include "common/infra/Defs.h"
 #include "host/services/Clock.h"
 
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -96,8 +97,12 @@ void StopRequest::request() {
 
 void StopRequest::wait() {
     while (!isRequested()) {
-        u64 wakes = 0; // interrupted or woken, the reason is looked at either way
-        static_cast<void>(::read(wakeFd, &wakes, sizeof wakes) < 0);
+        // Interrupted or woken, the reason is looked at either way.
+        pollfd wake{wakeFd, POLLIN, 0};
+        eventfd_t wakes = 0;
+        if (poll(&wake, 1, -1) > 0) {
+            eventfd_read(wakeFd, &wakes);
+        }
         if (hungUp.exchange(false)) {
             m_hangUp();
         }
