@@ -22,7 +22,9 @@ void Timer::runUntil(u64 timeMs) {
 
 RcStatus ParcelOutbox::pushParcel(IParcel* parcel, ParcelType) {
     if (size() >= m_maxSize) {
-        return RC_REACH_LIMIT;
+        // Nobody would free a parcel that is refused: the scheduler does not look at the status.
+        TRACKED_DELETE(static_cast<AnalyticsParcel*>(parcel));
+        return RC_SUCCESS;
     }
     m_parcels.push_back(parcel);
     return RC_SUCCESS;

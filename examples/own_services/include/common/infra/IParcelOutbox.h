@@ -19,7 +19,7 @@ public:
     virtual void freeAndRemoveAllParcels() = 0;
 };
 
-// Refuses what goes beyond its maximum.
+// Drops what goes beyond its maximum.
 class ParcelOutbox final : public IParcelOutbox {
 public:
     ParcelOutbox(u64 maxSize = 5000) : m_maxSize(maxSize) {}
