@@ -62,7 +62,8 @@ struct ParcelOutbox::Impl {
     std::condition_variable changed; // a parcel has come, or waits are over
     ParcelRing parcels;
     Counts counts;
-    u64 run = 0; // parcels dropped in the present run
+    u64 run = 0;     // parcels dropped in the present run
+    u64 waiting = 0; // threads; each of them is woken by a push
     bool waitsAreOver = false;
 
     u64 endRun() { return std::exchange(run, 0); }
@@ -100,7 +101,9 @@ IParcel* ParcelOutbox::Impl::takeOldest(u64 popped) {
 template <typename Wait>
 bool ParcelOutbox::Impl::waitForParcel(Wait wait) {
     std::unique_lock<std::mutex> lock(mutex);
+    ++waiting;
     wait(lock, [this] { return waitsAreOver || !parcels.isEmpty(); });
+    --waiting;
     return !parcels.isEmpty();
 }
 
@@ -143,10 +146,12 @@ RcStatus ParcelOutbox::pushParcel(IParcel* parcel, ParcelType type) {
     m_impl->counts.dropped += full ? 1 : 0;
     // The length of the present run, or of the one that this push ends.
     const u64 run = full ? ++m_impl->run : m_impl->endRun();
+    const bool awaited = m_impl->waiting > 0;
     lock.unlock();
 
-    // All of them: the one that is woken may not be the one that pops.
-    m_impl->changed.notify_all();
+    if (awaited) { // all of them: the one that is woken may not be the one that pops
+        m_impl->changed.notify_all();
+    }
     if (full) {
         m_impl->finishDrop(dropped, run == 1);
     } else {

@@ -73,7 +73,6 @@ public:
     // Whether an I/O was ever counted in a closed period, or is in flight.
     bool hasCounted();
 
-    u64 nowNs() const { return m_clock(); }
     InFlightIos& inFlight() { return m_inFlight; }
 
 private:
