@@ -136,7 +136,7 @@ namespace {
 // service if it may be asleep.
 class RingBackend : public IoBackend {
 public:
-    void open(const IoEngine::Options& options) override;
+    void open(const IoEngine::Setup& setup) override;
     RcStatus submit(IoQueue& requests) override;
     void close() override;
 
@@ -175,7 +175,7 @@ private:
     FileDescriptor m_wakeFd;
 
     // Fixed while the service is open.
-    IoEngine::Options m_options;
+    IoEngine::Setup m_setup;
     std::thread m_thread;
 
     CheckedMutex m_mutex;
@@ -198,9 +198,9 @@ private:
     bool m_closing = false;
 };
 
-void RingBackend::open(const IoEngine::Options& options) {
+void RingBackend::open(const IoEngine::Setup& setup) {
     makeWakeFd();
-    m_options = options;
+    m_setup = setup;
     std::promise<void> opened;
     std::future<void> result = opened.get_future();
     m_thread = std::thread(&RingBackend::serve, this, std::move(opened));
@@ -294,8 +294,8 @@ void RingBackend::serve(std::promise<void> opened) {
 }
 
 void RingBackend::openRing() {
-    setUpRing(m_ring, m_options.queueDepth);
-    const int error = -io_uring_register_files(&m_ring, &m_options.file, 1);
+    setUpRing(m_ring, m_setup.queueDepth);
+    const int error = -io_uring_register_files(&m_ring, &m_setup.file, 1);
     if (error != 0) {
         io_uring_queue_exit(&m_ring);
         throwRefusal(error, "io_uring_register of the file");
@@ -314,16 +314,16 @@ void RingBackend::closeRing() {
 }
 
 bool RingBackend::registerBuffers() {
-    if (m_options.buffers == nullptr) {
+    if (m_setup.buffers == nullptr) {
         return false;
     }
-    const iovec memory{m_options.buffers, m_options.bufferBytes};
+    const iovec memory{m_setup.buffers, m_setup.bufferBytes};
     const int error = -io_uring_register_buffers(&m_ring, &memory, 1);
     if (error != 0) {
         // Commonly the limit of locked memory. The kernel then maps the buffers for each I/O.
         LogItem(LogModuleCommon, InfoLevel, __PRETTY_FUNCTION__, 3)
             << "I/O buffers are not registered: " << messageOf(error)
-            << " bytes=" << m_options.bufferBytes << std::endl;
+            << " bytes=" << m_setup.bufferBytes << std::endl;
     }
     return error == 0;
 }
@@ -339,7 +339,7 @@ void RingBackend::takeInbox() {
 
 // The I/Os that can be handed over now.
 std::size_t RingBackend::ready() const {
-    return std::min<std::size_t>(m_waiting.size(), m_options.queueDepth - m_taken);
+    return std::min<std::size_t>(m_waiting.size(), m_setup.queueDepth - m_taken);
 }
 
 void RingBackend::handOverBatches() {
@@ -394,10 +394,10 @@ void RingBackend::prepareIo(IoRequest& request, u64 nowNs) {
 }
 
 bool RingBackend::isRegistered(const IoRequest& request) const {
-    const auto begin = reinterpret_cast<std::uintptr_t>(m_options.buffers);
+    const auto begin = reinterpret_cast<std::uintptr_t>(m_setup.buffers);
     const auto buffer = reinterpret_cast<std::uintptr_t>(request.buffer);
     return m_buffersRegistered && buffer >= begin &&
-           buffer + request.length <= begin + m_options.bufferBytes;
+           buffer + request.length <= begin + m_setup.bufferBytes;
 }
 
 void RingBackend::listenForWake() {

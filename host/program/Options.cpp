@@ -3,6 +3,7 @@
 #include "common/infra/Tweaks.h"
 #include "host/program/DayList.h"
 #include "host/program/ExitCodes.h"
+#include "host/services/ReportInterval.h"
 
 #include <CLI/CLI.hpp>
 
@@ -19,8 +20,6 @@
 
 namespace {
 
-// The timer takes milliseconds in 32 bits.
-constexpr u32 maxIntervalSecs = std::numeric_limits<u32>::max() / OneSecondInMs;
 constexpr u32 maxQueueDepth = 4096;
 constexpr u64 sectorSize = 512;
 constexpr u64 maxBlockSize = 16U << 20U;
@@ -134,7 +133,7 @@ void addScheduleOptions(CLI::App& app, Options& options) {
                                     "Seconds between reports, 1 to 4294967 (default 5, or "
                                     "t_StorageAnalyticsIntervalSec of "
                                     "--tweaks)")
-                         ->check(wholeNumber(1, maxIntervalSecs))
+                         ->check(wholeNumber(1, maxReportIntervalSec))
                          ->option_text("SECONDS");
     auto* days = app.add_option_function<std::string>(
                         "--days",

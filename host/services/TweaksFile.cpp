@@ -92,7 +92,7 @@ std::string TweaksFile::describe(const TweaksReading& reading, const FileTunable
         const FileTunable& tunable = fileTunables[i];
         if (after[i] != before[i]) {
             changes += fmt::format("{}{} {} -> {}{}{}", changes.empty() ? "" : ", ", tunable.name,
-                                   toText(tunable, before[i]), toText(tunable, after[i]),
+                                   valueText(tunable, before[i]), valueText(tunable, after[i]),
                                    reading.names(i) ? "" : " (not in the file: the default)",
                                    tunable.isLive || !m_watch ? "" : " (at the next start)");
         }
