@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <limits>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -54,8 +56,8 @@ TEST(ConcurrentMaximumName, IsThatGivenAtConstruction) {
     EXPECT_EQ(AnalyticsConcurrentMaximumMetric<u64>("longestWriteUs").name(), "longestWriteUs");
 }
 
-// In each round another thread updates once, while this one updates and takes. Both samples must be
-// in one of the round's two periods, so the larger one must come out exactly once.
+// In each round another thread updates once, while this one updates in ascending order and takes.
+// All samples must be in one of the round's two periods, so the largest must come out exactly once.
 class MaximumRace {
 public:
     MaximumRace() : m_other([this] { run(); }) {}
@@ -66,14 +68,13 @@ public:
     MaximumRace(const MaximumRace&) = delete;
     MaximumRace& operator=(const MaximumRace&) = delete;
 
-    // What the two periods of a round came to.
+    // What the two periods of a round came to. Our samples are 1, 3, 5 and so on, up to `ours`.
     std::vector<std::optional<u64>> round(u64 number, u64 theirs, u64 ours) {
         m_theirs = theirs;
         start(number);
-        for (u64 i = 0; i < number % 16; ++i) {
-            m_metric.update(0); // shifts this thread against the other one
+        for (u64 sample = 1; sample <= ours; sample += 2) {
+            m_metric.update(sample);
         }
-        m_metric.update(ours);
         const std::optional<u64> first = m_metric.take();
         await(m_done, number);
         return {first, m_metric.take()};
@@ -82,19 +83,23 @@ public:
 private:
     static constexpr u64 ended = ~u64{0};
 
-    static void await(const std::atomic<u64>& value, u64 expected) {
-        while (value.load(std::memory_order_acquire) != expected) {
-            std::this_thread::yield();
+    // Looks closely for a while, so that both threads go on at the same time where each has a
+    // processor, and lets others run where they don't.
+    static u64 await(const std::atomic<u64>& value, u64 expected) {
+        for (int looks = 1;; ++looks) {
+            const u64 seen = value.load(std::memory_order_acquire);
+            if (seen >= expected) {
+                return seen;
+            }
+            if (looks % 1000 == 0) {
+                std::this_thread::yield();
+            }
         }
     }
     void start(u64 number) { m_started.store(number, std::memory_order_release); }
     void run() {
         for (u64 number = 1;; ++number) {
-            u64 started = 0;
-            while ((started = m_started.load(std::memory_order_acquire)) < number) {
-                std::this_thread::yield();
-            }
-            if (started == ended) {
+            if (await(m_started, number) == ended) {
                 return;
             }
             m_metric.update(m_theirs);
@@ -112,14 +117,11 @@ private:
 TEST(ConcurrentMaximumRace, LosesNoMaximumBetweenTwoThreads) {
     MaximumRace race;
     for (u64 number = 1; number <= 100'000; ++number) {
-        const u64 theirs = 1 + number % 3;
-        const u64 ours = 2;
+        const u64 ours = 1 + number % 40 / 2 * 2;
+        const u64 theirs = number % 2 == 0 ? ours + 1 : ours / 2 * 2;
         const auto taken = race.round(number, theirs, ours);
-        const auto found = std::count(taken.begin(), taken.end(), std::max(theirs, ours));
-        // Where both samples are equal, they may be in a period each.
-        const bool equalInBoth = theirs == ours && found == 2;
-        ASSERT_TRUE(found == 1 || equalInBoth)
-            << "round " << number << " of the samples " << theirs << " " << ours;
+        ASSERT_EQ(std::count(taken.begin(), taken.end(), std::max(theirs, ours)), 1)
+            << "round " << number << " with " << theirs << " against " << ours;
     }
 }
 

@@ -42,7 +42,8 @@ public:
     // The largest sample since the last take(); none if there was no sample. Any thread.
     std::optional<T> take() {
         const T largest = m_largest.exchange(lowest, std::memory_order_relaxed);
-        const bool lowestCounted = m_lowestCounted.exchange(false, std::memory_order_relaxed);
+        const bool lowestCounted = m_lowestCounted.load(std::memory_order_relaxed) &&
+                                   m_lowestCounted.exchange(false, std::memory_order_relaxed);
         return largest != lowest || lowestCounted ? std::optional<T>(largest) : std::nullopt;
     }
 
