@@ -12,14 +12,10 @@
 namespace {
 
 template <typename T>
-class ConcurrentMaximum : public testing::Test {};
-using Integers = testing::Types<u64, s64, u32>;
-TYPED_TEST_SUITE(ConcurrentMaximum, Integers);
-
-TYPED_TEST(ConcurrentMaximum, TakesTheLargestSampleOfEachPeriod) {
-    constexpr TypeParam lowest = std::numeric_limits<TypeParam>::lowest();
-    constexpr TypeParam top = std::numeric_limits<TypeParam>::max();
-    const std::vector<std::vector<TypeParam>> periods{
+void expectTheLargestOfEachPeriod() {
+    constexpr T lowest = std::numeric_limits<T>::lowest();
+    constexpr T top = std::numeric_limits<T>::max();
+    const std::vector<std::vector<T>> periods{
         {},
         {5},
         {},
@@ -30,21 +26,27 @@ TYPED_TEST(ConcurrentMaximum, TakesTheLargestSampleOfEachPeriod) {
         {lowest, lowest},
         {lowest, 7, lowest}, // the next period must not see the lowest one of this
         {},
-        {static_cast<TypeParam>(lowest + 1), lowest},
-        {top, 0, static_cast<TypeParam>(top - 1)},
-        {static_cast<TypeParam>(top - 1)}};
-    AnalyticsConcurrentMaximumMetric<TypeParam> metric("metric");
-    for (const std::vector<TypeParam>& samples : periods) {
-        std::optional<TypeParam> largest;
-        for (const TypeParam sample : samples) {
+        {static_cast<T>(lowest + 1), lowest},
+        {top, 0, static_cast<T>(top - 1)},
+        {static_cast<T>(top - 1)}};
+    AnalyticsConcurrentMaximumMetric<T> metric("metric");
+    for (const std::vector<T>& samples : periods) {
+        std::optional<T> largest;
+        for (const T sample : samples) {
             metric.update(sample);
-            largest = std::max(largest, std::optional<TypeParam>(sample));
+            largest = std::max(largest, std::optional<T>(sample));
         }
-        EXPECT_EQ(metric.take(), largest);
+        EXPECT_EQ(metric.take(), largest) << sizeof(T) << " bytes";
     }
 }
 
-TEST(ConcurrentMaximumOfSigned, TakesTheLargestOfNegativeSamples) {
+TEST(ConcurrentMaximum, TakesTheLargestSampleOfEachPeriod) {
+    expectTheLargestOfEachPeriod<u64>();
+    expectTheLargestOfEachPeriod<s64>();
+    expectTheLargestOfEachPeriod<u32>();
+}
+
+TEST(ConcurrentMaximum, TakesTheLargestOfNegativeSamples) {
     AnalyticsConcurrentMaximumMetric<s64> metric("balance");
     metric.update(-7);
     metric.update(-3);
@@ -52,7 +54,7 @@ TEST(ConcurrentMaximumOfSigned, TakesTheLargestOfNegativeSamples) {
     EXPECT_EQ(metric.take(), -3);
 }
 
-TEST(ConcurrentMaximumName, IsThatGivenAtConstruction) {
+TEST(ConcurrentMaximum, HasTheNameGivenAtConstruction) {
     EXPECT_EQ(AnalyticsConcurrentMaximumMetric<u64>("longestWriteUs").name(), "longestWriteUs");
 }
 
@@ -114,7 +116,7 @@ private:
     std::thread m_other;
 };
 
-TEST(ConcurrentMaximumRace, LosesNoMaximumBetweenTwoThreads) {
+TEST(ConcurrentMaximum, LosesNoMaximumBetweenTwoThreads) {
     MaximumRace race;
     for (u64 number = 1; number <= 100'000; ++number) {
         const u64 ours = 1 + number % 40 / 2 * 2;

@@ -420,7 +420,7 @@ std::vector<Broken> brokenOutboxes() {
     };
 }
 
-std::vector<Broken> otherBrokenServices() {
+std::vector<Broken> brokenMemShields() {
     return {
         {"GivesNull", "BlocksHoldWhatIsWritten", memShield({0, false, true}),
          "MemShield::allocAndRegister() gives a block of the size, aligned for every type, that "
@@ -444,18 +444,21 @@ std::vector<Broken> otherBrokenServices() {
          "MemShield's operations may be called from several threads at once.\nSeen: blocks that "
          "were "
          "released still count as alive."},
+    };
+}
+
+std::vector<Broken> otherBrokenServices() {
+    return {
         {"DropsTheLastPiece", "SplitStrGivesThePiecesInOrder", host<DropsLastPiece>(),
          "StringUtils::splitStr() gives the pieces between the separators, in order.\nSeen: "
-         "\"mon\" "
-         "gave nothing and not <mon>."},
+         R"("mon" gave nothing and not <mon>.)"},
         {"ReversesPieces", "SplitStrGivesThePiecesInOrder", host<ReversesPieces>(),
-         "\"wed,mon,fri\" gave <fri><mon><wed> and not <wed><mon><fri>"},
+         R"("wed,mon,fri" gave <fri><mon><wed> and not <wed><mon><fri>)"},
         {"ContainsOnlyItself", "ContainsFindsAPartAnywhere", host<ContainsOnlyItself>(),
          "StringUtils::contains() tells whether the second text occurs in the first.\nSeen: "
-         "\"monday\" "
-         "and \"mon\" gave false."},
+         R"("monday" and "mon" gave false.)"},
         {"ContainsAnyLetter", "ContainsFindsAPartAnywhere", host<ContainsAnyLetter>(),
-         "\"mo\" and \"mon\" gave true"},
+         R"("mo" and "mon" gave true)"},
         {"HasNoDefaults", "AnUnsetTunableIsItsDefault", host<HasNoDefaults>(),
          "Tweaks::uintVal() answers the default of a tunable that is not set.\nSeen: the default "
          "86400 "
@@ -477,7 +480,7 @@ std::vector<Broken> otherBrokenServices() {
 
 std::vector<Broken> brokenServices() {
     std::vector<Broken> all = brokenTimers();
-    for (const auto& more : {brokenOutboxes(), otherBrokenServices()}) {
+    for (const auto& more : {brokenOutboxes(), brokenMemShields(), otherBrokenServices()}) {
         all.insert(all.end(), more.begin(), more.end());
     }
     return all;
