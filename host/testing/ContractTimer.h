@@ -173,11 +173,11 @@ inline void eachArmingIsOneExpiry(ContractHost& host) {
     }
     for (const auto cookie : armed) {
         const Expiry expiry = expiries.of(cookie);
-        if (expiry.calls == 0) {
-            reportBroken(promise, missing(host, expiry));
-        } else if (expiry.calls > 1) {
-            reportBroken(promise,
-                         describe(expiry) + " came " + std::to_string(expiry.calls) + " times");
+        if (expiry.calls != 1) {
+            reportBroken(promise, expiry.calls == 0 ? missing(host, expiry)
+                                                    : describe(expiry) + " came " +
+                                                          std::to_string(expiry.calls) + " times");
+            return;
         }
     }
 }
