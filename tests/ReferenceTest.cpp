@@ -21,7 +21,7 @@ std::string read(const fs::path& path) {
     return text.str();
 }
 
-std::string withoutLineEnds(std::string text) {
+std::string withoutLineEnds(const std::string& text) {
     return std::regex_replace(text, std::regex("[ \n]+"), " ");
 }
 
