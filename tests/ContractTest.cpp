@@ -544,5 +544,6 @@ int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     testRequired<ReferenceHost>("ReferenceHost");
     testAdvised<ReferenceHost>("ReferenceHost");
+    testRequired<QuickHost>("SimulatedTime");
     return RUN_ALL_TESTS();
 }
