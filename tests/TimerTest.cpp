@@ -154,7 +154,7 @@ TEST_F(TimerTest, AFailedCallbackComesAgain) {
 TEST_F(TimerTest, AnEarlierExpiryWakesTheThread) {
     arm(never, 3'600'000);
     for (int round = 0; round < 100; ++round) {
-        for (int turn = 0; turn < round; ++turn) { // so that it mostly sleeps by then
+        for (int turn = 0; turn < round; ++turn) { // so that the thread mostly waits by then
             std::this_thread::yield();
         }
         done = {};

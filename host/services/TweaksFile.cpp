@@ -65,7 +65,8 @@ void TweaksFile::load() {
     const bool isNews = std::exchange(m_refused, false) || isReset(reading, before, after);
     if (isNews || !changes.empty()) {
         LogItem(LogModuleCommon, isNews ? WarnLevel : InfoLevel, __PRETTY_FUNCTION__, 3)
-            << " " << m_shownPath << ": " << (changes.empty() ? "as before" : changes) << std::endl;
+            << " " << m_shownPath << ": " << (changes.empty() ? "as before" : changes.c_str())
+            << std::endl;
     }
 }
 
