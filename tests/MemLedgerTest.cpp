@@ -119,32 +119,6 @@ TEST_F(MemLedgerTest, ABlockThatCannotBeRegisteredIsGivenBack) {
     EXPECT_EQ(mallinfo2().hblkhd, mappedBytes);
 }
 
-TEST_F(MemLedgerTest, ABadReleaseNeedsNeitherMemoryNorALog) {
-    struct : ILogSink {
-        void write(const LogRecord& /*record*/) override { throw std::bad_alloc(); }
-    } refusing;
-    LogService::setSink(&refusing);
-    for (const bool tracking : {true, false}) {
-        MemLedger::setTracking(tracking);
-        allocationsLeft = 0;
-        EXPECT_NO_THROW(release(&refusing));
-        allocationsLeft = unlimitedAllocations;
-    }
-    LogService::setSink(&log);
-    EXPECT_EQ(bad(), 2U);
-}
-
-TEST_F(MemLedgerTest, AReportedBlockIsLeftAloneThoughItsAddressIsInUseAgain) {
-    void* block = allocate();
-    release(block);
-    memShield.verifyPtr(block, "User.cpp", 12);
-    void* another = allocate(); // most often at the same address
-    memShield.freeAndUnregister(block, "User.cpp", 12);
-    EXPECT_EQ(bad(), 1U);
-    EXPECT_EQ(live(), 1U);
-    release(another);
-}
-
 TEST_F(MemLedgerTest, ABlockIsReleasedByOneOfManyThreads) {
     constexpr u64 threads = 4;
     std::vector<void*> made(1'500);
