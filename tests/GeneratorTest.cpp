@@ -50,17 +50,29 @@ TEST_F(GeneratorTest, AReportPublishesTheCounters) {
     EXPECT_EQ(toText(log), lines.str());
 }
 
+// Takes a second to make its report.
+struct SlowGenerator : StorageAnalyticsGenerator {
+    explicit SlowGenerator(FakeTimer& fake) : timer(fake) {}
+    AnalyticsParcel* finalizeInternal() override {
+        AnalyticsParcel* parcel = StorageAnalyticsGenerator::finalizeInternal();
+        timer.advance(1'000);
+        return parcel;
+    }
+    FakeTimer& timer;
+};
+
 TEST_F(GeneratorTest, PeriodsJoin) {
     const std::tuple<u32, u64, u64, const char*> rows[] = {
         // threshold, length; length, text
         {8, 1'999, 1, "[Latency Threshold=9][gt=8]"},
-        {9, 999, 0, "[Latency Threshold=9][eq=9]"},
-        {10, 2'000, 2, "[Latency Threshold=9][lt=10]"}};
+        {9, 999, 1, "[Latency Threshold=9][eq=9]"},
+        {10, 1'000, 2, "[Latency Threshold=9][lt=10]"}};
+    SlowGenerator slow(services.timer);
     storageCounters().latencyThreshold = 9;
     for (const auto& [threshold, ms, seconds, text] : rows) {
         services.dynamicTweaks.t_StorageAnalyticsLatencyThreshold = threshold;
         services.timer.advance(ms);
-        const auto parcel = report();
+        const TrackedPtr<AnalyticsParcel> parcel(slow.finalizeParcel(), TRACKED_DELETE);
         EXPECT_EQ(parcel->getText(), text);
         EXPECT_EQ(parcel->getU64Entries().at("cd11"), seconds);
     }

@@ -1,6 +1,6 @@
 #include "host/services/MemLedger.h"
 
-#include "common/infra/TrackedAllocation.h"
+#include "common/infra/MemShield.h"
 #include "host/testing/RecordingLog.h"
 #include "tests/support/FailingMemory.h"
 
@@ -80,21 +80,8 @@ TEST_F(MemLedgerTest, ABadReleaseIsRefused) {
     EXPECT_EQ(bad(), reported + 2);
 }
 
-TEST_F(MemLedgerTest, TrackingCanBeSwitchedBetweenAllocationAndRelease) {
-    EXPECT_TRUE(memShield.isMemshieldActive());
-    for (int row = 0; row < 4; ++row) {
-        MemLedger::setTracking(row % 2 == 0);
-        EXPECT_EQ(memShield.isMemshieldActive(), row % 2 == 0);
-        auto* held = TRACKED_NEW(std::string)("held");
-        EXPECT_EQ(live(), 1U) << row;
-        MemLedger::setTracking(row / 2 == 0);
-        TRACKED_DELETE(held);
-        EXPECT_EQ(live(), 0U) << row;
-    }
-    EXPECT_TRUE(log.lines().empty());
-}
-
 TEST_F(MemLedgerTest, ReportsLiveBlocksByTypeAndPlaceMostBytesFirst) {
+    EXPECT_TRUE(memShield.isMemshieldActive()) << "from the start";
     const std::string otherLiteral = "Small";
     void* const blocks[] = {allocate(500, "Small", 1), allocate(501, otherLiteral.c_str(), 1),
                             allocate(300, "Small", 2), allocate(70'000, "Big", 1), allocate()};
@@ -109,14 +96,18 @@ TEST_F(MemLedgerTest, ReportsLiveBlocksByTypeAndPlaceMostBytesFirst) {
     std::for_each(std::begin(blocks), blocks + 4, [this](void* block) { release(block); });
 }
 
-TEST_F(MemLedgerTest, ABlockThatCannotBeRegisteredIsGivenBack) {
-    const std::size_t mappedBytes = mallinfo2().hblkhd;
-    void* block = nullptr;
-    const int failures = failEachAllocation([&] { block = allocate(4U << 20U); },
-                                            [&] { EXPECT_EQ(mallinfo2().hblkhd, mappedBytes); });
-    EXPECT_GE(failures, 1);
-    release(block);
-    EXPECT_EQ(mallinfo2().hblkhd, mappedBytes);
+// A block of this size is a mapping of its own.
+TEST_F(MemLedgerTest, EveryBlockIsGivenBack) {
+    const auto expectNoMapping = [bytes = mallinfo2().hblkhd] {
+        EXPECT_EQ(mallinfo2().hblkhd, bytes);
+    };
+    for (const bool tracking : {true, false}) {
+        MemLedger::setTracking(tracking);
+        void* block = nullptr;
+        EXPECT_GE(failEachAllocation([&] { block = allocate(64U << 20U); }, expectNoMapping), 1);
+        release(block);
+        expectNoMapping();
+    }
 }
 
 TEST_F(MemLedgerTest, ABlockIsReleasedByOneOfManyThreads) {

@@ -153,7 +153,7 @@ TEST_F(TweaksFileTest, RefusesABadFileAsAWhole) {
         {"IntervalSec=4294968", "is 4294968, expected a whole number from 1 to 4294967"},
         {"IntervalSec=1.5", "is of type floating-point, expected a whole number from 1 to 4"},
         {"LatencyFast=4294967296", "is 4294967296, expected a whole number from 0 to 4294967295"},
-        {"LatencyFast=\"\\n\"", "is the text \"\\x0a\", expected a whole number from 0 to 4"},
+        {R"(LatencyFast="\n")", R"(is the text "\x0a", expected a whole number from 0 to 4)"},
         {"LatencyFast=5000", "is 5000, expected less than t_StorageAnalyticsLatencyModerate, whi"},
         {"LatencySlow=5000", "is 5000, expected more than t_StorageAnalyticsLatencyModerate, whi"},
         {"LatencyVerySlow=9",
