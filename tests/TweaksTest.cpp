@@ -61,10 +61,11 @@ TEST(TweaksTest, LooksUpByNameAndType) {
         EXPECT_EQ(text + " " + answers(), row + " " + text);
     }
     log.clear();
-    tweaks.set("t_Name", "12\n");
+    tweaks.set("t_Name", "12 \n\x7f");
     EXPECT_EQ(tweaks.uintVal("T_NAME", DefaultTweakValue<u32>(9)), 9U);
-    EXPECT_EQ(log.texts(ErrorLevel), Texts{" tunable=T_NAME text=\"12\\x0a\" expected a whole "
-                                           "number from 0 to 4294967295\n"});
+    EXPECT_EQ(log.texts(ErrorLevel),
+              Texts{" tunable=T_NAME text=\"12 \\x0a\\x7f\" expected a whole "
+                    "number from 0 to 4294967295\n"});
 }
 
 // A tunables file in a folder of its own, on fresh services.
