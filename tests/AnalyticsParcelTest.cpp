@@ -79,15 +79,15 @@ TEST_F(AnalyticsParcelTest, WhatMemoryFailsLeavesNothingBehind) {
     const std::pair<std::function<void(Parcel&)>, std::string> rows[] = {
         {[&](Parcel& parcel) { parcel.addEntry("k", text); }, " string:k=" + text},
         {[&](Parcel& parcel) { parcel.addText("k", text); }, "//[k=" + text + "]/ "}};
-    for (const auto& [add, added] : rows) {
+    for (const auto& row : rows) {
         Parcel parcel;
         const auto isUnchanged = [&] { EXPECT_EQ(toText(parcel), toText(Parcel())); };
-        EXPECT_GE(failEachAllocation([&] { add(parcel); }, isUnchanged), 2);
-        EXPECT_NE(toText(parcel).find(added), std::string::npos) << toText(parcel);
+        EXPECT_GE(failEachAllocation([&] { row.first(parcel); }, isUnchanged), 2);
+        EXPECT_NE(toText(parcel).find(row.second), std::string::npos) << toText(parcel);
     }
 }
 
-TEST_F(AnalyticsParcelTest, IsLoggedAndThenPushed) {
+TEST_F(AnalyticsParcelTest, IsLoggedBeforeItIsPushed) {
     const auto send = AnalyticsParcelSender::sendAnalyticsParcel;
     Parcel parcel;
     EXPECT_EQ(send(&parcel), RC_SUCCESS);

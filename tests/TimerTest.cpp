@@ -133,10 +133,10 @@ TEST_F(TimerTest, RepeatsNeverEarly) {
 }
 
 TEST_F(TimerTest, AFailedCallbackComesAgain) {
-    std::vector<std::function<void()>> failures{[] { throw std::runtime_error("out of paper"); },
-                                                [] { throw 42; }, [this] { arm(finish); }};
-    Action failing = [&, next = std::size_t{0}]() mutable { failures[next++](); };
-    arm(failing);
+    const Action attempts[] = {[] { throw std::runtime_error("out of paper"); }, [] { throw 4.2; },
+                               [this] { arm(never, 500); }, [this] { timer.stop(), finish(); }};
+    Action failing = [&, next = std::size_t{0}]() mutable { attempts[next++](); };
+    arm(failing, 0, false);
     done.get_future().wait(); // 3 s
     timer.addTimer(nullptr, 5, 0, true);
     const std::string cookie = " cookie=" + std::to_string(cookieOf(failing)) + "  retryInSec=";
