@@ -122,16 +122,8 @@ protected:
     static constexpr u64 ios = 300;
 
     LoadGenerator::Counts run(u32 readPercent, u32 rate, int descriptor) {
-        LoadGenerator::Options options{};
-        options.file = descriptor;
-        options.fileSize = 1U << 20U;
-        options.blockSize = 4096;
-        options.queueDepth = 4;
-        options.readPercent = readPercent;
-        options.rate = rate;
-        options.maxIos = ios;
-        LoadGenerator load(options);
-        load.start();
+        LoadGenerator load({4096, 4, readPercent, rate, ios, IoEngine::Kind::Automatic});
+        load.start(descriptor, 1U << 20U);
         load.waitUntilIdle();
         load.stop();
         deepestQueue = load.maxima().deepestQueue;

@@ -129,7 +129,8 @@ TEST_F(ProgramTest, WhereIoUringIsRefusedThreadsServeAndOneLineSaysWhy) {
         EXPECT_NE(line.find("threads make the I/Os: io_uring is refused"), std::string::npos);
         EXPECT_NE(line.find(message), std::string::npos) << line;
         EXPECT_NE(line.find(remedy), std::string::npos) << line;
-        EXPECT_EQ(outcome.errors.find("analytics-host: "), lineEnd + 1) << outcome.errors;
+        EXPECT_EQ(outcome.errors.find("whole run\n"), lineEnd + 1) << outcome.errors;
+        EXPECT_NE(outcome.errors.find("  engine       threads\n"), std::string::npos);
         EXPECT_EQ(outcome.countedIos(), outcome.completedIos());
 
         // A file as large as this one would be refused, had it come to that.

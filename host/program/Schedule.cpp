@@ -11,11 +11,10 @@
 
 namespace {
 
-const char* const intervalTweak = "t_StorageAnalyticsIntervalSec";
-constexpr u32 defaultIntervalSecs = 5; // a demonstration should not take a day
+constexpr u32 demonstrationSecs = 5; // a demonstration should not take a day
 
 u32 intervalSecs() {
-    return Tweaks::instance()->uintVal(intervalTweak, DefaultTweakValue<unsigned int>());
+    return Tweaks::instance()->uintVal(intervalTunable, DefaultTweakValue<unsigned int>());
 }
 
 // A policy that reads the given clock in place of the system's.
@@ -57,12 +56,12 @@ void writeMoment(std::ostream& out, time_t moment) {
 } // namespace
 
 std::unique_ptr<TweaksFile> loadTweaks(const Options& options) {
-    Tweaks::instance()->set(intervalTweak,
-                            std::to_string(options.intervalSecs.value_or(defaultIntervalSecs)));
+    Tweaks::instance()->set(intervalTunable,
+                            std::to_string(options.intervalSecs.value_or(demonstrationSecs)));
     if (options.tweaksFile.empty()) {
         return nullptr;
     }
-    const std::vector<std::string> pinned(options.intervalSecs ? 1 : 0, intervalTweak);
+    const std::vector<std::string> pinned(options.intervalSecs ? 1 : 0, intervalTunable);
     auto file = std::make_unique<TweaksFile>(options.tweaksFile, pinned);
     file->load();
     return file;

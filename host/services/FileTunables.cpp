@@ -8,17 +8,15 @@
 
 namespace {
 
-constexpr const char* intervalName = "t_StorageAnalyticsIntervalSec";
-constexpr unsigned int defaultIntervalSec = 86400;
 constexpr u32 maxU32 = std::numeric_limits<u32>::max();
 
 u32 getInterval() {
     return Singleton<Tweaks, Tweaks>::instance()->uintVal(
-        intervalName, DefaultTweakValue<unsigned int>(defaultIntervalSec));
+        intervalTunable, DefaultTweakValue<unsigned int>(defaultIntervalSecs));
 }
 
 void setInterval(u32 value) {
-    Singleton<Tweaks, Tweaks>::instance()->set(intervalName, std::to_string(value));
+    Singleton<Tweaks, Tweaks>::instance()->set(intervalTunable, std::to_string(value));
 }
 
 template <auto Field>
@@ -40,8 +38,7 @@ constexpr FileTunable micros(const char* name) {
 } // namespace
 
 const std::array<FileTunable, fileTunableCount> fileTunables = {
-    // The timer takes milliseconds in 32 bits.
-    FileTunable{intervalName, TunableKind::Number, 1, maxU32 / OneSecondInMs, false, getInterval,
+    FileTunable{intervalTunable, TunableKind::Number, 1, mostIntervalSecs, false, getInterval,
                 setInterval},
     FileTunable{"t_disablePeriodicAnalytics", TunableKind::Flag, 0, 1, true,
                 getField<&DynamicTweaks::t_disablePeriodicAnalytics>,

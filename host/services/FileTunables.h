@@ -4,7 +4,13 @@
 
 #include <array>
 #include <cstddef>
+#include <limits>
 #include <string>
+
+// The interval between reports, in seconds. The timer takes milliseconds in 32 bits.
+constexpr const char* intervalTunable = "t_StorageAnalyticsIntervalSec";
+constexpr u32 defaultIntervalSecs = 86400;
+constexpr u32 mostIntervalSecs = std::numeric_limits<u32>::max() / OneSecondInMs;
 
 enum class TunableKind { Flag, Number };
 

@@ -5,6 +5,7 @@
 #include "common/infra/Singleton.h"
 #include "common/infra/TrackedAllocation.h"
 #include "common/infra/Tweaks.h"
+#include "host/services/FileTunables.h"
 #include "host/services/StorageEntries.h"
 
 #include <array>
@@ -12,7 +13,6 @@
 
 namespace {
 
-constexpr unsigned int defaultIntervalSecs = 86400;
 constexpr std::array<const char*, 5> classKeys = {"cm1", "cm2", "cm3", "cm4", "cm5"};
 
 const char* comparisonKey(u32 ofPeriod, u32 live) {
@@ -43,7 +43,7 @@ StorageSetGenerator::StorageSetGenerator(const std::string& eventName, const std
 
 IAnalyticsSchedulingPolicy* StorageSetGenerator::createPolicy() {
     const u32 intervalSecs = Singleton<Tweaks, Tweaks>::instance()->uintVal(
-        "t_StorageAnalyticsIntervalSec", DefaultTweakValue<unsigned int>(defaultIntervalSecs));
+        intervalTunable, DefaultTweakValue<unsigned int>(defaultIntervalSecs));
     return TRACKED_NEW(FixedFrequencySchedulingPolicy)(intervalSecs);
 }
 
