@@ -197,7 +197,7 @@ void LoadGenerator::countResult(const Slot& slot, int result) {
     const bool isRead = slot.operation == IoRequest::Read;
     ++(isRead ? m_counts.reads : m_counts.writes);
     const u64 nowNs = monotonicNs();
-    if (result == static_cast<int>(slot.length)) {
+    if (!slot.failed) {
         m_failureLog.succeeded(nowNs);
         return;
     }

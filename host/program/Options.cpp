@@ -41,8 +41,8 @@ const char* const description =
     "writes on a scratch file, and writes each report to standard output. The log\n"
     "goes to standard error. SIGINT or SIGTERM closes and reports the running period;\n"
     "a second signal ends at once. SIGHUP reopens the file of --output; without it,\n"
-    "it stops like SIGTERM. So does the first report that cannot be written. A summary\n"
-    "of the whole run comes last, on standard error.";
+    "it stops like SIGTERM. So does the first report that cannot be written. A\n"
+    "summary of the whole run comes last, on standard error.";
 
 const char* const footer =
     "Exit codes: 0 done; 1 something failed, an I/O or a write; 2 bad command line;\n"

@@ -111,7 +111,7 @@ std::string RunSummary::text() const {
     writeClasses(out, totals);
     writePercentiles(out, totals.highest);
     writeRow(out, "episodes",
-             fmt::format("{} of high latency, longest {} ms (a period's end divides one)",
+             fmt::format("{}, longest {} ms (of high latency; a period's end divides one)",
                          totals.episodes, totals.longestEpisodeMs));
     writeRow(out, "periods", std::to_string(totals.periods));
     writeRow(out, "duration", fmt::format("{} s", static_cast<double>(durationMs) / OneSecondInMs));

@@ -24,7 +24,7 @@ WaitNotice::WaitNotice(std::function<std::string()> what, std::chrono::milliseco
         return;
     }
     try {
-        m_thread = std::thread(&WaitNotice::tell, this, after);
+        m_thread = std::thread(&WaitNotice::tell, this, Clock::now() + after);
     } catch (const std::system_error&) {
         return; // what is waited for does not depend on it
     }
@@ -41,9 +41,8 @@ WaitNotice::~WaitNotice() {
     }
 }
 
-void WaitNotice::tell(std::chrono::milliseconds after) {
+void WaitNotice::tell(Clock::time_point next) {
     bool isShown = false;
-    auto next = std::chrono::steady_clock::now() + after;
     std::unique_lock<std::mutex> lock(m_mutex);
     while (!m_ended.wait_until(lock, next, [this] { return m_isOver; })) {
         lock.unlock();

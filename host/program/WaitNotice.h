@@ -20,7 +20,9 @@ public:
     WaitNotice& operator=(const WaitNotice&) = delete;
 
 private:
-    void tell(std::chrono::milliseconds after);
+    using Clock = std::chrono::steady_clock;
+
+    void tell(Clock::time_point next);
 
     const std::function<std::string()> m_what;
     std::mutex m_mutex;
