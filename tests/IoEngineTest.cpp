@@ -6,6 +6,7 @@
 #include "host/services/Clock.h"
 #include "host/services/StorageLatency.h"
 #include "host/testing/Installed.h"
+#include "host/testing/RecordingLog.h"
 #include "tests/support/RefuseCall.h"
 
 #include <fcntl.h>
@@ -360,6 +361,32 @@ TEST_P(IoEngineTest, WhatIsRefusedAtTheOpeningIsLeftToThreadsWhereThatIsAllowed)
     open(file, 1);
     EXPECT_EQ(engine.kind(), GetParam());
     EXPECT_TRUE(run());
+}
+
+TEST(AvailableEngineTest, WhereIoUringIsRefusedThreadsServe) {
+    const std::tuple<long, int, const char*, const char*> rows[] = {
+        {SYS_io_uring_setup, EPERM, "Operation not permitted", "kernel.io_uring_disabled=0"},
+        {SYS_io_uring_setup, ENOSYS, "Function not implemented", "a kernel that has it"},
+        {SYS_io_uring_setup, ENOMEM, "Cannot allocate memory", "ulimit -l"},
+        {SYS_io_uring_register, EACCES, "Permission denied", "admits io_uring_setup"},
+        {SYS_io_uring_enter, EBUSY, "Device or resource busy", "at another time"},
+        {SYS_io_uring_enter, EAGAIN, "temporarily unavailable", "at another time"}};
+    for (const auto& row : rows) {
+        std::thread([&row] {
+            const auto& [call, error, message, remedy] = row;
+            const RecordingLog log;
+            ASSERT_TRUE(refuseCall(static_cast<u32>(call), static_cast<u32>(error)));
+            EXPECT_EQ(IoEngine::available(IoEngine::Kind::Threads, 8), IoEngine::Kind::Threads);
+            EXPECT_THROW(IoEngine::available(IoEngine::Kind::IoUring, 8), std::system_error);
+            EXPECT_EQ(log.lines().size(), 0U);
+            EXPECT_EQ(IoEngine::available(IoEngine::Kind::Automatic, 8), IoEngine::Kind::Threads);
+            ASSERT_EQ(log.texts(WarnLevel).size(), 1U);
+            for (const char* part :
+                 {"threads make the I/Os: io_uring is refused", message, remedy}) {
+                EXPECT_NE(log.texts(WarnLevel)[0].find(part), std::string::npos) << part;
+            }
+        }).join();
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(, IoEngineTest,
