@@ -54,7 +54,7 @@ public:
         IoUring,
         Threads // that make one I/O at a time, up to 64 of them
     };
-    struct Options {
+    struct Setup {
         int file = -1;               // open file descriptor; stays the caller's
         u32 queueDepth = 1;          // I/Os in the kernel at a time; more of them wait in order
         void* buffers = nullptr;     // memory that holds the requests' buffers, for io_uring to
@@ -75,7 +75,7 @@ public:
     // Starts the engine's threads. Throws std::system_error if the kernel refuses: io_uring where
     // that was asked for, the file, or a thread. Throws std::logic_error if the engine is open or
     // the queue depth is not 1 to 32767.
-    void open(const Options& options);
+    void open(const Setup& setup);
     // Submits I/Os, many in one batch. RC_WRONG_OBJECT_STATE, with nothing taken, unless open. Any
     // thread, also from inside a completion.
     RcStatus submit(IoRequest& request);
@@ -88,8 +88,8 @@ public:
     Kind kind() const;
 
 private:
-    void openAutomatic(const Options& options);
-    void openAs(Kind kind, const Options& options);
+    void openAutomatic(const Setup& setup);
+    void openAs(Kind kind, const Setup& setup);
 
     // Kept until the end, also when closed: a submit() may be late.
     std::unique_ptr<IoBackend> m_ring;

@@ -3,7 +3,7 @@
 #include "common/infra/Tweaks.h"
 #include "host/program/DayList.h"
 #include "host/program/ExitCodes.h"
-#include "host/services/FileTunables.h"
+#include "host/services/ReportInterval.h"
 
 #include <CLI/CLI.hpp>
 
@@ -132,9 +132,9 @@ void addOptions(CLI::App& app, Options& options) {
 void addScheduleOptions(CLI::App& app, Options& options) {
     auto* interval =
         app.add_option("--interval", options.intervalSecs,
-                       "Seconds between reports, 1 to " + std::to_string(mostIntervalSecs) +
-                           " (default 5, or " + intervalTunable + " of --tweaks)")
-            ->check(wholeNumber(1, mostIntervalSecs))
+                       "Seconds between reports, 1 to " + std::to_string(maxReportIntervalSec) +
+                           " (default 5, or " + reportIntervalName + " of --tweaks)")
+            ->check(wholeNumber(1, maxReportIntervalSec))
             ->option_text("SECONDS");
     auto* days = app.add_option_function<std::string>(
                         "--days",

@@ -2,6 +2,7 @@
 
 #include "common/infra/DynamicTweaks.h"
 #include "common/infra/Tweaks.h"
+#include "host/services/ReportInterval.h"
 
 #include <algorithm>
 #include <limits>
@@ -12,11 +13,11 @@ constexpr u32 maxU32 = std::numeric_limits<u32>::max();
 
 u32 getInterval() {
     return Singleton<Tweaks, Tweaks>::instance()->uintVal(
-        intervalTunable, DefaultTweakValue<unsigned int>(defaultIntervalSecs));
+        reportIntervalName, DefaultTweakValue<unsigned int>(defaultReportIntervalSec));
 }
 
 void setInterval(u32 value) {
-    Singleton<Tweaks, Tweaks>::instance()->set(intervalTunable, std::to_string(value));
+    Singleton<Tweaks, Tweaks>::instance()->set(reportIntervalName, std::to_string(value));
 }
 
 template <auto Field>
@@ -38,7 +39,7 @@ constexpr FileTunable micros(const char* name) {
 } // namespace
 
 const std::array<FileTunable, fileTunableCount> fileTunables = {
-    FileTunable{intervalTunable, TunableKind::Number, 1, mostIntervalSecs, false, getInterval,
+    FileTunable{reportIntervalName, TunableKind::Number, 1, maxReportIntervalSec, false, getInterval,
                 setInterval},
     FileTunable{"t_disablePeriodicAnalytics", TunableKind::Flag, 0, 1, true,
                 getField<&DynamicTweaks::t_disablePeriodicAnalytics>,
@@ -58,7 +59,7 @@ FileTunableValues fileTunablesInForce() {
     return values;
 }
 
-std::string toText(const FileTunable& tunable, u32 value) {
+std::string valueText(const FileTunable& tunable, u32 value) {
     if (tunable.kind == TunableKind::Flag) {
         return value != 0 ? "true" : "false";
     }

@@ -4,13 +4,7 @@
 
 #include <array>
 #include <cstddef>
-#include <limits>
 #include <string>
-
-// The interval between reports, in seconds. The timer takes milliseconds in 32 bits.
-constexpr const char* intervalTunable = "t_StorageAnalyticsIntervalSec";
-constexpr u32 defaultIntervalSecs = 86400;
-constexpr u32 mostIntervalSecs = std::numeric_limits<u32>::max() / OneSecondInMs;
 
 enum class TunableKind { Flag, Number };
 
@@ -35,4 +29,4 @@ using FileTunableValues = std::array<u32, fileTunableCount>;
 extern const std::array<FileTunable, fileTunableCount> fileTunables;
 
 FileTunableValues fileTunablesInForce();
-std::string toText(const FileTunable& tunable, u32 value);
+std::string valueText(const FileTunable& tunable, u32 value);
