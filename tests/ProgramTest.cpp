@@ -353,7 +353,7 @@ TEST_F(ProgramTest, WhatHappenedIsSaid) {
         {0, "--path /dev/shm", "$run >out", "'/dev/shm' is on a file system in memory: the lat"},
         {0, "--path disk --rate 1000000 --queue-depth 1", "$run >out",
          " of the 1000000 I/Os per second that were asked for\n"},
-        {0, "--path disk --rate 100", "$run >out", "0 lost\n"},
+        {0, "--path disk --rate 2", "$run >out", "0 lost\n"},
         {0, "--path disk --rate 100 --max-ios 1", "$run >out", "0 lost\n"},
         {3, "--path disk --output /dev/full", "$run", "cannot write to '/dev/full': No space"},
         {3, "--path disk", "$run >&-", "cannot write to standard output"},

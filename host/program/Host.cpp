@@ -218,13 +218,13 @@ RunSummary Host::summary() const {
             m_ioEngine, m_options};
 }
 
-// Where a rate was asked for and not reached, within a twentieth.
+// Where a rate was asked for and not reached, within a twentieth and the I/O that is due next.
 std::string Host::rateShortfall(const LoadGenerator::Counts& ios) const {
     const double seconds = static_cast<double>(m_loadEndNs - m_loadStartNs) / nsPerSecond;
-    const double made = static_cast<double>(ios.completed()) / seconds;
-    if (m_options.rate == 0 || made >= 0.95 * m_options.rate || m_options.maxIos) {
+    const double made = static_cast<double>(ios.completed());
+    if (m_options.rate == 0 || made + 1 >= 0.95 * m_options.rate * seconds || m_options.maxIos) {
         return "";
     }
-    return "; " + std::to_string(static_cast<u64>(made)) + " of the " +
+    return "; " + std::to_string(static_cast<u64>(made / seconds)) + " of the " +
            std::to_string(m_options.rate) + " I/Os per second that were asked for";
 }
