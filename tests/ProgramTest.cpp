@@ -358,7 +358,7 @@ TEST_F(ProgramTest, WhatHappenedIsSaid) {
         {3, "--path disk --output /dev/full", "$run", "cannot write to '/dev/full': No space"},
         {3, "--path disk", "$run >&-", "cannot write to standard output"},
         {3, "--path disk", "{ $run; echo $? >code; } | true; exit $(cat code)",
-         "0 parcels written, 2 lost\n"}};
+         "0 parcels written, 2 lost"}};
     for (const auto& [code, options, around, part] : rows) {
         const Outcome outcome =
             run(options + std::string(" --size 1M --interval 1 --reports 1"), around);

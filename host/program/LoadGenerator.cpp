@@ -64,23 +64,28 @@ LoadGenerator::~LoadGenerator() {
 }
 
 void LoadGenerator::start(int file, u64 fileSize) {
-    const std::lock_guard<std::mutex> oneAtATime(m_lifeMutex);
-    m_blocks = fileSize / m_load.blockSize;
+    const CheckedLock oneAtATime(m_lifeMutex);
+    {
+        const CheckedLock lock(m_mutex);
+        m_blocks = fileSize / m_load.blockSize;
+    }
     m_engine.open({file, m_load.queueDepth, m_buffers.data(), m_buffers.size(), m_load.ioEngine});
     if (m_load.rate != 0) {
         m_pacer = std::thread(&LoadGenerator::pace, this);
     } else {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const CheckedLock lock(m_mutex);
         issue(m_slots.size());
     }
 }
 
 void LoadGenerator::stop() {
-    const std::lock_guard<std::mutex> oneAtATime(m_lifeMutex);
-    std::unique_lock<std::mutex> lock(m_mutex);
+    const CheckedLock oneAtATime(m_lifeMutex);
+    CheckedLock lock(m_mutex);
     m_stopping = true;
     m_changed.notify_all();
-    m_changed.wait(lock, [this] { return m_idle.size() == m_slots.size(); });
+    while (!areAllIdle()) {
+        m_changed.wait(lock);
+    }
     std::thread pacer = std::move(m_pacer);
     lock.unlock();
     if (pacer.joinable()) {
@@ -90,22 +95,24 @@ void LoadGenerator::stop() {
 }
 
 void LoadGenerator::waitUntilIdle() {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_changed.wait(lock, [this] { return !mayIssue() && m_idle.size() == m_slots.size(); });
+    CheckedLock lock(m_mutex);
+    while (mayIssue() || !areAllIdle()) {
+        m_changed.wait(lock);
+    }
 }
 
 u64 LoadGenerator::inFlight() const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     return m_slots.size() - m_idle.size();
 }
 
 LoadGenerator::Counts LoadGenerator::counts() const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     return m_counts;
 }
 
 LoadGenerator::Maxima LoadGenerator::maxima() const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     return {m_longestIoUs, m_deepestQueue};
 }
 
@@ -120,11 +127,11 @@ void LoadGenerator::pace() {
     const double dueAtABeat = std::chrono::duration<double>(beat).count() * m_load.rate;
     const double mostOwed = std::max(m_load.queueDepth, m_load.rate / 10);
 
-    std::unique_lock<std::mutex> lock(m_mutex);
+    CheckedLock lock(m_mutex);
     auto next = Clock::now() + beat;
     while (mayIssue()) {
-        if (m_changed.wait_until(lock, next, [this] { return m_stopping; })) {
-            return;
+        if (m_changed.wait_until(lock, next) == std::cv_status::no_timeout) {
+            continue; // stopping, or woken for nothing
         }
         const auto late = (Clock::now() - next) / beat;
         next += (late + 1) * beat;
@@ -133,7 +140,6 @@ void LoadGenerator::pace() {
     }
 }
 
-// With the mutex held.
 void LoadGenerator::issueOwed() {
     if (m_owed >= 1) {
         const u64 issuedBefore = m_issued;
@@ -142,12 +148,11 @@ void LoadGenerator::issueOwed() {
     }
 }
 
-// With the mutex held.
 bool LoadGenerator::mayIssue() const {
     return !m_stopping && m_issued < m_load.maxIos.value_or(~u64{0});
 }
 
-// With the mutex held: hands over up to `count` I/Os.
+// Hands over up to `count` I/Os.
 void LoadGenerator::issue(u64 count) {
     m_batch.clear();
     while (m_batch.size() < count && mayIssue() && !m_idle.empty()) {
@@ -169,7 +174,6 @@ void LoadGenerator::issue(u64 count) {
     m_deepestQueue.update(m_slots.size() - m_idle.size());
 }
 
-// With the mutex held.
 void LoadGenerator::aim(Slot& slot) {
     const bool reads = m_random() % 100 < m_load.readPercent;
     slot.operation = reads ? IoRequest::Read : IoRequest::Write;
@@ -182,17 +186,16 @@ void LoadGenerator::ioCompleted(IoRequest& request, int result) {
 }
 
 void LoadGenerator::completed(Slot& slot, int result) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     countResult(slot, result);
     m_longestIoUs.update(slot.latencyNs / 1'000);
     m_idle.push_back(&slot);
     m_load.rate == 0 ? issue(1) : issueOwed();
-    if (!mayIssue() && m_idle.size() == m_slots.size()) {
+    if (!mayIssue() && areAllIdle()) {
         m_changed.notify_all();
     }
 }
 
-// With the mutex held.
 void LoadGenerator::countResult(const Slot& slot, int result) {
     const bool isRead = slot.operation == IoRequest::Read;
     ++(isRead ? m_counts.reads : m_counts.writes);

@@ -32,7 +32,7 @@ WaitNotice::WaitNotice(std::function<std::string()> what, std::chrono::milliseco
 
 WaitNotice::~WaitNotice() {
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const CheckedLock lock(m_mutex);
         m_isOver = true;
     }
     m_ended.notify_all();
@@ -43,15 +43,18 @@ WaitNotice::~WaitNotice() {
 
 void WaitNotice::tell(Clock::time_point next) {
     bool isShown = false;
-    std::unique_lock<std::mutex> lock(m_mutex);
-    while (!m_ended.wait_until(lock, next, [this] { return m_isOver; })) {
-        lock.unlock();
+    for (; !isOverBy(next); next += std::chrono::seconds(1)) {
         show("analytics-host: " + m_what());
         isShown = true;
-        next += std::chrono::seconds(1);
-        lock.lock();
     }
     if (isShown) {
         show("");
     }
+}
+
+bool WaitNotice::isOverBy(Clock::time_point moment) {
+    CheckedLock lock(m_mutex);
+    while (!m_isOver && m_ended.wait_until(lock, moment) == std::cv_status::no_timeout) {
+    }
+    return m_isOver;
 }

@@ -1,9 +1,10 @@
 #pragma once
 
+#include "common/infra/Lock.h"
+
 #include <chrono>
 #include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -23,10 +24,11 @@ private:
     using Clock = std::chrono::steady_clock;
 
     void tell(Clock::time_point next);
+    bool isOverBy(Clock::time_point moment);
 
     const std::function<std::string()> m_what;
-    std::mutex m_mutex;
+    CheckedMutex m_mutex;
     std::condition_variable m_ended;
-    bool m_isOver = false; // under the mutex
+    bool m_isOver ANALYTICS_GUARDED_BY(m_mutex) = false;
     std::thread m_thread;
 };
