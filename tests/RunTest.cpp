@@ -17,6 +17,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <iomanip>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -167,9 +168,9 @@ TEST_F(ScheduleTest, TheRunKeepsTheDaysThatAreShown) {
         } while (now / 3'600 != time(nullptr) / 3'600);
         showSchedule(options, now, shown);
         now += static_cast<time_t>(delayMs / OneSecondInMs);
-        char moment[32];
-        strftime(moment, sizeof moment, "%a %Y-%m-%d %H:%M:%S", gmtime(&now));
-        EXPECT_EQ(shown.str().find(moment), 0U) << shown.str() << moment;
+        std::ostringstream moment;
+        moment << std::put_time(gmtime(&now), "%a %Y-%m-%d %H:%M:%S");
+        EXPECT_EQ(shown.str().find(moment.str()), 0U) << shown.str() << moment.str();
     }
 }
 
@@ -261,14 +262,15 @@ TEST(RunSummaryTest, BoundsThatChangedAreNotShown) {
 class StopRequestTest : public testing::Test {
 protected:
     void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+    static void send(int signal) { EXPECT_EQ(raise(signal), 0); }
 };
 
 TEST_F(StopRequestTest, ASignalAsksToStop) {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         StopRequest stop;
         EXPECT_FALSE(stop.isRequested());
-        raise(signal);
-        raise(signal); // at once again: the same one
+        send(signal);
+        send(signal); // at once again: the same one
         stop.wait();
         EXPECT_TRUE(stop.isRequested());
         EXPECT_EQ(stop.signal(), signal);
@@ -284,8 +286,8 @@ TEST_F(StopRequestTest, TheProgramsOwnRequestIsNoSignal) {
 
 TEST_F(StopRequestTest, AHangUpIsPassedOn) {
     int hangUps = 0;
-    StopRequest stop([&] { ++hangUps < 3 ? static_cast<void>(raise(SIGHUP)) : stop.request(); });
-    raise(SIGHUP);
+    StopRequest stop([&] { ++hangUps < 3 ? send(SIGHUP) : stop.request(); });
+    send(SIGHUP);
     stop.wait();
     EXPECT_EQ(hangUps, 3);
     EXPECT_EQ(stop.signal(), 0);
@@ -297,8 +299,8 @@ TEST_F(StopRequestTest, AnotherSignalEndsTheProcess) {
         EXPECT_EXIT(
             {
                 StopRequest stop([] {});
-                first == 0 ? stop.request() : static_cast<void>(raise(first));
-                raise(second);
+                first == 0 ? stop.request() : send(first);
+                send(second);
             },
             testing::ExitedWithCode(128 + second), "");
     }
@@ -306,13 +308,13 @@ TEST_F(StopRequestTest, AnotherSignalEndsTheProcess) {
 
 TEST_F(StopRequestTest, WhatWasIgnoredStaysSoButForTerm) {
     for (const int signal : {SIGINT, SIGHUP, SIGTERM}) {
-        std::signal(signal, SIG_IGN);
+        EXPECT_NE(std::signal(signal, SIG_IGN), SIG_ERR);
         {
             StopRequest stop;
-            raise(signal);
+            send(signal);
             EXPECT_EQ(stop.isRequested(), signal == SIGTERM) << signal;
         }
-        std::signal(signal, SIG_DFL);
+        EXPECT_NE(std::signal(signal, SIG_DFL), SIG_ERR);
     }
 }
 

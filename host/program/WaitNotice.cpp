@@ -1,5 +1,6 @@
 #include "host/program/WaitNotice.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -42,6 +43,7 @@ WaitNotice::~WaitNotice() {
 }
 
 void WaitNotice::tell(Clock::time_point next) {
+    pthread_setname_np(pthread_self(), "notice");
     bool isShown = false;
     for (; !isOverBy(next); next += std::chrono::seconds(1)) {
         show("analytics-host: " + m_what());
