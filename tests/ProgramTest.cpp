@@ -214,15 +214,6 @@ TEST_F(ProgramTest, WhereIoUringIsRefusedThreadsServe) {
     EXPECT_EQ(outcome.countedIos(), outcome.completedIos());
 }
 
-// A file as large as this one would be refused, had it come to that.
-TEST_F(ProgramTest, AnEngineThatIsRefusedIsSaidBeforeTheScratchFileIsFilled) {
-    const Outcome outcome = run("--path disk --io-engine io_uring --size 4000000G",
-                                refusing(SYS_io_uring_setup, EPERM) + "$run");
-    EXPECT_EQ(outcome.exitCode, 1);
-    EXPECT_EQ(outcome.errors.find("analytics-host: io_uring is refused"), 0U) << outcome.errors;
-    EXPECT_EQ(std::count(outcome.errors.begin(), outcome.errors.end(), '\n'), 1);
-}
-
 // It refuses to take more than one I/O at a time, which is what a start tries.
 TEST_F(ProgramTest, AKernelThatStaysShortOfResourcesIsNotAskedWithoutPause) {
     const long before = processorMs();
@@ -339,29 +330,33 @@ TEST_F(ProgramTest, AFailedIoIsAFailure) {
     EXPECT_NE(outcome.errors.find("9 I/Os (0 reads, 9 writes, 9 failed)"), std::string::npos);
 }
 
-TEST_F(ProgramTest, TunablesKeepReportsBack) {
-    const Outcome outcome = run(onDisk + "--reports 1 --tweaks off.toml --output out",
-                                "echo t_disablePeriodicAnalytics=true >off.toml && $run");
+TEST_F(ProgramTest, TunablesTakeEffectWhileItRuns) {
+    std::ofstream(folder + "/off.toml") << "";
+    const Outcome outcome =
+        run(onDisk + "--reports 3 --tweaks off.toml",
+            "mkfifo pipe && { $run >pipe & } && { head -n 1; "
+            "echo t_disablePeriodicAnalytics=true >off.toml; cat; } <pipe >out; wait $!");
     EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
-    EXPECT_TRUE(outcome.reports.empty());
+    EXPECT_GE(outcome.reports.size(), 1U);
+    EXPECT_LT(outcome.reports.size(), 3U);
     EXPECT_EQ(outcome.last["eventName"], "HostMaximaParcel");
 }
 
 // Each row is a run of a second: its exit code, options, what goes round it, what it says.
 TEST_F(ProgramTest, WhatHappenedIsSaid) {
     const std::tuple<int, const char*, std::string, const char*> rows[] = {
-        {0, "--path /dev/shm", "$run >out", "'/dev/shm' is on a file system in memory: the lat"},
-        {0, "--path disk --rate 1000000 --queue-depth 1", "$run >out",
+        {0, "--reports 1 --path /dev/shm", "$run >out",
+         "'/dev/shm' is on a file system in memory: the lat"},
+        {0, "--path disk --reports 1 --rate 1000000 --queue-depth 1", "$run >out",
          " of the 1000000 I/Os per second that were asked for\n"},
-        {0, "--path disk --rate 2", "$run >out", "0 lost\n"},
-        {0, "--path disk --rate 100 --max-ios 1", "$run >out", "0 lost\n"},
+        {0, "--path disk --reports 1 --rate 2", "$run >out", "0 lost\n"},
+        {0, "--path disk --reports 1 --rate 100 --max-ios 1", "$run >out", "0 lost\n"},
         {3, "--path disk --output /dev/full", "$run", "cannot write to '/dev/full': No space"},
-        {3, "--path disk", "$run >&-", "cannot write to standard output"},
-        {3, "--path disk", "{ $run; echo $? >code; } | true; exit $(cat code)",
+        {3, "--path disk --reports 1", "$run >&-", "cannot write to standard output"},
+        {3, "--path disk --reports 1", "{ $run; echo $? >code; } | true; exit $(cat code)",
          "0 parcels written, 2 lost"}};
     for (const auto& [code, options, around, part] : rows) {
-        const Outcome outcome =
-            run(options + std::string(" --size 1M --interval 1 --reports 1"), around);
+        const Outcome outcome = run(options + std::string(" --size 1M --interval 1"), around);
         EXPECT_EQ(outcome.exitCode, code) << options << outcome.errors;
         EXPECT_NE(outcome.errors.find(part), std::string::npos) << outcome.errors;
     }
@@ -377,6 +372,9 @@ TEST_F(ProgramTest, WhatCannotBeDoneIsSaidInOneLine) {
         {1, "--log /proc/none/log", "$run", "/proc/none/log"},
         {1, "--output /proc/none/out", "$run", "cannot open '/proc/none/out'"},
         {1, "--show-schedule 1", "$run >/dev/full", "cannot write the schedule"},
+        // A file as large as this one would be refused, had it come to that.
+        {1, "--path disk --io-engine io_uring --size 4000000G",
+         refusing(SYS_io_uring_setup, EPERM) + "$run", "io_uring is refused"},
         {1, "--path disk", refusing(SYS_clone3, EAGAIN) + "$run", "cannot start the forwarder"},
         {1, "--path disk --block-size 16M --size 16M",
          refusing(SYS_pread64, EINVAL, "2 16777216") + "$run",

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -270,7 +271,8 @@ TEST_F(StopRequestTest, ASignalAsksToStop) {
         StopRequest stop;
         EXPECT_FALSE(stop.isRequested());
         send(signal);
-        send(signal); // at once again: the same one
+        poll(nullptr, 0, 20);
+        send(signal); // so soon again: the same one
         stop.wait();
         EXPECT_TRUE(stop.isRequested());
         EXPECT_EQ(stop.signal(), signal);
@@ -278,10 +280,13 @@ TEST_F(StopRequestTest, ASignalAsksToStop) {
 }
 
 TEST_F(StopRequestTest, TheProgramsOwnRequestIsNoSignal) {
-    StopRequest stop;
-    stop.request();
-    stop.wait();
-    EXPECT_EQ(stop.signal(), 0);
+    {
+        StopRequest stop;
+        stop.request();
+        stop.wait();
+        EXPECT_EQ(stop.signal(), 0);
+    }
+    EXPECT_EQ(std::signal(SIGTERM, SIG_DFL), SIG_DFL) << "the handler is still there";
 }
 
 TEST_F(StopRequestTest, AHangUpIsPassedOn) {
