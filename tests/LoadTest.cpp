@@ -251,7 +251,7 @@ TEST_F(LoadGeneratorTest, AnIoThatMovesLessHasFailed) {
 
 TEST_F(LoadGeneratorTest, BuffersThatCannotBeHadAreNamed) {
     try {
-        LoadGenerator({~511U, ~0U, 0, 0, 0, IoEngine::Kind::Automatic});
+        const LoadGenerator load({~511U, ~0U, 0, 0, 0, IoEngine::Kind::Automatic});
         ADD_FAILURE();
     } catch (const std::runtime_error& error) {
         EXPECT_EQ(std::string(error.what()).find("no memory for 4294967295 buffers of 4294966784"),
