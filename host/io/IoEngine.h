@@ -36,12 +36,12 @@ private:
     friend class IoQueue;
     IoRequest* m_previous = nullptr;
     IoRequest* m_next = nullptr;
-    u64 m_handedOverNs = 0;
+    u64 m_submittedNs = 0;
 };
 
 // Makes asynchronous reads and writes of one file and counts them in the process's AIO service,
-// from the hand-over to the kernel until the completion is seen. The oldest I/O in flight is known
-// there too, so that a stall shows while it lasts.
+// from the submission to the kernel until the completion is seen. AIO also knows the oldest I/O in
+// flight, so a stall shows while it lasts.
 //
 //     engine.open({fd, 32});
 //     engine.submit(request); // any thread; `completed` is called on one of the engine's
@@ -62,9 +62,9 @@ public:
         Kind kind = Kind::Automatic;
     };
 
-    // What open() can be asked for here, found out by setting io_uring up for a moment. Where
-    // io_uring is refused: Threads in place of Automatic, and one line of the log tells the reason
-    // and the remedy. Otherwise what was asked for. Throws as open() does.
+    // The kind that open() would use here, found by setting io_uring up for a moment. If io_uring
+    // is refused, Automatic becomes Threads, and one log line tells the reason and the remedy.
+    // Throws as open() does.
     static Kind available(Kind kind, u32 queueDepth);
 
     IoEngine();
@@ -84,14 +84,14 @@ public:
     // a completion.
     void close();
 
-    // What is in use; Automatic unless open. Of the thread that opens and closes.
+    // The kind in use; Automatic unless open. Call it on the thread that opens and closes.
     Kind kind() const;
 
 private:
     void openAutomatic(const Setup& setup);
     void openAs(Kind kind, const Setup& setup);
 
-    // Kept until the end, also when closed: a submit() may be late.
+    // Kept when closed, because a late submit() may still use them.
     std::unique_ptr<IoBackend> m_ring;
     std::unique_ptr<IoBackend> m_pool;
     Kind m_kind = Kind::Automatic;

@@ -39,8 +39,8 @@ constexpr FileTunable micros(const char* name) {
 } // namespace
 
 const std::array<FileTunable, fileTunableCount> fileTunables = {
-    FileTunable{reportIntervalName, TunableKind::Number, 1, maxReportIntervalSec, false, getInterval,
-                setInterval},
+    FileTunable{reportIntervalName, TunableKind::Number, 1, maxReportIntervalSec, false,
+                getInterval, setInterval},
     FileTunable{"t_disablePeriodicAnalytics", TunableKind::Flag, 0, 1, true,
                 getField<&DynamicTweaks::t_disablePeriodicAnalytics>,
                 setField<&DynamicTweaks::t_disablePeriodicAnalytics>},
