@@ -27,7 +27,9 @@ protected:
 
     static void count(AIO& aio, IoRequest& request, int result, u64 nowNs) {
         request.latencyNs = nowNs - request.m_submittedNs;
-        result < 0 ? aio.countFailedIo(request.latencyNs) : aio.countIo(request.latencyNs);
+        request.failed = result < 0 || (request.operation != IoRequest::NoOp &&
+                                        static_cast<u32>(result) < request.length);
+        request.failed ? aio.countFailedIo(request.latencyNs) : aio.countIo(request.latencyNs);
     }
 };
 

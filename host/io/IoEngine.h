@@ -18,8 +18,8 @@ struct IoRequest {
         NoOp // goes the whole way but touches no storage
     };
     // Called on a thread of the engine, for one request at a time. `result` is the number of bytes
-    // moved, which may be fewer than `length`, or a negative errno; nothing is tried again. Must
-    // not throw and should be short: completions behind it wait.
+    // moved or a negative errno; nothing is tried again. Must not throw and should be short:
+    // completions behind it wait.
     using Completed = void (*)(IoRequest& request, int result);
 
     Operation operation = Read;
@@ -27,7 +27,9 @@ struct IoRequest {
     u64 offset = 0; // bytes from the start of the file
     void* buffer = nullptr;
     Completed completed = nullptr;
-    u64 latencyNs = 0; // written by the engine before it calls `completed`
+    // Written by the engine before it calls `completed`.
+    u64 latencyNs = 0;
+    bool failed = false; // an error, or fewer bytes than `length`; it is counted as such
 
 private:
     friend class IoBackend;

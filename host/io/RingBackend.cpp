@@ -88,7 +88,7 @@ bool isTaken(int result) {
     std::abort();
 }
 
-void setUpRing(io_uring& ring, u32 queueDepth) {
+void initRing(io_uring& ring, u32 queueDepth) {
     // The best first: kernel 6.1 has the first, 5.19 the second.
     constexpr unsigned flavours[] = {IORING_SETUP_SINGLE_ISSUER | IORING_SETUP_DEFER_TASKRUN,
                                      IORING_SETUP_COOP_TASKRUN, 0};
@@ -105,27 +105,39 @@ void setUpRing(io_uring& ring, u32 queueDepth) {
     }
 }
 
-// Makes each system call that a real ring needs.
-int tryRing(io_uring& ring) {
-    constexpr int none = -1;
-    const int error = io_uring_register_files(&ring, &none, 1);
-    if (error < 0) {
-        return error;
+// Makes each system call that the I/Os of the ring will make. A shortage that does not pass within
+// a quarter of a second is a refusal like any other.
+int tryRing(io_uring& ring, int file) {
+    int result = io_uring_register_files(&ring, &file, 1);
+    if (result < 0) {
+        return result;
     }
     io_uring_prep_nop(io_uring_get_sqe(&ring));
-    return io_uring_submit_and_wait(&ring, 1);
+    result = io_uring_submit_and_wait(&ring, 1);
+    for (int waitMs = shortestWaitMs; isShortage(result) && waitMs <= longestWaitMs; waitMs *= 2) {
+        poll(nullptr, 0, waitMs);
+        result = io_uring_submit_and_wait(&ring, 1);
+    }
+    io_uring_cq_advance(&ring, io_uring_cq_ready(&ring));
+    return result;
+}
+
+// A file of -1 is none.
+void setUpRing(io_uring& ring, u32 queueDepth, int file) {
+    initRing(ring, queueDepth);
+    const int result = tryRing(ring, file);
+    if (result < 0) {
+        io_uring_queue_exit(&ring);
+        throwRefusal(-result, "io_uring_register or io_uring_enter");
+    }
 }
 
 } // namespace
 
 void probeIoUring(u32 queueDepth) {
     io_uring ring{};
-    setUpRing(ring, queueDepth);
-    const int result = tryRing(ring);
+    setUpRing(ring, queueDepth, -1);
     io_uring_queue_exit(&ring);
-    if (result < 0 && !isShortage(result)) {
-        throwRefusal(-result, "io_uring_register or io_uring_enter");
-    }
 }
 
 namespace {
@@ -293,12 +305,7 @@ void RingBackend::serve(std::promise<void> opened) {
 }
 
 void RingBackend::openRing() {
-    setUpRing(m_ring, m_setup.queueDepth);
-    const int error = -io_uring_register_files(&m_ring, &m_setup.file, 1);
-    if (error != 0) {
-        io_uring_queue_exit(&m_ring);
-        throwRefusal(error, "io_uring_register of the file");
-    }
+    setUpRing(m_ring, m_setup.queueDepth, m_setup.file);
     m_buffersRegistered = registerBuffers();
 }
 
