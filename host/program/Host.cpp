@@ -106,10 +106,10 @@ ScratchFile Host::makeScratchFile() const {
         return "filling the scratch file, " + std::to_string(filled >> 20U) + " of " +
                std::to_string(size >> 20U) + " MiB";
     });
-    return ScratchFile(m_options.path, size, [&](u64 filledBytes) {
-        filled = filledBytes;
-        return !m_stopRequest.isRequested();
-    });
+    return {m_options.path, size, [&](u64 filledBytes) {
+                filled = filledBytes;
+                return !m_stopRequest.isRequested();
+            }};
 }
 
 void Host::warnOfFolder() const {
@@ -221,7 +221,7 @@ RunSummary Host::summary() const {
 // Where a rate was asked for and not reached, within a twentieth and the I/O that is due next.
 std::string Host::rateShortfall(const LoadGenerator::Counts& ios) const {
     const double seconds = static_cast<double>(m_loadEndNs - m_loadStartNs) / nsPerSecond;
-    const double made = static_cast<double>(ios.completed());
+    const auto made = static_cast<double>(ios.completed());
     if (m_options.rate == 0 || made + 1 >= 0.95 * m_options.rate * seconds || m_options.maxIos) {
         return "";
     }
