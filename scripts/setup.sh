@@ -10,6 +10,7 @@ declare -A packages=(
     [program]="liburing-dev libspdlog-dev libfmt-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev"
     [tests]="libgtest-dev libgmock-dev"
     [checks]="clang clang-format clang-tidy"
+    [packages]="dpkg-dev file"
     [benchmarks]="libbenchmark-dev libboost-dev prometheus-cpp-dev fio"
 )
 declare -A reasons=(
@@ -17,6 +18,7 @@ declare -A reasons=(
     [program]="asynchronous I/O, logging, tunables file, command line and JSON of the program"
     [tests]="test framework"
     [checks]="second compiler, formatting check and static analysis"
+    [packages]="what Debian packages are made with"
     [benchmarks]="benchmark framework, and the peers to compare with"
 )
 

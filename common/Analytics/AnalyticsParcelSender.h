@@ -5,7 +5,7 @@
 #include "common/infra/Export.h"
 
 // The door to the process-wide parcel outbox.
-class ANALYTICS_EXPORT AnalyticsParcelSender {
+class ANALYTICS_VISIBLE AnalyticsParcelSender {
 public:
     AnalyticsParcelSender() = delete;
 

@@ -18,7 +18,7 @@
 //     cd11        | u64: length of the period in seconds
 //
 // Made on tracked memory by the host, owned by the scheduler that drives it.
-class ANALYTICS_EXPORT StorageAnalyticsGenerator : public PeriodicAnalyticsGeneratorAbs {
+class ANALYTICS_VISIBLE StorageAnalyticsGenerator : public PeriodicAnalyticsGeneratorAbs {
 public:
     StorageAnalyticsGenerator();
     ~StorageAnalyticsGenerator() override = default;

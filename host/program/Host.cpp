@@ -4,13 +4,13 @@
 #include "common/Analytics/StorageAnalyticsGenerator.h"
 #include "common/infra/IParcelOutbox.h"
 #include "common/infra/Log.h"
-#include "common/infra/Singleton.h"
 #include "common/infra/Timer.h"
 #include "common/infra/TrackedAllocation.h"
 #include "host/program/ExitCodes.h"
 #include "host/program/LastReport.h"
 #include "host/program/Schedule.h"
 #include "host/services/Clock.h"
+#include "host/services/HostServices.h"
 #include "host/services/MemLedger.h"
 #include "host/services/StorageReportFinalizer.h"
 
@@ -21,12 +21,6 @@
 #include <utility>
 
 namespace {
-
-// The host's own services, where it needs more of them than their interfaces say.
-template <typename I, typename T>
-T& ownService() {
-    return static_cast<T&>(*Singleton<I, T>::instance());
-}
 
 LoadGenerator::Options loadOptions(const Options& options, const ScratchFile& file,
                                    IoEngine::Kind ioEngine) {
@@ -56,8 +50,8 @@ void sendMaxima(const LoadGenerator::Maxima& maxima) {
 
 Host::Host(const Options& options)
     : m_options(options),
-      m_timer(ownService<ITimer, Timer>()),
-      m_outbox(ownService<IParcelOutbox, ParcelOutbox>()),
+      m_timer(hostTimer()),
+      m_outbox(hostOutbox()),
       m_output(options.outputFile),
       m_stopRequest(options.outputFile.empty() ? std::function<void()>()
                                                : [this] { m_output.requestReopen(); }),

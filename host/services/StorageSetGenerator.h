@@ -1,11 +1,10 @@
 #pragma once
 
 #include "common/Analytics/PeriodicAnalyticsGeneratorAbs.h"
+#include "common/infra/AIO.h"
 #include "common/infra/Export.h"
 
 #include <string>
-
-class StorageLatency;
 
 // The periodic report of a further set of counters, such as the reads, or one device. Its parcel,
 // in category "storage" under an event name of the host's choice, has the text, value and entries

@@ -58,7 +58,7 @@ bool isSameSecond(const tm& left, const tm& right) {
 
 } // namespace
 
-struct Timer::Impl {
+struct ANALYTICS_HIDDEN Timer::Impl {
     // Fixed after construction: what makes a time stamp of a reading of the monotonic clock. Both
     // sums are taken modulo 2^64, so it does not matter which clock is ahead.
     const u64 originNs = readClockNs(CLOCK_REALTIME) - monotonicNs();

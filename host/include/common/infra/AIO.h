@@ -17,7 +17,8 @@ struct StorageAnalyticsCounters {
     u32 maxHighStorageLatencyDuration = 0; // milliseconds; the longest of them
 };
 
-class StorageLatency;
+class ANALYTICS_EXPORT InFlightIos;
+class ANALYTICS_EXPORT StorageLatency;
 
 // The start of an I/O that is in flight, so that a stall is known while it lasts: a period that is
 // closed meanwhile counts it as slow once it is older than the threshold. A thread that makes many
