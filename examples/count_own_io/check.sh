@@ -1,9 +1,9 @@
 #!/bin/sh
 # check.sh PROGRAM: its reports hold each of its 100,000 reads and 100,000 writes once.
-reports=$("$1") || exit 1
-for event in StorageReadsParcel StorageWritesParcel; do
-    ios=$(echo "$reports" | grep -F "\"$event\"" | grep -oE '"(cm[1-5]|failedIos)":[0-9]+' |
-        awk -F: '{ sum += $2 } END { print sum + 0 }')
-    echo "$event: $ios"
-    [ "$ios" -eq 100000 ] || exit 1
-done
+"$1" | awk '
+    /^Storage/ { event = $1 }
+    $1 == "all" || $1 == "failed" { ios[event] += $2 }
+    END {
+        for (event in ios) { print event, ios[event] }
+        exit !(ios["StorageReadsParcel"] == 100000 && ios["StorageWritesParcel"] == 100000)
+    }'

@@ -1,5 +1,5 @@
 // A service whose pool of threads reads and writes a file by itself. It counts these I/Os, reads
-// and writes apart, and prints a report of each as a line of JSON, every second and at the end.
+// and writes apart, and prints a report of each, every second and at the end.
 
 #include "common/Analytics/PeriodicAnalyticsScheduler.h"
 #include "common/infra/AIO.h"
@@ -64,7 +64,7 @@ public:
 private:
     std::thread m_consumer{[] {
         while (const auto parcel = takeParcel()) {
-            std::cout << toJsonLine(*parcel);
+            std::cout << toText(*parcel, false) << std::flush;
         }
     }};
 };
