@@ -16,8 +16,9 @@ older_compiler() {
 declare -A packages=(
     [build]="g++ cmake ninja-build pkgconf"
     [program]="liburing-dev libspdlog-dev libfmt-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev"
-    [tests]="libgtest-dev libgmock-dev"
+    [tests]="libgtest-dev libgmock-dev python3"
     [checks]="clang clang-format clang-tidy $(older_compiler)"
+    [documents]="doxygen"
     [packages]="dpkg-dev file"
     [benchmarks]="libbenchmark-dev libboost-dev prometheus-cpp-dev fio"
 )
@@ -26,6 +27,7 @@ declare -A reasons=(
     [program]="asynchronous I/O, logging, tunables file, command line and JSON of the program"
     [tests]="test framework"
     [checks]="other compilers, formatting check and static analysis"
+    [documents]="the headers' reference as pages"
     [packages]="what Debian packages are made with"
     [benchmarks]="benchmark framework, and the peers to compare with"
 )

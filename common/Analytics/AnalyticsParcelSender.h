@@ -4,7 +4,7 @@
 #include "common/infra/Defs.h"
 #include "common/infra/Export.h"
 
-// The door to the process-wide parcel outbox.
+// Sends parcels to the process-wide outbox.
 class ANALYTICS_VISIBLE AnalyticsParcelSender {
 public:
     AnalyticsParcelSender() = delete;

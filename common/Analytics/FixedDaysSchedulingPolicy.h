@@ -12,8 +12,8 @@
 //     const auto days = FixedDaysSchedulingPolicy::createDaysFromString("mon,wed");
 //     auto* policy = TRACKED_NEW(FixedDaysSchedulingPolicy)(days, 5);
 //
-// It reckons in whole hours. The minutes and seconds past the hour at which the policy is asked
-// stay, and the target hour itself already belongs to the next report:
+// The answer is in whole hours, so a report keeps the minutes and seconds at which the policy was
+// asked. The target hour itself counts as past:
 //
 //     asked on      | answer   | falls on
 //     --------------+----------+----------------

@@ -7,8 +7,8 @@
 
 #include <string>
 
-// Base of the periodic reports: keeps the reporting period. A report of one's own supplies two
-// operations:
+// Base of the periodic reports: keeps the reporting period. A generator of your own
+// supplies two operations:
 //
 //     class CacheGenerator : public PeriodicAnalyticsGeneratorAbs {
 //     public:

@@ -11,9 +11,9 @@
 //     PeriodicAnalyticsScheduler scheduler(generator->createPolicy(), generator);
 //
 // Its life: the constructor asks the policy for a delay and arms the host's timer. At each expiry
-// the finalizer closes the period; its parcel is sent, or destroyed unsent while the live tunable
-// t_disablePeriodicAnalytics holds; and the timer is armed again with the policy's next answer, of
-// which the timer gets the low 32 bits: up to 49.7 days.
+// the finalizer closes the period. Its parcel is sent, or destroyed unsent while the live tunable
+// t_disablePeriodicAnalytics is true. Then the timer is armed with the policy's next answer, of
+// which it gets the low 32 bits: up to 49.7 days.
 //
 //     pending expiry | armed by
 //     ---------------+---------------------------------------

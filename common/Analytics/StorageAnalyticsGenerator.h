@@ -17,7 +17,7 @@
 //     cm6         | u32: duration of the longest high-latency episode
 //     cd11        | u64: length of the period in seconds
 //
-// Made on tracked memory by the host, owned by the scheduler that drives it.
+// The host makes it on tracked memory; the scheduler that drives it owns it.
 class ANALYTICS_VISIBLE StorageAnalyticsGenerator : public PeriodicAnalyticsGeneratorAbs {
 public:
     StorageAnalyticsGenerator();

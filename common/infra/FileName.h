@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <string_view>
 
-// The base name of the source file in which it stands: no build path reaches a log.
+// The base name of the source file that uses it, so that no build path reaches a log.
 #ifdef __FILE_NAME__
 #define ANALYTICS_FILE_NAME __FILE_NAME__
 #else // g++ before version 12

@@ -10,7 +10,7 @@
 #include <utility>
 
 // Objects that one part of the program creates and another releases live on blocks of the memory
-// tracker, which knows each by its type and by the place that created it:
+// tracker. It knows the type of each and the place that created it:
 //
 //     auto* policy = TRACKED_NEW(FixedFrequencySchedulingPolicy)(3600);
 //     TRACKED_DELETE(policy);
@@ -53,7 +53,7 @@ struct ANALYTICS_TAG TrackedAllocation {
         void* block = Singleton<MemShield, MemShield>::instance()->allocAndRegister(
             sizeof(T), 0, typeName, file, static_cast<unsigned int>(line));
         TrackedPtr<Unconstructed> guard(::new (block) Unconstructed, TrackedDelete{file, line});
-// A literal such as 5 has lost its constancy here, so its conversion would be warned of.
+// A literal such as 5 is no longer a constant here, so compilers would warn of its conversion.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wconversion"
 #pragma GCC diagnostic ignored "-Wsign-conversion"

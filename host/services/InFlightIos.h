@@ -3,14 +3,14 @@
 #include "common/infra/AIO.h"
 #include "common/infra/Defs.h"
 #include "common/infra/Export.h"
+#include "common/infra/Lock.h"
 #include "host/services/ThreadLane.h"
 
 #include <array>
-#include <mutex>
 #include <optional>
 
-// The I/Os in flight that are known of: lists through the InFlightIo objects, one list for each
-// thread lane, so that threads rarely meet at a lock. Any thread.
+// The known I/Os in flight: one list of InFlightIo objects for each thread lane, so that threads
+// rarely wait for a lock. Any thread.
 class ANALYTICS_EXPORT InFlightIos {
 public:
     void add(InFlightIo& io);
@@ -21,8 +21,8 @@ public:
 
 private:
     struct alignas(64) Stripe {
-        std::mutex mutex;
-        InFlightIo* first = nullptr; // under the mutex, as are the links
+        CheckedMutex mutex; // guards the links of the list's objects too
+        InFlightIo* first ANALYTICS_GUARDED_BY(mutex) = nullptr;
     };
 
     std::array<Stripe, ThreadLane::count + 1> m_stripes;

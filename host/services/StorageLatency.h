@@ -3,6 +3,7 @@
 #include "common/infra/AIO.h"
 #include "common/infra/Defs.h"
 #include "common/infra/Export.h"
+#include "common/infra/Lock.h"
 #include "host/services/Clock.h"
 #include "host/services/InFlightIos.h"
 #include "host/services/LatencyBuckets.h"
@@ -14,9 +15,8 @@
 #include <atomic>
 #include <cstddef>
 #include <functional>
-#include <mutex>
 
-// All that is known of a counting period.
+// The figures of a counting period.
 struct StoragePeriod {
     StorageAnalyticsCounters counters;
     StorageLimits limits; // in force during the period
@@ -25,8 +25,8 @@ struct StoragePeriod {
     u32 p90Us = 0;
     u32 p99Us = 0;
     u32 p999Us = 0;
-    u32 maxUs = 0; // the longest latency, rounded up; exact but for I/Os that are being counted
-                   // while the period is closed, with which it may be as far off as a percentile
+    u32 maxUs = 0; // the longest latency, rounded up; as inexact as a percentile if I/Os were
+                   // counted while the period was closed
     u64 periodMs = 0;
     u32 episodes = 0; // high-latency episodes, and the sum of their durations
     u64 episodeSumMs = 0;
@@ -35,11 +35,11 @@ struct StoragePeriod {
 // Counters of I/Os and their latencies: those of the process, behind AIO, or a set of a host's own,
 // such as its reads, or one device. StorageSetGenerator reports a set.
 //
-// Any thread. Each of the first threads counts in a lane of its own, by plain additions; further
-// ones share a lane by atomic additions. Counts only grow, and a period is the difference between
-// two readings: an I/O is in exactly one period, however readings and counting interleave. One that
-// is counted while a period is closed may be counted under the limits of that period. A latency is
-// compared with one set of limits, never with a mixture of two.
+// Any thread. The first threads count in a lane each, by plain additions; further ones share a lane
+// by atomic additions. Counts only grow, and a period is the difference between two readings, so an
+// I/O is in exactly one period. An I/O that is counted while a period is closed may be counted
+// under the limits of that period. A latency is compared with one set of limits, never with a
+// mixture of two.
 class ANALYTICS_EXPORT StorageLatency {
 public:
     using LimitsSource = std::function<StorageLimits()>;
@@ -94,14 +94,14 @@ private:
         LatencyHistogram histogram{};
     };
 
-    // Whether more than two additions are due.
+    // Whether the I/O needs more than its two additions.
     bool needsCare(bool slow, u64 latencyNs, unsigned int lane) const {
         return slow || m_episodeIsOpen.load(std::memory_order_relaxed) ||
                latencyNs > m_lanes[lane].longestNs.load(std::memory_order_relaxed);
     }
 
-    // Of a counter that this thread alone writes. Released, so that a reading that sees the last of
-    // a recording's additions sees all of them.
+    // Only for a counter that this thread alone writes. The release orders an I/O's additions: a
+    // reading that sees the last one sees them all.
     static void increment(Counter& counter) {
         counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     }
@@ -110,9 +110,9 @@ private:
     void add(unsigned int lane, Counter& counter);
     void noteIfSlow(bool slow, u64 latencyNs);
     static void raise(std::atomic<u64>& longest, u64 latencyNs);
-    void readEpisodes(StoragePeriod& period, u64 nowNs);
-    void readClasses(StoragePeriod& period);
-    void readPercentiles(StoragePeriod& period);
+    void readEpisodes(StoragePeriod& period, u64 nowNs) ANALYTICS_REQUIRES(m_mutex);
+    void readClasses(StoragePeriod& period) ANALYTICS_REQUIRES(m_mutex);
+    void readPercentiles(StoragePeriod& period) ANALYTICS_REQUIRES(m_mutex);
     u64 takeLongestNs();
 
     LimitsInForce m_limitsInForce;
@@ -125,11 +125,10 @@ private:
     const LimitsSource m_limitsSource;
     const ClockSource m_clock;
 
-    // Under the mutex.
-    mutable std::mutex m_mutex;
-    LatencyEpisodes m_episodes;
-    StorageLimits m_limits;
-    Totals m_readSoFar;
-    u64 m_periodStartNs;
-    StoragePeriod m_closed;
+    mutable CheckedMutex m_mutex;
+    LatencyEpisodes m_episodes ANALYTICS_GUARDED_BY(m_mutex);
+    StorageLimits m_limits ANALYTICS_GUARDED_BY(m_mutex);
+    Totals m_readSoFar ANALYTICS_GUARDED_BY(m_mutex);
+    u64 m_periodStartNs ANALYTICS_GUARDED_BY(m_mutex);
+    StoragePeriod m_closed ANALYTICS_GUARDED_BY(m_mutex);
 };

@@ -1,5 +1,6 @@
 #include "common/infra/Timer.h"
 
+#include "common/infra/Lock.h"
 #include "common/infra/Log.h"
 #include "host/services/Clock.h"
 #include "host/services/TimerQueue.h"
@@ -11,7 +12,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <exception>
-#include <mutex>
 #include <ostream>
 #include <string_view>
 #include <thread>
@@ -26,7 +26,7 @@ u64 systemMs() {
     return readClockNs(CLOCK_REALTIME) / nsPerMs;
 }
 
-// In the pattern a 0 stands for any digit and everything else for itself.
+// In the pattern, 0 stands for any digit and any other character for itself.
 bool hasForm(const std::string& text, std::string_view pattern) {
     if (text.size() != pattern.size()) {
         return false;
@@ -59,35 +59,34 @@ bool isSameSecond(const tm& left, const tm& right) {
 } // namespace
 
 struct ANALYTICS_HIDDEN Timer::Impl {
-    // Fixed after construction: what makes a time stamp of a reading of the monotonic clock. Both
-    // sums are taken modulo 2^64, so it does not matter which clock is ahead.
+    // Fixed after construction. A time stamp is the monotonic clock plus this. The sums wrap modulo
+    // 2^64, so either clock may be ahead.
     const u64 originNs = readClockNs(CLOCK_REALTIME) - monotonicNs();
 
     std::atomic<u64> lastTimestampMs{timestampNs() / nsPerMs};
     std::atomic<u64> realClockOffsetMs{0}; // modulo 2^64
 
-    std::mutex mutex;
-    // Under the mutex.
     std::condition_variable wake; // the first expiry has changed, or the service was stopped
     std::condition_variable idle; // a callback has returned
-    TimerQueue queue;
-    std::thread thread;
-    bool delivering = false;
-    bool stopped = false;
+    CheckedMutex mutex;
+    TimerQueue queue ANALYTICS_GUARDED_BY(mutex);
+    std::thread thread ANALYTICS_GUARDED_BY(mutex);
+    bool delivering ANALYTICS_GUARDED_BY(mutex) = false;
+    bool stopped ANALYTICS_GUARDED_BY(mutex) = false;
 
     u64 timestampNs() const { return monotonicNs() + originNs; }
     u64 readTimestampNs();
 
-    void startThread();
+    void startThread() ANALYTICS_REQUIRES(mutex);
     void run();
-    void sleep(std::unique_lock<std::mutex>& lock);
-    void deliver(Expiry& expiry, std::unique_lock<std::mutex>& lock);
-    static void call(Expiry& expiry);
+    void sleep(CheckedLock& lock) ANALYTICS_REQUIRES(mutex);
+    // Releases the mutex meanwhile.
+    void deliver(Expiry& expiry) ANALYTICS_REQUIRES(mutex);
+    static void call(Expiry& expiry) noexcept;
     static void reportFailure(const Expiry& expiry, const char* reason);
 };
 
-// The last time stamp only grows, and threads that read the clock at the same time write it once a
-// millisecond, not at each reading.
+// The last time stamp only grows. It is written once a millisecond, not at each reading.
 u64 Timer::Impl::readTimestampNs() {
     const u64 nowNs = timestampNs();
     const u64 nowMs = nowNs / nsPerMs;
@@ -109,17 +108,17 @@ void Timer::Impl::run() {
     // The kernel may delay a thread's wake-ups by its slack, 50 us unless told otherwise.
     prctl(PR_SET_TIMERSLACK, 1UL);
 
-    std::unique_lock<std::mutex> lock(mutex);
+    CheckedLock lock(mutex);
     while (!stopped) {
         if (auto expiry = queue.popDue(monotonicNs())) {
-            deliver(*expiry, lock);
+            deliver(*expiry);
         } else {
             sleep(lock);
         }
     }
 }
 
-void Timer::Impl::sleep(std::unique_lock<std::mutex>& lock) {
+void Timer::Impl::sleep(CheckedLock& lock) {
     const u64 dueNs = queue.firstDueNs();
     if (dueNs == NEVER) {
         wake.wait(lock);
@@ -130,11 +129,11 @@ void Timer::Impl::sleep(std::unique_lock<std::mutex>& lock) {
     }
 }
 
-void Timer::Impl::deliver(Expiry& expiry, std::unique_lock<std::mutex>& lock) {
+void Timer::Impl::deliver(Expiry& expiry) {
     delivering = true;
-    lock.unlock();
+    mutex.unlock();
     call(expiry);
-    lock.lock();
+    mutex.lock();
     delivering = false;
     if (stopped) {
         idle.notify_all();
@@ -143,7 +142,7 @@ void Timer::Impl::deliver(Expiry& expiry, std::unique_lock<std::mutex>& lock) {
     }
 }
 
-void Timer::Impl::call(Expiry& expiry) {
+void Timer::Impl::call(Expiry& expiry) noexcept {
     try {
         expiry.callback(expiry.cookie);
         expiry.returned();
@@ -169,7 +168,7 @@ Timer::~Timer() {
 }
 
 void Timer::init() {
-    const std::lock_guard<std::mutex> lock(m_impl->mutex);
+    const CheckedLock lock(m_impl->mutex);
     m_impl->startThread();
 }
 
@@ -201,7 +200,7 @@ void Timer::addTimer(Callback callback, Cookie cookie, u32 delayMs, bool once) {
     }
     const u64 nowNs = monotonicNs();
     {
-        const std::lock_guard<std::mutex> lock(m_impl->mutex);
+        const CheckedLock lock(m_impl->mutex);
         if (m_impl->stopped) {
             return;
         }
@@ -245,7 +244,7 @@ bool Timer::utcStringToTm(const std::string& text, tm& result) {
     parsed.tm_min = number(text, 14, 2);
     parsed.tm_sec = number(text, 17, 2);
 
-    // Turns what is no date or time of day, such as February 30, into one that is.
+    // Changes a text that is no date, such as February 30, into another date.
     tm normalised = parsed;
     timegm(&normalised);
     if (!isSameSecond(parsed, normalised)) {
@@ -258,15 +257,17 @@ bool Timer::utcStringToTm(const std::string& text, tm& result) {
 void Timer::stop() {
     std::thread ended;
     {
-        std::unique_lock<std::mutex> lock(m_impl->mutex);
+        CheckedLock lock(m_impl->mutex);
         m_impl->stopped = true;
         m_impl->queue.clear();
         if (m_impl->thread.get_id() == std::this_thread::get_id()) {
             return;
         }
         m_impl->wake.notify_one();
-        // Several threads may stop the service, of which one can join.
-        m_impl->idle.wait(lock, [this] { return !m_impl->delivering; });
+        // Several threads may stop the service, but one alone can join.
+        while (m_impl->delivering) {
+            m_impl->idle.wait(lock);
+        }
         ended = std::move(m_impl->thread);
     }
     if (ended.joinable()) {
