@@ -18,7 +18,7 @@
 // A plain value: nothing is checked, limited or logged. Not synchronised: one thread at a time, and
 // after a successful send only the outbox's consumer. A parcel that is sent must come from tracked
 // allocation, because the consumer releases it by tracked deletion.
-class ANALYTICS_EXPORT AnalyticsParcel : public IParcel {
+class ANALYTICS_VISIBLE AnalyticsParcel : public IParcel {
 public:
     enum AccountType { QEM = 0, KEL = 1 };
     enum Priority { Normal = 0, High = 1, Critical = 2 };

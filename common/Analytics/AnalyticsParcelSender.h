@@ -5,7 +5,7 @@
 #include "common/infra/Export.h"
 
 // Sends parcels to the process-wide outbox.
-class ANALYTICS_EXPORT AnalyticsParcelSender {
+class ANALYTICS_VISIBLE AnalyticsParcelSender {
 public:
     AnalyticsParcelSender() = delete;
 

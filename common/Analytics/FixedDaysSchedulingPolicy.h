@@ -22,7 +22,7 @@
 //     Monday 10:20  | 43 hours | Wednesday 05:20
 //
 // Bad input is reported by assertion lines and kept. Immutable, so any thread may ask.
-class ANALYTICS_EXPORT FixedDaysSchedulingPolicy : public IAnalyticsSchedulingPolicy {
+class ANALYTICS_VISIBLE FixedDaysSchedulingPolicy : public IAnalyticsSchedulingPolicy {
 public:
     // Numbered like tm_wday.
     enum Days : int {

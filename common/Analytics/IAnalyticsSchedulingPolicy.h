@@ -6,7 +6,7 @@
 #include <ctime>
 
 // Answers when the next periodic report is due.
-class ANALYTICS_EXPORT IAnalyticsSchedulingPolicy {
+class ANALYTICS_VISIBLE IAnalyticsSchedulingPolicy {
 public:
     virtual ~IAnalyticsSchedulingPolicy() = default;
 

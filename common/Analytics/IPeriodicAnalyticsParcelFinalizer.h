@@ -4,7 +4,7 @@
 #include "common/infra/Export.h"
 
 // Makes the parcel of each reporting period.
-class ANALYTICS_EXPORT IPeriodicAnalyticsParcelFinalizer {
+class ANALYTICS_VISIBLE IPeriodicAnalyticsParcelFinalizer {
 public:
     virtual ~IPeriodicAnalyticsParcelFinalizer() = default;
 

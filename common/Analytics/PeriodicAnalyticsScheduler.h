@@ -25,7 +25,7 @@
 //
 // The constructor runs on the host's thread, all else on the thread from which the timer calls
 // back. An exception in an expiry passes to the timer service, before the next expiry is armed.
-class ANALYTICS_EXPORT PeriodicAnalyticsScheduler {
+class ANALYTICS_VISIBLE PeriodicAnalyticsScheduler {
 public:
     // Owns policy and finalizer, both from tracked allocation, once it has returned; if it throws,
     // they stay the caller's. A null one is reported by an assertion line: without a policy nothing

@@ -18,7 +18,7 @@
 //     cd11        | u64: length of the period in seconds
 //
 // The host makes it on tracked memory; the scheduler that drives it owns it.
-class ANALYTICS_EXPORT StorageAnalyticsGenerator : public PeriodicAnalyticsGeneratorAbs {
+class ANALYTICS_VISIBLE StorageAnalyticsGenerator : public PeriodicAnalyticsGeneratorAbs {
 public:
     StorageAnalyticsGenerator();
     ~StorageAnalyticsGenerator() override = default;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/infra/Export.h"
+
 #include <cstddef>
 #include <string_view>
 
@@ -10,7 +12,7 @@
 #define ANALYTICS_FILE_NAME (fileBaseName(__FILE__))
 #endif
 
-constexpr const char* fileBaseName(std::string_view path) {
+ANALYTICS_TAG constexpr const char* fileBaseName(std::string_view path) {
     const std::size_t slash = path.rfind('/');
     return path.data() + (slash == std::string_view::npos ? 0 : slash + 1);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/infra/Export.h"
 #include "common/infra/FileName.h"
 #include "common/infra/MemShield.h"
 
@@ -25,7 +26,7 @@
 #define TRACKED_DELETE (TrackedDelete{ANALYTICS_FILE_NAME, __LINE__})
 
 // Has no default: each deletion names its place.
-class TrackedDelete {
+class ANALYTICS_TAG TrackedDelete {
 public:
     TrackedDelete(const char* file, int line) : m_file(file), m_line(line) {}
 
@@ -44,7 +45,7 @@ template <typename T>
 using TrackedPtr = std::unique_ptr<T, TrackedDelete>;
 
 template <typename T>
-struct TrackedAllocation {
+struct ANALYTICS_TAG TrackedAllocation {
     template <typename... Args>
     T* operator()(Args&&... args) const {
         static_assert(alignof(T) <= alignof(std::max_align_t), "the tracker aligns no further");

@@ -46,7 +46,7 @@ private:
 //     engine.open({fd, 32});
 //     engine.submit(request); // any thread; `completed` is called on one of the engine's
 //     engine.close();         // waits for what was submitted
-class IoEngine {
+class ANALYTICS_EXPORT IoEngine {
 public:
     // How the I/Os reach the kernel.
     enum class Kind {

@@ -13,6 +13,7 @@
 #include "host/program/Schedule.h"
 #include "host/program/WaitNotice.h"
 #include "host/services/Clock.h"
+#include "host/services/HostServices.h"
 #include "host/services/MemLedger.h"
 #include "host/services/StorageLatency.h"
 #include "host/services/StorageReportFinalizer.h"
@@ -25,12 +26,6 @@
 #include <utility>
 
 namespace {
-
-// The host's own services, where it needs more of them than their interfaces say.
-template <typename I, typename T>
-T& ownService() {
-    return static_cast<T&>(*Singleton<I, T>::instance());
-}
 
 LoadGenerator::Load loadOf(const Options& options) {
     return {static_cast<u32>(options.blockSize),
@@ -72,8 +67,8 @@ void sendMaxima(const LoadGenerator::Maxima& maxima) {
 
 Host::Host(const Options& options)
     : m_options(options),
-      m_timer(ownService<ITimer, Timer>()),
-      m_outbox(ownService<IParcelOutbox, ParcelOutbox>()),
+      m_timer(hostTimer()),
+      m_outbox(hostOutbox()),
       m_output(options.outputFile),
       m_stopRequest(options.outputFile.empty() ? std::function<void()>()
                                                : [this] { m_output.requestReopen(); }),

@@ -10,14 +10,13 @@
 #include "host/services/TweaksFile.h"
 
 #include "common/Analytics/PeriodicAnalyticsScheduler.h"
+#include "common/infra/IParcelOutbox.h"
+#include "common/infra/Timer.h"
 #include "common/infra/TrackedAllocation.h"
 
 #include <functional>
 #include <memory>
 #include <string>
-
-class ParcelOutbox;
-class Timer;
 
 // The runnable host: its constructor sets everything up, run() lets it work until it is told to
 // stop.

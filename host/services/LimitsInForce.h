@@ -40,7 +40,7 @@ public:
 #pragma GCC unroll 4
             for (std::size_t i = 0; i < boundCount; ++i) {
                 verdict.latencyClass +=
-                    latencyNs > place.boundsNs[i].load(std::memory_order_acquire) ? 1 : 0;
+                    latencyNs > place.boundsNs[i].load(std::memory_order_acquire) ? 1U : 0U;
             }
             if (__builtin_expect(
                     m_version.load(std::memory_order_relaxed) - version < placeCount - 1, 1)) {

@@ -53,7 +53,7 @@ private:
 
 // A run of drops begins with a push that finds the outbox full, and ends with the first push that
 // does not, or before it when nothing is held any more.
-struct ParcelOutbox::Impl {
+struct ANALYTICS_HIDDEN ParcelOutbox::Impl {
     explicit Impl(u64 maximum) : maxSize(maximum), parcels(maximum) {}
 
     const u64 maxSize;

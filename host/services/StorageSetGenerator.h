@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/Analytics/PeriodicAnalyticsGeneratorAbs.h"
+#include "common/infra/AIO.h"
 #include "common/infra/Export.h"
 #include "host/services/StorageLatency.h"
 

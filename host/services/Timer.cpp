@@ -58,7 +58,7 @@ bool isSameSecond(const tm& left, const tm& right) {
 
 } // namespace
 
-struct Timer::Impl {
+struct ANALYTICS_HIDDEN Timer::Impl {
     // Fixed after construction. A time stamp is the monotonic clock plus this. The sums wrap modulo
     // 2^64, so either clock may be ahead.
     const u64 originNs = readClockNs(CLOCK_REALTIME) - monotonicNs();

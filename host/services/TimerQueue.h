@@ -1,7 +1,6 @@
 #pragma once
 
 #include "common/infra/Defs.h"
-#include "common/infra/Export.h"
 #include "common/infra/Timer.h"
 
 #include <cstddef>
@@ -10,7 +9,7 @@
 #include <vector>
 
 // A callback and the time at which it is due, in nanoseconds of the monotonic clock.
-struct ANALYTICS_EXPORT Expiry {
+struct Expiry {
     u64 dueNs;
     u64 order; // of arming; decides between equal due times
     ITimer::Callback callback;
@@ -36,7 +35,7 @@ struct ANALYTICS_EXPORT Expiry {
 //     }
 //
 // Not synchronised.
-class ANALYTICS_EXPORT TimerQueue {
+class TimerQueue {
 public:
     // True if the new expiry is now the first to come. Throws std::bad_alloc, and adds nothing
     // then.

@@ -17,7 +17,8 @@ struct StorageAnalyticsCounters {
     u32 maxHighStorageLatencyDuration = 0; // milliseconds; the longest of them
 };
 
-class StorageLatency;
+class ANALYTICS_EXPORT InFlightIos;
+class ANALYTICS_EXPORT StorageLatency;
 
 // The start of an I/O in flight, by which a stall is known while it lasts: a period that is closed
 // meanwhile counts the I/O as slow once it is older than the threshold. A thread that makes many
