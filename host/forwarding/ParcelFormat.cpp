@@ -1,13 +1,13 @@
 #include "host/forwarding/ParcelFormat.h"
 
-#include <fmt/chrono.h>
+#include "host/forwarding/IsoTime.h"
+
 #include <fmt/color.h>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <array>
-#include <ctime>
 #include <iterator>
 #include <map>
 #include <optional>
@@ -251,13 +251,6 @@ void writeRest(Out out, const AnalyticsParcel& parcel, const Entries& entries) {
 }
 
 } // namespace
-
-std::string isoUtc(u64 epochMs) {
-    const auto seconds = static_cast<time_t>(epochMs / OneSecondInMs);
-    tm utc{};
-    gmtime_r(&seconds, &utc);
-    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", utc, epochMs % OneSecondInMs);
-}
 
 std::string toJsonLine(const AnalyticsParcel& parcel) {
     const nlohmann::ordered_json json = {

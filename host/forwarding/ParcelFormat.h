@@ -6,9 +6,6 @@
 
 enum class ParcelFormat { Text, JsonLines };
 
-// "2026-11-22T21:49:54.123Z" for milliseconds since the Unix epoch.
-std::string isoUtc(u64 epochMs);
-
 // One line of JSON that holds everything the parcel's getters give.
 std::string toJsonLine(const AnalyticsParcel& parcel);
 
