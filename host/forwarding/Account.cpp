@@ -33,26 +33,26 @@ Account::Account(ParcelOutbox& outbox)
       m_droppedBefore(outbox.counts().dropped + outbox.counts().freed) {}
 
 std::vector<IParcel*> Account::take() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     std::vector<IParcel*> parcels = m_outbox.popParcels(IParcelOutbox::KEL_ANALYTICS);
     m_columns[AccountChange::Hand] += parcels.size();
     return parcels;
 }
 
 void Account::restore(u64 count) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     m_beside.restored += count;
     m_columns[AccountChange::Spool] += count;
 }
 
 void Account::addOwn() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     ++m_own;
     ++m_columns[AccountChange::Hand];
 }
 
 void Account::apply(const AccountChange& change) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     for (std::size_t i = 0; i < m_columns.size(); ++i) {
         m_columns[i] += static_cast<u64>(change.m_columns[i]);
     }
@@ -64,17 +64,17 @@ void Account::apply(const AccountChange& change) {
 }
 
 void Account::addDiscarded() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     ++m_beside.discarded;
 }
 
 void Account::addOutputLost(u64 count) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     m_beside.outputLost += count;
 }
 
 AccountNumbers Account::numbers() const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     const ParcelOutbox::Counts outbox = m_outbox.counts();
     AccountNumbers numbers = m_beside;
     numbers.pushed = outbox.pushed - m_goneBefore + m_own;

@@ -1,11 +1,11 @@
 #pragma once
 
 #include "common/infra/Defs.h"
+#include "common/infra/Lock.h"
 
 #include <array>
 #include <cstddef>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -81,9 +81,8 @@ private:
     const u64 m_goneBefore; // of the parcels that were ever pushed
     const u64 m_droppedBefore;
 
-    mutable std::mutex m_mutex;
-    // Under the mutex.
-    std::array<u64, 5> m_columns{};
-    u64 m_own = 0;
-    AccountNumbers m_beside; // what is no column
+    mutable CheckedMutex m_mutex;
+    std::array<u64, 5> m_columns ANALYTICS_GUARDED_BY(m_mutex){};
+    u64 m_own ANALYTICS_GUARDED_BY(m_mutex) = 0;
+    AccountNumbers m_beside ANALYTICS_GUARDED_BY(m_mutex); // what is no column
 };

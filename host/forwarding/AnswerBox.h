@@ -1,9 +1,9 @@
 #pragma once
 
+#include "common/infra/Lock.h"
 #include "host/forwarding/Sink.h"
 #include "host/forwarding/Wakeup.h"
 
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -16,7 +16,7 @@ public:
     void answer(std::vector<Answer> answers) override {
         bool wasEmpty = false;
         {
-            const std::lock_guard<std::mutex> lock(m_mutex);
+            const CheckedLock lock(m_mutex);
             wasEmpty = m_answers.empty();
             if (wasEmpty) {
                 m_answers.swap(answers);
@@ -31,12 +31,12 @@ public:
     }
 
     std::vector<Answer> take() {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const CheckedLock lock(m_mutex);
         return std::exchange(m_answers, {});
     }
 
 private:
     Wakeup& m_wakeup;
-    std::mutex m_mutex;
-    std::vector<Answer> m_answers; // under the mutex
+    CheckedMutex m_mutex;
+    std::vector<Answer> m_answers ANALYTICS_GUARDED_BY(m_mutex);
 };

@@ -42,8 +42,12 @@ bool Forwarder::stop(std::chrono::milliseconds limit) {
     m_deadlineNs = nowNs + limitNs / 10 * 9; // the rest is for the return
     m_wakeup.wake();
     {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        if (!m_changed.wait_for(lock, limit, [this] { return m_hasEnded; })) {
+        CheckedLock lock(m_mutex);
+        const auto hasEnded = [this] {
+            m_mutex.assumeHeld();
+            return m_hasEnded;
+        };
+        if (!m_changed.wait_for(lock, limit, hasEnded)) {
             return false;
         }
     }
@@ -60,7 +64,7 @@ void Forwarder::run() {
     stepUntil(m_flushEndNs);
     m_courier.addAccount();
     stepUntil(m_deadlineNs);
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     m_hasEnded = true;
     m_changed.notify_all();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/infra/Lock.h"
 #include "host/forwarding/Account.h"
 #include "host/forwarding/AnswerBox.h"
 #include "host/forwarding/Courier.h"
@@ -8,7 +9,6 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -59,8 +59,8 @@ private:
     std::atomic<u64> m_deadlineNs{Wakeup::never}; // never: go on
     std::atomic<u64> m_flushEndNs{Wakeup::never}; // the account comes then at the latest
 
-    std::mutex m_mutex;
+    CheckedMutex m_mutex;
     std::condition_variable m_changed;
-    bool m_hasEnded = false; // under the mutex
+    bool m_hasEnded ANALYTICS_GUARDED_BY(m_mutex) = false;
     std::thread m_thread;
 };

@@ -1,10 +1,10 @@
 #pragma once
 
 #include "common/infra/Defs.h"
+#include "common/infra/Lock.h"
 
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
 
 // What one thread waits for and others end. A wake-up that comes while nobody waits ends the next
 // wait. Any thread.
@@ -14,7 +14,7 @@ public:
 
     void wake() {
         {
-            const std::lock_guard<std::mutex> lock(m_mutex);
+            const CheckedLock lock(m_mutex);
             m_isDue = true;
         }
         m_changed.notify_one();
@@ -22,8 +22,11 @@ public:
 
     // Blocks until a wake-up or a moment of the monotonic clock, in nanoseconds.
     void waitUntil(u64 momentNs) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        const auto isDue = [this] { return m_isDue; };
+        CheckedLock lock(m_mutex);
+        const auto isDue = [this] {
+            m_mutex.assumeHeld();
+            return m_isDue;
+        };
         if (momentNs == never) {
             m_changed.wait(lock, isDue);
         } else {
@@ -35,7 +38,7 @@ public:
 private:
     using Moment = std::chrono::time_point<std::chrono::steady_clock, std::chrono::nanoseconds>;
 
-    std::mutex m_mutex;
+    CheckedMutex m_mutex;
     std::condition_variable m_changed;
-    bool m_isDue = false; // under the mutex
+    bool m_isDue ANALYTICS_GUARDED_BY(m_mutex) = false;
 };

@@ -1,3 +1,4 @@
+#include "common/infra/Lock.h"
 #include "common/infra/Singleton.h"
 #include "host/io/IoBackend.h"
 #include "host/services/Clock.h"
@@ -9,7 +10,6 @@
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
-#include <mutex>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -37,13 +37,13 @@ private:
     // The threads of the pool.
     void serve();
     IoRequest* next(IoQueue& submitted);
-    void sleep(std::unique_lock<std::mutex>& lock);
+    void sleep(CheckedLock& lock) ANALYTICS_REQUIRES(m_mutex);
     int run(IoRequest& request, InFlightIo& inFlight) const;
     int move(const IoRequest& request) const;
     IoQueue report(IoRequest& request, int result);
 
-    // With the mutex held: how many more threads have to wake, who are then taken for awake.
-    std::size_t claimSleepers();
+    // How many more threads have to be woken. They count as woken from then on.
+    std::size_t claimSleepers() ANALYTICS_REQUIRES(m_mutex);
     void wake(std::size_t threads);
 
     std::atomic<bool> m_accepting{false}; // changes under the mutex
@@ -53,17 +53,15 @@ private:
     bool m_isStream = false; // a pipe, say, which has no offsets
     std::vector<std::thread> m_threads;
 
-    // Under the mutex.
-    std::mutex m_mutex;
     std::condition_variable m_changed; // a request to take, or the end
-    IoQueue m_waiting;
-    std::size_t m_asleep = 0; // threads
-    std::size_t m_woken = 0;  // of those, to whom a wake-up is under way
-    bool m_closing = false;
+    CheckedMutex m_mutex;
+    IoQueue m_waiting ANALYTICS_GUARDED_BY(m_mutex);
+    std::size_t m_asleep ANALYTICS_GUARDED_BY(m_mutex) = 0; // threads
+    std::size_t m_woken ANALYTICS_GUARDED_BY(m_mutex) = 0;  // notified, but still counted asleep
+    bool m_closing ANALYTICS_GUARDED_BY(m_mutex) = false;
 
-    // Taken before the other.
-    std::mutex m_reporting; // held while a completion is reported
-    IoQueue m_submitted;    // from inside the completion, under m_reporting
+    CheckedMutex m_reporting;                              // held while a completion is reported
+    IoQueue m_submitted ANALYTICS_GUARDED_BY(m_reporting); // from inside the completion
 
     __attribute__((tls_model(
         "initial-exec"))) inline static thread_local const PoolBackend* reportsHere = nullptr;
@@ -72,9 +70,8 @@ private:
 void PoolBackend::open(const IoEngine::Options& options) {
     m_file = options.file;
     m_isStream = lseek(m_file, 0, SEEK_CUR) < 0 && errno == ESPIPE;
-    m_closing = false;
     startThreads(std::min(options.queueDepth, mostThreads));
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     m_accepting = true;
 }
 
@@ -91,6 +88,7 @@ void PoolBackend::startThreads(u32 count) {
 
 RcStatus PoolBackend::submit(IoQueue& requests) {
     if (reportsHere == this) {
+        m_reporting.assumeHeld();
         if (!m_accepting) {
             return RC_WRONG_OBJECT_STATE;
         }
@@ -99,7 +97,7 @@ RcStatus PoolBackend::submit(IoQueue& requests) {
     }
     std::size_t needed = 0;
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const CheckedLock lock(m_mutex);
         if (!m_accepting) {
             return RC_WRONG_OBJECT_STATE;
         }
@@ -116,7 +114,7 @@ void PoolBackend::close() {
 
 void PoolBackend::joinThreads() {
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const CheckedLock lock(m_mutex);
         m_accepting = false;
         m_closing = true;
     }
@@ -125,6 +123,8 @@ void PoolBackend::joinThreads() {
         thread.join();
     }
     m_threads.clear();
+    const CheckedLock lock(m_mutex);
+    m_closing = false;
     m_woken = 0;
 }
 
@@ -153,7 +153,7 @@ void PoolBackend::serve() {
 
 // The request to make; null at the end. Puts what the last completion submitted behind the others.
 IoRequest* PoolBackend::next(IoQueue& submitted) {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    CheckedLock lock(m_mutex);
     m_waiting.append(submitted);
     while (m_waiting.empty()) {
         if (m_closing) {
@@ -168,7 +168,7 @@ IoRequest* PoolBackend::next(IoQueue& submitted) {
     return &request;
 }
 
-void PoolBackend::sleep(std::unique_lock<std::mutex>& lock) {
+void PoolBackend::sleep(CheckedLock& lock) {
     ++m_asleep;
     m_changed.wait(lock);
     --m_asleep;
@@ -209,7 +209,7 @@ int PoolBackend::move(const IoRequest& request) const {
 
 // One completion at a time, whichever thread has made the I/O. Returns what it submitted.
 IoQueue PoolBackend::report(IoRequest& request, int result) {
-    const std::lock_guard<std::mutex> lock(m_reporting);
+    const CheckedLock lock(m_reporting);
     reportsHere = this;
     request.completed(request, result);
     reportsHere = nullptr;

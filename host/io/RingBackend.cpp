@@ -1,7 +1,9 @@
+#include "common/infra/Lock.h"
 #include "common/infra/Log.h"
 #include "common/infra/Singleton.h"
 #include "host/io/IoBackend.h"
 #include "host/services/Clock.h"
+#include "host/services/FileDescriptor.h"
 
 #include <liburing.h>
 #include <poll.h>
@@ -16,7 +18,6 @@
 #include <cstdlib>
 #include <future>
 #include <iterator>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -135,15 +136,6 @@ namespace {
 // service if it may be asleep.
 class RingBackend : public IoBackend {
 public:
-    RingBackend() = default;
-    ~RingBackend() override {
-        if (m_wakeFd >= 0) {
-            ::close(m_wakeFd);
-        }
-    }
-    RingBackend(const RingBackend&) = delete;
-    RingBackend& operator=(const RingBackend&) = delete;
-
     void open(const IoEngine::Options& options) override;
     RcStatus submit(IoQueue& requests) override;
     void close() override;
@@ -180,17 +172,17 @@ private:
 
     // Made by the first open() and kept: a submit() that saw the service open may wake it only
     // after a close().
-    int m_wakeFd = -1;
+    FileDescriptor m_wakeFd;
 
     // Fixed while the service is open.
     IoEngine::Options m_options;
     std::thread m_thread;
 
-    // Under the mutex.
-    std::mutex m_mutex;
-    IoQueue m_inbox;
-    bool m_closeRequested = false;
-    bool m_mayBeAsleep = false; // the service has to be woken when something is put into the inbox
+    CheckedMutex m_mutex;
+    IoQueue m_inbox ANALYTICS_GUARDED_BY(m_mutex);
+    bool m_closeRequested ANALYTICS_GUARDED_BY(m_mutex) = false;
+    // The service has to be woken when something is put into the inbox.
+    bool m_mayBeAsleep ANALYTICS_GUARDED_BY(m_mutex) = false;
 
     // The service's thread alone.
     __attribute__((tls_model(
@@ -224,21 +216,22 @@ void RingBackend::open(const IoEngine::Options& options) {
 void RingBackend::close() {
     requestClose();
     m_thread.join();
+    const CheckedLock lock(m_mutex);
     m_closeRequested = m_closing = false;
 }
 
 void RingBackend::makeWakeFd() {
-    if (m_wakeFd < 0) {
-        m_wakeFd = eventfd(0, EFD_CLOEXEC);
+    if (!m_wakeFd) {
+        m_wakeFd = FileDescriptor(eventfd(0, EFD_CLOEXEC));
     }
-    if (m_wakeFd < 0) {
+    if (!m_wakeFd) {
         throwErrno(errno, "eventfd");
     }
 }
 
 void RingBackend::requestClose() {
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const CheckedLock lock(m_mutex);
         m_accepting = false;
         m_closeRequested = true;
     }
@@ -255,7 +248,7 @@ RcStatus RingBackend::submit(IoQueue& requests) {
     }
     bool mustWake = false;
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const CheckedLock lock(m_mutex);
         if (!m_accepting) {
             return RC_WRONG_OBJECT_STATE;
         }
@@ -270,7 +263,7 @@ RcStatus RingBackend::submit(IoQueue& requests) {
 
 void RingBackend::wake() const {
     // Can only fail when the counter is at its top, and then the service is about to wake anyway.
-    eventfd_write(m_wakeFd, 1);
+    eventfd_write(m_wakeFd.get(), 1);
 }
 
 void RingBackend::serve(std::promise<void> opened) {
@@ -338,7 +331,7 @@ bool RingBackend::registerBuffers() {
 // From here on until the next look into the inbox, whoever fills it has to wake the service: it
 // may by then be asleep in the kernel.
 void RingBackend::takeInbox() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     m_waiting.append(m_inbox);
     m_closing = m_closeRequested;
     m_mayBeAsleep = true;
@@ -409,7 +402,7 @@ bool RingBackend::isRegistered(const IoRequest& request) const {
 
 void RingBackend::listenForWake() {
     io_uring_sqe* sqe = io_uring_get_sqe(&m_ring);
-    io_uring_prep_read(sqe, m_wakeFd, &m_wakeCount, sizeof m_wakeCount, 0);
+    io_uring_prep_read(sqe, m_wakeFd.get(), &m_wakeCount, sizeof m_wakeCount, 0);
     io_uring_sqe_set_data(sqe, nullptr);
 }
 

@@ -7,7 +7,7 @@ void InFlightIos::add(InFlightIo& io) {
     io.m_stripe = ThreadLane::mine();
     io.m_previous = nullptr;
     Stripe& stripe = m_stripes[io.m_stripe];
-    const std::lock_guard<std::mutex> lock(stripe.mutex);
+    const CheckedLock lock(stripe.mutex);
     io.m_next = stripe.first;
     if (io.m_next != nullptr) {
         io.m_next->m_previous = &io;
@@ -17,7 +17,7 @@ void InFlightIos::add(InFlightIo& io) {
 
 void InFlightIos::remove(InFlightIo& io) {
     Stripe& stripe = m_stripes[io.m_stripe];
-    const std::lock_guard<std::mutex> lock(stripe.mutex);
+    const CheckedLock lock(stripe.mutex);
     (io.m_previous != nullptr ? io.m_previous->m_next : stripe.first) = io.m_next;
     if (io.m_next != nullptr) {
         io.m_next->m_previous = io.m_previous;
@@ -28,7 +28,7 @@ std::optional<u64> InFlightIos::oldestStartNs() {
     constexpr u64 none = std::numeric_limits<u64>::max();
     u64 oldest = none;
     for (Stripe& stripe : m_stripes) {
-        const std::lock_guard<std::mutex> lock(stripe.mutex);
+        const CheckedLock lock(stripe.mutex);
         for (const InFlightIo* io = stripe.first; io != nullptr; io = io->m_next) {
             const u64 startNs = io->m_startNs.load(std::memory_order_relaxed);
             oldest = startNs == 0 ? oldest : std::min(oldest, startNs);

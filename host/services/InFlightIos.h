@@ -3,10 +3,10 @@
 #include "common/infra/AIO.h"
 #include "common/infra/Defs.h"
 #include "common/infra/Export.h"
+#include "common/infra/Lock.h"
 #include "host/services/ThreadLane.h"
 
 #include <array>
-#include <mutex>
 #include <optional>
 
 // The I/Os in flight that are known of: lists through the InFlightIo objects, one list for each
@@ -21,8 +21,8 @@ public:
 
 private:
     struct alignas(64) Stripe {
-        std::mutex mutex;
-        InFlightIo* first = nullptr; // under the mutex, as are the links
+        CheckedMutex mutex; // guards the links of the list's objects too
+        InFlightIo* first ANALYTICS_GUARDED_BY(mutex) = nullptr;
     };
 
     std::array<Stripe, ThreadLane::count + 1> m_stripes;

@@ -1,6 +1,7 @@
 #include "common/infra/MemShield.h"
 
 #include "common/infra/Defs.h"
+#include "common/infra/Lock.h"
 #include "common/infra/Log.h"
 #include "host/services/MemLedger.h"
 
@@ -14,7 +15,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <map>
-#include <mutex>
 #include <new>
 #include <optional>
 #include <ostream>
@@ -48,21 +48,21 @@ public:
     // back.
     void add(const void* block, const BlockInfo& info) {
         Stripe& stripe = stripeOf(block);
-        const std::lock_guard<std::mutex> lock(stripe.mutex);
+        const CheckedLock lock(stripe.mutex);
         stripe.blocks.insert_or_assign(block, info);
         ++stripe.added;
     }
 
     bool holds(const void* block) {
         Stripe& stripe = stripeOf(block);
-        const std::lock_guard<std::mutex> lock(stripe.mutex);
+        const CheckedLock lock(stripe.mutex);
         return stripe.blocks.count(block) > 0;
     }
 
     // Whether the block was there, and this call removed it.
     bool remove(const void* block) {
         Stripe& stripe = stripeOf(block);
-        const std::lock_guard<std::mutex> lock(stripe.mutex);
+        const CheckedLock lock(stripe.mutex);
         return stripe.blocks.erase(block) > 0;
     }
 
@@ -71,7 +71,7 @@ public:
     u64 visit(Visitor visitor) {
         u64 added = 0;
         for (Stripe& stripe : m_stripes) {
-            const std::lock_guard<std::mutex> lock(stripe.mutex);
+            const CheckedLock lock(stripe.mutex);
             for (const auto& [block, info] : stripe.blocks) {
                 visitor(block, info);
             }
@@ -84,10 +84,9 @@ private:
     static constexpr unsigned int stripeBits = 5;
 
     struct alignas(64) Stripe {
-        std::mutex mutex;
-        // Under the mutex.
-        std::unordered_map<const void*, BlockInfo> blocks;
-        u64 added = 0; // blocks, ever
+        CheckedMutex mutex;
+        std::unordered_map<const void*, BlockInfo> blocks ANALYTICS_GUARDED_BY(mutex);
+        u64 added ANALYTICS_GUARDED_BY(mutex) = 0; // blocks, ever
     };
 
     // fork() waits for every lock, so that the child finds each stripe whole and unlocked.
@@ -98,12 +97,15 @@ private:
         }
     }
 
-    void lockAll() {
-        std::for_each(m_stripes.begin(), m_stripes.end(), [](Stripe& each) { each.mutex.lock(); });
+    void lockAll() ANALYTICS_UNCHECKED_LOCKS {
+        for (Stripe& stripe : m_stripes) {
+            stripe.mutex.lock();
+        }
     }
-    void unlockAll() {
-        std::for_each(m_stripes.begin(), m_stripes.end(),
-                      [](Stripe& each) { each.mutex.unlock(); });
+    void unlockAll() ANALYTICS_UNCHECKED_LOCKS {
+        for (Stripe& stripe : m_stripes) {
+            stripe.mutex.unlock();
+        }
     }
 
     Stripe& stripeOf(const void* block) {

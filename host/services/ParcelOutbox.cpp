@@ -1,12 +1,12 @@
 #include "common/infra/IParcelOutbox.h"
 
 #include "common/Analytics/AnalyticsParcel.h"
+#include "common/infra/Lock.h"
 #include "common/infra/Log.h"
 #include "common/infra/TrackedAllocation.h"
 
 #include <algorithm>
 #include <condition_variable>
-#include <mutex>
 #include <ostream>
 #include <stdexcept>
 #include <utility>
@@ -25,7 +25,6 @@ class ParcelRing {
 public:
     explicit ParcelRing(u64 capacity) : m_slots(capacity) {}
 
-    u64 capacity() const { return m_slots.size(); }
     u64 size() const { return m_size; }
     bool isEmpty() const { return m_size == 0; }
     bool isFull() const { return m_size == m_slots.size(); }
@@ -55,20 +54,20 @@ private:
 // A run of drops begins with a push that finds the outbox full, and ends with the first push that
 // does not, or before it when nothing is held any more.
 struct ParcelOutbox::Impl {
-    explicit Impl(u64 maxSize) : parcels(maxSize) {}
+    explicit Impl(u64 maximum) : maxSize(maximum), parcels(maximum) {}
 
-    mutable std::mutex mutex;
-    // Under the mutex.
+    const u64 maxSize;
     std::condition_variable changed; // a parcel has come, or waits are over
-    ParcelRing parcels;
-    Counts counts;
-    u64 run = 0;     // parcels dropped in the present run
-    u64 waiting = 0; // threads; each of them is woken by a push
-    bool waitsAreOver = false;
-    std::function<void()> listener;
+    mutable CheckedMutex mutex;
+    ParcelRing parcels ANALYTICS_GUARDED_BY(mutex);
+    Counts counts ANALYTICS_GUARDED_BY(mutex);
+    u64 run ANALYTICS_GUARDED_BY(mutex) = 0;     // parcels dropped in the present run
+    u64 waiting ANALYTICS_GUARDED_BY(mutex) = 0; // threads; each of them is woken by a push
+    bool waitsAreOver ANALYTICS_GUARDED_BY(mutex) = false;
+    std::function<void()> listener ANALYTICS_GUARDED_BY(mutex);
 
-    u64 endRun() { return std::exchange(run, 0); }
-    std::vector<IParcel*> takeAll();
+    u64 endRun() ANALYTICS_REQUIRES(mutex) { return std::exchange(run, 0); }
+    std::vector<IParcel*> takeAll() ANALYTICS_REQUIRES(mutex);
     IParcel* takeOldest(u64 Counts::*column);
     template <typename Wait>
     bool waitForParcel(Wait wait);
@@ -79,13 +78,15 @@ struct ParcelOutbox::Impl {
 
 std::vector<IParcel*> ParcelOutbox::Impl::takeAll() {
     std::vector<IParcel*> taken(parcels.size());
-    std::generate(taken.begin(), taken.end(), [this] { return parcels.pop(); });
+    for (IParcel*& parcel : taken) {
+        parcel = parcels.pop();
+    }
     return taken;
 }
 
 // Null if nothing is held. `column` is where the parcel is counted.
 IParcel* ParcelOutbox::Impl::takeOldest(u64 Counts::*column) {
-    std::unique_lock<std::mutex> lock(mutex);
+    CheckedLock lock(mutex);
     if (parcels.isEmpty()) {
         return nullptr;
     }
@@ -98,12 +99,13 @@ IParcel* ParcelOutbox::Impl::takeOldest(u64 Counts::*column) {
     return parcel;
 }
 
-// `wait` blocks on `changed` until a predicate holds, or gives up.
+// `wait` blocks on `changed`, and is false once its time is over.
 template <typename Wait>
 bool ParcelOutbox::Impl::waitForParcel(Wait wait) {
-    std::unique_lock<std::mutex> lock(mutex);
+    CheckedLock lock(mutex);
     ++waiting;
-    wait(lock, [this] { return waitsAreOver || !parcels.isEmpty(); });
+    while (!waitsAreOver && parcels.isEmpty() && wait(lock)) {
+    }
     --waiting;
     return !parcels.isEmpty();
 }
@@ -112,8 +114,8 @@ void ParcelOutbox::Impl::finishDrop(IParcel* dropped, bool beginsRun) const {
     destroy(dropped);
     if (beginsRun) {
         LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
-            << " parcel outbox is full, the oldest parcels are dropped: maxSize="
-            << parcels.capacity() << " " << std::endl;
+            << " parcel outbox is full, the oldest parcels are dropped: maxSize=" << maxSize << " "
+            << std::endl;
     }
 }
 
@@ -139,7 +141,7 @@ RcStatus ParcelOutbox::pushParcel(IParcel* parcel, ParcelType type) {
     if (parcel == nullptr || type != KEL_ANALYTICS) {
         return RC_BAD_PARAMETERS;
     }
-    std::unique_lock<std::mutex> lock(m_impl->mutex);
+    CheckedLock lock(m_impl->mutex);
     const bool full = m_impl->parcels.isFull();
     const bool wasEmpty = m_impl->parcels.isEmpty();
     IParcel* dropped = full ? m_impl->parcels.pop() : nullptr;
@@ -170,7 +172,7 @@ IParcel* ParcelOutbox::popParcel(ParcelType type) {
 }
 
 std::vector<IParcel*> ParcelOutbox::popParcels(ParcelType type) {
-    std::unique_lock<std::mutex> lock(m_impl->mutex);
+    CheckedLock lock(m_impl->mutex);
     if (type != KEL_ANALYTICS) {
         return {};
     }
@@ -184,7 +186,7 @@ std::vector<IParcel*> ParcelOutbox::popParcels(ParcelType type) {
 }
 
 u64 ParcelOutbox::size() const {
-    const std::lock_guard<std::mutex> lock(m_impl->mutex);
+    const CheckedLock lock(m_impl->mutex);
     return m_impl->parcels.size();
 }
 
@@ -193,7 +195,7 @@ bool ParcelOutbox::isEmpty() const {
 }
 
 u64 ParcelOutbox::getMaxSize() const {
-    return m_impl->parcels.capacity();
+    return m_impl->maxSize;
 }
 
 // One by one, since the destructor must not need memory for a list of them.
@@ -207,31 +209,35 @@ void ParcelOutbox::freeAndRemoveAllParcels() {
 }
 
 bool ParcelOutbox::waitForParcel(std::chrono::milliseconds limit) {
-    const auto time = std::clamp(limit, std::chrono::milliseconds(0), longestWait);
-    return m_impl->waitForParcel(
-        [&](auto& lock, auto isOver) { m_impl->changed.wait_for(lock, time, isOver); });
+    const auto end = std::chrono::steady_clock::now() +
+                     std::clamp(limit, std::chrono::milliseconds(0), longestWait);
+    return m_impl->waitForParcel([&](CheckedLock& lock) {
+        return m_impl->changed.wait_until(lock, end) == std::cv_status::no_timeout;
+    });
 }
 
 bool ParcelOutbox::waitForParcel() {
-    return m_impl->waitForParcel(
-        [&](auto& lock, auto isOver) { m_impl->changed.wait(lock, isOver); });
+    return m_impl->waitForParcel([this](CheckedLock& lock) {
+        m_impl->changed.wait(lock);
+        return true;
+    });
 }
 
 void ParcelOutbox::stopWaiting() {
     {
-        const std::lock_guard<std::mutex> lock(m_impl->mutex);
+        const CheckedLock lock(m_impl->mutex);
         m_impl->waitsAreOver = true;
     }
     m_impl->changed.notify_all();
 }
 
 void ParcelOutbox::setListener(std::function<void()> listener) {
-    const std::lock_guard<std::mutex> lock(m_impl->mutex);
+    const CheckedLock lock(m_impl->mutex);
     m_impl->listener.swap(listener);
 }
 
 ParcelOutbox::Counts ParcelOutbox::counts() const {
-    const std::lock_guard<std::mutex> lock(m_impl->mutex);
+    const CheckedLock lock(m_impl->mutex);
     Counts counts = m_impl->counts;
     counts.held = m_impl->parcels.size();
     return counts;

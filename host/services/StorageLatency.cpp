@@ -28,7 +28,7 @@ u64 takeIncrease(u64 total, u64& readSoFar) {
 
 StorageLimits liveStorageLimits() {
     DynamicTweaks& tweaks = *Singleton<DynamicTweaks, DynamicTweaks>::instance();
-    const std::lock_guard<std::mutex> lock(tweaks.together);
+    const CheckedLock lock(tweaks.together);
     return {tweaks.t_StorageAnalyticsLatencyThreshold,
             {tweaks.t_StorageAnalyticsLatencyFast, tweaks.t_StorageAnalyticsLatencyModerate,
              tweaks.t_StorageAnalyticsLatencySlow, tweaks.t_StorageAnalyticsLatencyVerySlow}};
@@ -45,7 +45,7 @@ StorageLatency::StorageLatency(LimitsSource limits, ClockSource clock)
 
 StoragePeriod StorageLatency::closePeriod() {
     const StorageLimits next = m_limitsSource();
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     const u64 nowNs = m_clock();
     StoragePeriod period;
     period.limits = m_limits;
@@ -61,12 +61,12 @@ StoragePeriod StorageLatency::closePeriod() {
 }
 
 StoragePeriod StorageLatency::closedPeriod() const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     return m_closed;
 }
 
 bool StorageLatency::hasCounted() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     const auto& classes = m_readSoFar.classes;
     return std::accumulate(classes.begin(), classes.end(), m_readSoFar.failed) != 0 ||
            m_inFlight.oldestStartNs().has_value();
@@ -108,7 +108,7 @@ void StorageLatency::noteIfSlow(bool slow, u64 latencyNs) {
     if (!slow && !m_episodeIsOpen.load(std::memory_order_relaxed)) {
         return;
     }
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     const u64 nowNs = m_clock();
     m_episodes.completed(slow, nowNs - std::min(latencyNs, nowNs), nowNs);
     m_episodeIsOpen.store(m_episodes.isOpen(), std::memory_order_relaxed);

@@ -3,6 +3,7 @@
 #include "common/infra/AIO.h"
 #include "common/infra/Defs.h"
 #include "common/infra/Export.h"
+#include "common/infra/Lock.h"
 #include "host/services/Clock.h"
 #include "host/services/InFlightIos.h"
 #include "host/services/LatencyBuckets.h"
@@ -14,7 +15,6 @@
 #include <atomic>
 #include <cstddef>
 #include <functional>
-#include <mutex>
 
 // All that is known of a counting period.
 struct StoragePeriod {
@@ -110,9 +110,9 @@ private:
     void add(unsigned int lane, Counter& counter);
     void noteIfSlow(bool slow, u64 latencyNs);
     static void raise(std::atomic<u64>& longest, u64 latencyNs);
-    void readEpisodes(StoragePeriod& period, u64 nowNs);
-    void readClasses(StoragePeriod& period);
-    void readPercentiles(StoragePeriod& period);
+    void readEpisodes(StoragePeriod& period, u64 nowNs) ANALYTICS_REQUIRES(m_mutex);
+    void readClasses(StoragePeriod& period) ANALYTICS_REQUIRES(m_mutex);
+    void readPercentiles(StoragePeriod& period) ANALYTICS_REQUIRES(m_mutex);
     u64 takeLongestNs();
 
     LimitsInForce m_limitsInForce;
@@ -125,11 +125,10 @@ private:
     const LimitsSource m_limitsSource;
     const ClockSource m_clock;
 
-    // Under the mutex.
-    mutable std::mutex m_mutex;
-    LatencyEpisodes m_episodes;
-    StorageLimits m_limits;
-    Totals m_readSoFar;
-    u64 m_periodStartNs;
-    StoragePeriod m_closed;
+    mutable CheckedMutex m_mutex;
+    LatencyEpisodes m_episodes ANALYTICS_GUARDED_BY(m_mutex);
+    StorageLimits m_limits ANALYTICS_GUARDED_BY(m_mutex);
+    Totals m_readSoFar ANALYTICS_GUARDED_BY(m_mutex);
+    u64 m_periodStartNs ANALYTICS_GUARDED_BY(m_mutex);
+    StoragePeriod m_closed ANALYTICS_GUARDED_BY(m_mutex);
 };

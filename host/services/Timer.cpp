@@ -1,5 +1,6 @@
 #include "common/infra/Timer.h"
 
+#include "common/infra/Lock.h"
 #include "common/infra/Log.h"
 #include "host/services/Clock.h"
 #include "host/services/TimerQueue.h"
@@ -11,7 +12,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <exception>
-#include <mutex>
 #include <ostream>
 #include <string_view>
 #include <thread>
@@ -66,23 +66,23 @@ struct Timer::Impl {
     std::atomic<u64> lastTimestampMs{timestampNs() / nsPerMs};
     std::atomic<u64> realClockOffsetMs{0}; // modulo 2^64
 
-    std::mutex mutex;
-    // Under the mutex.
     std::condition_variable wake; // the first expiry has changed, or the service was stopped
     std::condition_variable idle; // a callback has returned
-    TimerQueue queue;
-    std::thread thread;
-    bool delivering = false;
-    bool stopped = false;
+    CheckedMutex mutex;
+    TimerQueue queue ANALYTICS_GUARDED_BY(mutex);
+    std::thread thread ANALYTICS_GUARDED_BY(mutex);
+    bool delivering ANALYTICS_GUARDED_BY(mutex) = false;
+    bool stopped ANALYTICS_GUARDED_BY(mutex) = false;
 
     u64 timestampNs() const { return monotonicNs() + originNs; }
     u64 readTimestampNs();
 
-    void startThread();
+    void startThread() ANALYTICS_REQUIRES(mutex);
     void run();
-    void sleep(std::unique_lock<std::mutex>& lock);
-    void deliver(Expiry& expiry, std::unique_lock<std::mutex>& lock);
-    static void call(Expiry& expiry);
+    void sleep(CheckedLock& lock) ANALYTICS_REQUIRES(mutex);
+    // Releases the mutex meanwhile.
+    void deliver(Expiry& expiry) ANALYTICS_REQUIRES(mutex);
+    static void call(Expiry& expiry) noexcept;
     static void reportFailure(const Expiry& expiry, const char* reason);
 };
 
@@ -109,17 +109,17 @@ void Timer::Impl::run() {
     // The kernel may delay a thread's wake-ups by its slack, 50 us unless told otherwise.
     prctl(PR_SET_TIMERSLACK, 1UL);
 
-    std::unique_lock<std::mutex> lock(mutex);
+    CheckedLock lock(mutex);
     while (!stopped) {
         if (auto expiry = queue.popDue(monotonicNs())) {
-            deliver(*expiry, lock);
+            deliver(*expiry);
         } else {
             sleep(lock);
         }
     }
 }
 
-void Timer::Impl::sleep(std::unique_lock<std::mutex>& lock) {
+void Timer::Impl::sleep(CheckedLock& lock) {
     const u64 dueNs = queue.firstDueNs();
     if (dueNs == NEVER) {
         wake.wait(lock);
@@ -130,11 +130,11 @@ void Timer::Impl::sleep(std::unique_lock<std::mutex>& lock) {
     }
 }
 
-void Timer::Impl::deliver(Expiry& expiry, std::unique_lock<std::mutex>& lock) {
+void Timer::Impl::deliver(Expiry& expiry) {
     delivering = true;
-    lock.unlock();
+    mutex.unlock();
     call(expiry);
-    lock.lock();
+    mutex.lock();
     delivering = false;
     if (stopped) {
         idle.notify_all();
@@ -143,7 +143,7 @@ void Timer::Impl::deliver(Expiry& expiry, std::unique_lock<std::mutex>& lock) {
     }
 }
 
-void Timer::Impl::call(Expiry& expiry) {
+void Timer::Impl::call(Expiry& expiry) noexcept {
     try {
         expiry.callback(expiry.cookie);
         expiry.returned();
@@ -169,7 +169,7 @@ Timer::~Timer() {
 }
 
 void Timer::init() {
-    const std::lock_guard<std::mutex> lock(m_impl->mutex);
+    const CheckedLock lock(m_impl->mutex);
     m_impl->startThread();
 }
 
@@ -201,7 +201,7 @@ void Timer::addTimer(Callback callback, Cookie cookie, u32 delayMs, bool once) {
     }
     const u64 nowNs = monotonicNs();
     {
-        const std::lock_guard<std::mutex> lock(m_impl->mutex);
+        const CheckedLock lock(m_impl->mutex);
         if (m_impl->stopped) {
             return;
         }
@@ -258,7 +258,7 @@ bool Timer::utcStringToTm(const std::string& text, tm& result) {
 void Timer::stop() {
     std::thread ended;
     {
-        std::unique_lock<std::mutex> lock(m_impl->mutex);
+        CheckedLock lock(m_impl->mutex);
         m_impl->stopped = true;
         m_impl->queue.clear();
         if (m_impl->thread.get_id() == std::this_thread::get_id()) {
@@ -266,7 +266,9 @@ void Timer::stop() {
         }
         m_impl->wake.notify_one();
         // Several threads may stop the service, of which one can join.
-        m_impl->idle.wait(lock, [this] { return !m_impl->delivering; });
+        while (m_impl->delivering) {
+            m_impl->idle.wait(lock);
+        }
         ended = std::move(m_impl->thread);
     }
     if (ended.joinable()) {

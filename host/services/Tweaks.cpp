@@ -49,7 +49,7 @@ T Tweaks::lookUp(const std::string& name, const DefaultTweakValue<T>& defaultVal
     T fallback = defaultValue.m_valid ? defaultValue.m_value : T{};
     std::string text;
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        const CheckedLock lock(m_mutex);
         const auto found = m_values.find(name);
         if (found == m_values.end()) {
             return fallback;
@@ -88,6 +88,6 @@ bool Tweaks::boolVal(const std::string& name, const DefaultTweakValue<bool>& def
 
 void Tweaks::set(const std::string& name, const std::string& value) {
     std::string text = value; // all that may fail is done before the value changes
-    std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     m_values[name].swap(text);
 }

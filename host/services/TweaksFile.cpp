@@ -8,7 +8,6 @@
 
 #include <fmt/format.h>
 
-#include <mutex>
 #include <utility>
 
 namespace {
@@ -56,7 +55,7 @@ TweaksFile::~TweaksFile() {
 
 void TweaksFile::load() {
     const TweaksReading reading(m_path);
-    std::unique_lock<std::mutex> lock(DynamicTweaks::instance()->together);
+    CheckedLock lock(DynamicTweaks::instance()->together);
     const FileTunableValues before = fileTunablesInForce();
     const FileTunableValues after = reading.resolve(unnamed(before), m_pinned);
     const std::string changes = describe(reading, before, after);

@@ -2,14 +2,14 @@
 
 #include "common/infra/Defs.h"
 #include "common/infra/Export.h"
+#include "common/infra/Lock.h"
 #include "common/infra/Singleton.h"
 
 #include <atomic>
-#include <mutex>
 
 // The host's live tunables: public fields that the tunables service keeps up to date and that are
-// read at every use. Each field is read and written as a whole, from any thread. Whoever writes or
-// reads several that belong together holds `together` meanwhile.
+// read at every use. Each field is read and written as a whole, from any thread. Hold
+// `together` to read or write several fields that belong together.
 class ANALYTICS_EXPORT DynamicTweaks : public Singleton<DynamicTweaks, DynamicTweaks> {
 public:
     // Reports are made but not sent.
@@ -25,5 +25,5 @@ public:
     std::atomic<u32> t_StorageAnalyticsLatencySlow{20'000};
     std::atomic<u32> t_StorageAnalyticsLatencyVerySlow{100'000};
 
-    std::mutex together;
+    CheckedMutex together;
 };

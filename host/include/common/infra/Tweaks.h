@@ -2,10 +2,10 @@
 
 #include "common/infra/Defs.h"
 #include "common/infra/Export.h"
+#include "common/infra/Lock.h"
 #include "common/infra/Singleton.h"
 
 #include <map>
-#include <mutex>
 #include <string>
 
 // The default of a typed lookup: `m_valid` says whether there is one.
@@ -43,6 +43,6 @@ private:
     template <typename T>
     T lookUp(const std::string& name, const DefaultTweakValue<T>& defaultValue) const;
 
-    mutable std::mutex m_mutex;
-    std::map<std::string, std::string, CaseInsensitiveLess> m_values;
+    mutable CheckedMutex m_mutex;
+    std::map<std::string, std::string, CaseInsensitiveLess> m_values ANALYTICS_GUARDED_BY(m_mutex);
 };
