@@ -7,7 +7,7 @@ set -euo pipefail
 
 declare -A packages=(
     [build]="g++ cmake ninja-build pkgconf"
-    [program]="liburing-dev libspdlog-dev libfmt-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev libsqlite3-dev"
+    [program]="liburing-dev libspdlog-dev libfmt-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev librdkafka-dev libnats-dev prometheus-cpp-dev libsqlite3-dev"
     [tests]="libgtest-dev libgmock-dev python3 python3-jsonschema"
     [checks]="clang clang-format clang-tidy"
     [benchmarks]="libbenchmark-dev libboost-dev prometheus-cpp-dev fio"
