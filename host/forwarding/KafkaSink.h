@@ -33,6 +33,6 @@ private:
 // Fails for good: a record that is larger than "message.max.bytes", or than the topic takes.
 //
 // Throws std::runtime_error for a property that librdkafka does not know or take, for one that the
-// sink has to set itself, and for a topic that the brokers do not have. Brokers that are away for
-// the five seconds of this question are asked no more, and the first records wait for them.
+// sink has to set itself, and for a topic that the brokers do not have. Brokers that do not answer
+// this question within three seconds are nothing wrong: records wait for them.
 std::unique_ptr<ISink> makeKafkaSink(const KafkaSettings& settings);
