@@ -97,8 +97,11 @@ u64 Courier::step(u64 nowNs, u64 epochMs) {
     m_mustAskSpool = false;
     takeAnswers(nowNs);
     takeParcels(epochMs);
-    tellEvictions(nowNs, epochMs);
     accept(nowNs);
+    if (mayTellEvictions() && nowNs >= m_tellNs) {
+        tellEvictions(nowNs, epochMs);
+        accept(nowNs);
+    }
     refill(nowNs);
     watch(nowNs);
     send(nowNs);
@@ -121,20 +124,20 @@ void Courier::addAccount() {
 
 void Courier::takeAnswers(u64 nowNs) {
     AccountChange change;
-    m_hasDelivered = false;
+    bool hasDelivered = false;
     bool hasFailed = false;
     std::string failure;
     for (const Answer& answer : m_answers.take()) {
         if (answer.fate == Fate::TryAgain) {
             putBack(answer, change);
         } else if (settle(answer, change)) {
-            m_hasDelivered = m_hasDelivered || answer.fate == Fate::Delivered;
+            hasDelivered = hasDelivered || answer.fate == Fate::Delivered;
             hasFailed = hasFailed || answer.fate == Fate::Failed;
             failure = answer.fate == Fate::Failed ? answer.reason : failure;
         }
     }
     m_account.apply(change);
-    if (m_hasDelivered) {
+    if (hasDelivered) {
         noteDelivery(nowNs);
     }
     if (hasFailed) {
@@ -144,6 +147,7 @@ void Courier::takeAnswers(u64 nowNs) {
 
 void Courier::noteDelivery(u64 nowNs) {
     m_isFailing = false;
+    m_isTaking = !m_gate.isDraining();
     m_gate.delivered();
     if (!m_trouble.empty() && m_gate.isOpen(nowNs)) {
         m_trouble.clear();
@@ -222,17 +226,19 @@ void Courier::makeRecord(TrackedPtr<AnalyticsParcel> parcel, u64 epochMs) {
     m_fresh.push_back({std::move(record), std::move(parcel)});
 }
 
-// Only while the engine takes records: what cannot be sent would be evicted itself.
+// While the engine takes records, and without evicting others by it.
+bool Courier::mayTellEvictions() const {
+    return m_spool != nullptr && m_isTaking && m_spool->hasUntold() && m_spool->hasRoom() &&
+           m_change.told.empty();
+}
+
 void Courier::tellEvictions(u64 nowNs, u64 epochMs) {
-    if (m_spool == nullptr || !m_hasDelivered || nowNs < m_tellNs || !m_change.told.empty()) {
-        return;
-    }
+    m_tellNs = nowNs + tellPauseNs;
     askSpool(nowNs, [&] {
         for (const EvictedRange& range : m_spool->untold()) {
             m_account.addOwn();
             makeRecord(parcelOf(range), epochMs);
             m_change.told.emplace_back(range.id, m_ticket);
-            m_tellNs = nowNs + tellPauseNs;
         }
     });
 }
@@ -254,6 +260,7 @@ bool Courier::commit(u64 nowNs) {
 
 // False: it was not to be had, and will be asked again.
 bool Courier::askSpool(u64 nowNs, const std::function<void()>& question) {
+    m_mustAskSpool = true;
     if (nowNs < m_spoolNs) {
         return false;
     }
@@ -262,6 +269,7 @@ bool Courier::askSpool(u64 nowNs, const std::function<void()>& question) {
             restoreSpool();
         }
         question();
+        m_mustAskSpool = false;
         return true;
     } catch (const SpoolDamage& damage) {
         LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3) << damage.what() << std::endl;
@@ -272,7 +280,6 @@ bool Courier::askSpool(u64 nowNs, const std::function<void()>& question) {
             << error.what() << "; tried again after a second" << std::endl;
         m_spoolNs = nowNs + spoolRetryNs;
     }
-    m_mustAskSpool = true;
     return false;
 }
 
@@ -372,6 +379,7 @@ void Courier::giveUp(const std::string& reason) {
         return;
     }
     m_gate.shut();
+    m_isTaking = false;
     if (m_trouble.empty()) {
         m_trouble = reason;
         LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
@@ -400,6 +408,9 @@ u64 Courier::nextStepNs(u64 nowNs) const {
     }
     if (m_mustAskSpool) {
         next = std::min(next, m_spoolNs);
+    }
+    if (mayTellEvictions()) {
+        next = std::min(next, m_tellNs);
     }
     return next;
 }

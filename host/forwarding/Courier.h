@@ -73,6 +73,7 @@ private:
     void noteFailure(const std::string& reason);
     void takeParcels(u64 epochMs);
     void makeRecord(TrackedPtr<AnalyticsParcel> parcel, u64 epochMs);
+    bool mayTellEvictions() const;
     void tellEvictions(u64 nowNs, u64 epochMs);
     void accept(u64 nowNs);
     bool commit(u64 nowNs);
@@ -110,10 +111,9 @@ private:
     SpoolChange m_change;       // but for what is fresh
     u64 m_evictedUpTo = 0;      // ticket
     bool m_isSpoolDamaged = false;
-    bool m_mustAskSpool = false; // it was not to be had in this step
+    bool m_mustAskSpool = false; // it was not to be had
     u64 m_spoolNs = 0;           // not before
     u64 m_tellNs = 0;            // not before
-    bool m_hasDelivered = false; // in this step
 
     // Sends them.
     Window m_window;
@@ -121,5 +121,6 @@ private:
     bool m_hasUnread = false; // the spool holds later ones
     SendGate m_gate;
     std::string m_trouble;    // of the engine; empty: none
+    bool m_isTaking = false;  // it has delivered since its last trouble
     bool m_isFailing = false; // the last answer but TryAgain
 };

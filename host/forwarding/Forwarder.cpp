@@ -16,11 +16,12 @@ constexpr u64 failureRetryNs = nsPerSecond;
 
 } // namespace
 
-Forwarder::Forwarder(ParcelOutbox& outbox, ISink& engine, std::vector<ISink*> beside,
-                     const ForwarderOptions& options)
+Forwarder::Forwarder(ParcelOutbox& outbox, std::unique_ptr<ISink> engine,
+                     std::vector<ISink*> beside, const ForwarderOptions& options)
     : m_outbox(outbox),
       m_account(outbox),
-      m_courier(m_account, m_answers, engine, std::move(beside), options) {
+      m_engine(std::move(engine)),
+      m_courier(m_account, m_answers, *m_engine, std::move(beside), options) {
     m_outbox.setListener([this] { m_wakeup.wake(); });
     m_thread = std::thread(&Forwarder::run, this);
 }
@@ -33,6 +34,7 @@ Forwarder::~Forwarder() {
         m_thread.join();
     }
     m_outbox.setListener(nullptr);
+    m_engine.reset(); // it refers to records of the courier
 }
 
 bool Forwarder::stop(std::chrono::milliseconds limit) {

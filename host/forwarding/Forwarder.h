@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -17,21 +18,21 @@ class ParcelOutbox;
 // The consumer at the outbox's other end: a thread that forwards what is pushed until it is
 // stopped.
 //
-//     KafkaSink kafka(brokers, topic, properties);
 //     ForwarderOptions options;
 //     options.spool = SpoolOptions{"/var/lib/service/spool"};
-//     Forwarder forwarder(outbox, kafka, {}, options);
+//     Forwarder forwarder(outbox, std::make_unique<KafkaSink>(...), {}, options);
 //     ...
 //     forwarder.stop(std::chrono::seconds(5));
 //     std::cerr << forwarder.account().numbers().text() << std::endl;
 class Forwarder {
 public:
-    // Sends to `engine`, and to `beside` what was accepted. All have to outlive this, and from now
-    // on nobody else takes parcels out of the outbox. Throws std::runtime_error, with path and
-    // reason, if the spool cannot be had.
-    Forwarder(ParcelOutbox& outbox, ISink& engine, std::vector<ISink*> beside,
+    // Sends to `engine`; and to `beside`, sinks that answer within send(), what was accepted. These
+    // and the outbox have to outlive this, and from now on nobody else takes parcels out of the
+    // outbox. Throws std::runtime_error, with path and reason, if the spool cannot be had.
+    Forwarder(ParcelOutbox& outbox, std::unique_ptr<ISink> engine, std::vector<ISink*> beside,
               const ForwarderOptions& options);
-    // Waits for the sink's call that is running. What still waits in memory is lost.
+    // Waits for the sink's call that is running, and ends the engine's sink. What still waits in
+    // memory is lost.
     ~Forwarder();
     Forwarder(const Forwarder&) = delete;
     Forwarder& operator=(const Forwarder&) = delete;
@@ -54,6 +55,7 @@ private:
     Account m_account;
     Wakeup m_wakeup;
     AnswerBox m_answers{m_wakeup};
+    std::unique_ptr<ISink> m_engine;
     Courier m_courier;
 
     std::atomic<u64> m_deadlineNs{Wakeup::never}; // never: go on

@@ -51,7 +51,7 @@ public:
 //     send, purge   | "forwarder", one call at a time      | from start on
 //     IAnswers      | any: the sink's or its library's own | from the first send on, until the last
 //                   |                                      | record in flight is answered
-//     destructor    | its owner's                          | after the forwarder's
+//     destructor    | the forwarder's owner                | after the forwarder's thread
 //
 // A record is in flight from send() until its answer. Each record sent is answered exactly once for
 // each time it is sent. The forwarder has no more than `maxRecords` records and about `maxBytes`
@@ -87,6 +87,7 @@ public:
     // nothing.
     virtual void purge() = 0;
 
-    // The destructor ends the sink's threads and answers nothing any more. Records that are in
-    // flight are given up. A process at its deadline ends without it.
+    // The destructor ends the sink's threads; after it nothing is answered any more. Records that
+    // are in flight are given up, and stay valid until its return. A process at its deadline ends
+    // without it.
 };

@@ -226,7 +226,7 @@ std::vector<u64> Spool::change(const SpoolChange& change, Totals& totals) {
         m_tables->tell.bind(2, range);
         m_tables->tell.run();
     }
-    totals.hasUntold = totals.hasUntold && change.told.empty();
+    totals.hasUntold = totals.hasUntold && change.told.empty(); // all of them are told
     return evict(totals);
 }
 

@@ -58,11 +58,16 @@ public:
     u64 bytes() const { return m_bytes; }
     u64 lastTicket() const { return m_lastTicket; } // of all that were ever added; 0: none
 
+    // For an eighth of the limit.
+    bool hasRoom() const { return m_bytes <= m_options.limitBytes - m_options.limitBytes / 8; }
+    // Whether there are ranges that no record in the spool tells of.
+    bool hasUntold() const { return m_hasUntold; }
+
     // Returns the tickets that were evicted, ascending. A throw leaves everything as it was.
     std::vector<u64> commit(const SpoolChange& change);
     // The records with tickets above `ticket`, oldest first: up to so many, or bytes.
     std::vector<Record> read(u64 ticket, std::size_t maxRecords, std::size_t maxBytes);
-    // The ranges that no record in the spool tells of.
+    // These ranges.
     std::vector<EvictedRange> untold();
 
     // Puts a damaged file aside and begins an empty one. After a throw it is to be called again
