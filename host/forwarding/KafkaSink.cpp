@@ -152,7 +152,7 @@ public:
         for (const u64 ticket : inFlight) {
             answers.push_back({ticket, Fate::TryAgain, reason});
         }
-        m_answers->answer(std::move(answers));
+        answer(std::move(answers));
     }
 
     // Lets its thread end.
@@ -227,7 +227,14 @@ private:
                 answers.push_back(answerOf(ticket, message->err));
             }
         }
-        m_answers->answer(std::move(answers));
+        answer(std::move(answers));
+    }
+
+    // Not without an answer: with nothing in flight, nobody may listen any more.
+    void answer(std::vector<Answer> answers) {
+        if (!answers.empty()) {
+            m_answers->answer(std::move(answers));
+        }
     }
 
     Answer answerOf(u64 ticket, rd_kafka_resp_err_t error) {

@@ -29,9 +29,8 @@ inline u64 recordsOfARun() {
 class Sending {
 public:
     explicit Sending(std::unique_ptr<ISink> sink, ForwarderOptions options = fast())
-        : m_sink(std::move(sink)),
-          m_forwarder(
-              std::make_unique<Forwarder>(m_outbox, *m_sink, std::vector<ISink*>{}, options)) {}
+        : m_forwarder(std::make_unique<Forwarder>(m_outbox, std::move(sink), std::vector<ISink*>{},
+                                                  options)) {}
 
     // Short pauses, and a host's name to look for.
     static ForwarderOptions fast() {
@@ -56,7 +55,7 @@ public:
     AccountNumbers account() { return m_forwarder->account().numbers(); }
     u64 delivered() { return account().delivered; }
 
-    // Ends the forwarder and its sink. The account has one record more than was pushed: its own.
+    // Ends the forwarder. The account has one record more than was pushed: its own.
     AccountNumbers end(std::chrono::seconds limit = std::chrono::seconds(20)) {
         EXPECT_TRUE(m_forwarder->stop(limit));
         const AccountNumbers account = this->account();
@@ -64,7 +63,6 @@ public:
         EXPECT_EQ(account.pushed, m_pushed + 1);
         EXPECT_EQ(account.dropped, 0U);
         m_forwarder.reset();
-        m_sink.reset();
         return account;
     }
     // The same, when the engine has to have everything.
@@ -77,7 +75,6 @@ public:
 private:
     ParcelOutbox m_outbox{1'000'000};
     u64 m_pushed = 0;
-    std::unique_ptr<ISink> m_sink;
     std::unique_ptr<Forwarder> m_forwarder;
 };
 
