@@ -7,15 +7,15 @@ set -euo pipefail
 
 declare -A packages=(
     [build]="g++ cmake ninja-build pkgconf"
-    [program]="liburing-dev libspdlog-dev libfmt-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev libsqlite3-dev"
-    [tests]="libgtest-dev libgmock-dev python3 python3-jsonschema"
+    [program]="liburing-dev libspdlog-dev libfmt-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev librdkafka-dev libnats-dev prometheus-cpp-dev libsqlite3-dev"
+    [tests]="libgtest-dev libgmock-dev kcat nats-server prometheus python3 python3-jsonschema"
     [checks]="clang clang-format clang-tidy"
     [benchmarks]="libbenchmark-dev libboost-dev prometheus-cpp-dev fio"
 )
 declare -A reasons=(
     [build]="compiler and build tools"
     [program]="asynchronous I/O, logging, tunables file, command line, JSON and spool of the program"
-    [tests]="test framework"
+    [tests]="test framework, and the engines to forward to"
     [checks]="second compiler, formatting check and static analysis"
     [benchmarks]="benchmark framework, and the peers to compare with"
 )
