@@ -21,3 +21,4 @@ std::vector<Benchmark> timerBenchmarks();
 std::vector<Benchmark> microBenchmarks();
 std::vector<Benchmark> footprintBenchmarks();
 std::vector<Benchmark> engineBenchmarks();
+std::vector<Benchmark> forwardingBenchmarks();

@@ -6,6 +6,9 @@
 
 enum class ParcelFormat { Text, JsonLines };
 
+// A latency in the unit in which it reads best, to so many digits: "4.986 ms".
+std::string latencyText(u32 microseconds, int digits);
+
 // One line of JSON that holds everything the parcel's getters give.
 std::string toJsonLine(const AnalyticsParcel& parcel);
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <system_error>
 
-// One way for an IoEngine's requests to reach the kernel. The engine has checked the options and
+// One way for an IoEngine's requests to reach the kernel. The engine has checked the setup and
 // opens it only when it is closed; otherwise each operation is the engine's.
 class IoBackend {
 public:
@@ -17,7 +17,7 @@ public:
     IoBackend(const IoBackend&) = delete;
     IoBackend& operator=(const IoBackend&) = delete;
 
-    virtual void open(const IoEngine::Options& options) = 0;
+    virtual void open(const IoEngine::Setup& setup) = 0;
     virtual RcStatus submit(IoQueue& requests) = 0;
     virtual void close() = 0;
 
@@ -27,7 +27,9 @@ protected:
 
     static void count(AIO& aio, IoRequest& request, int result, u64 nowNs) {
         request.latencyNs = nowNs - request.m_handedOverNs;
-        result < 0 ? aio.countFailedIo(request.latencyNs) : aio.countIo(request.latencyNs);
+        request.failed = result < 0 || (request.operation != IoRequest::NoOp &&
+                                        static_cast<u32>(result) < request.length);
+        request.failed ? aio.countFailedIo(request.latencyNs) : aio.countIo(request.latencyNs);
     }
 };
 

@@ -18,8 +18,8 @@ struct IoRequest {
         NoOp // goes the whole way but touches no storage
     };
     // Called on a thread of the engine, for one request at a time. `result` is the number of bytes
-    // moved, which may be fewer than `length`, or a negative errno; nothing is tried again. Must
-    // not throw and should be short: completions behind it wait.
+    // moved or a negative errno; nothing is tried again. Must not throw and should be short:
+    // completions behind it wait.
     using Completed = void (*)(IoRequest& request, int result);
 
     Operation operation = Read;
@@ -27,7 +27,9 @@ struct IoRequest {
     u64 offset = 0; // bytes from the start of the file
     void* buffer = nullptr;
     Completed completed = nullptr;
-    u64 latencyNs = 0; // written by the engine before it calls `completed`
+    // Written by the engine before it calls `completed`.
+    u64 latencyNs = 0;
+    bool failed = false; // an error, or fewer bytes than `length`; it is counted as such
 
 private:
     friend class IoBackend;
@@ -52,7 +54,7 @@ public:
         IoUring,
         Threads // that make one I/O at a time, up to 64 of them
     };
-    struct Options {
+    struct Setup {
         int file = -1;               // open file descriptor; stays the caller's
         u32 queueDepth = 1;          // I/Os in the kernel at a time; more of them wait in order
         void* buffers = nullptr;     // memory that holds the requests' buffers, for io_uring to
@@ -73,7 +75,7 @@ public:
     // Starts the engine's threads. Throws std::system_error if the kernel refuses: io_uring where
     // that was asked for, the file, or a thread. Throws std::logic_error if the engine is open or
     // the queue depth is not 1 to 32767.
-    void open(const Options& options);
+    void open(const Setup& setup);
     // Submits I/Os, many in one batch. RC_WRONG_OBJECT_STATE, with nothing taken, unless open. Any
     // thread, also from inside a completion.
     RcStatus submit(IoRequest& request);
@@ -86,8 +88,8 @@ public:
     Kind kind() const;
 
 private:
-    void openAutomatic(const Options& options);
-    void openAs(Kind kind, const Options& options);
+    void openAutomatic(const Setup& setup);
+    void openAs(Kind kind, const Setup& setup);
 
     // Kept until the end, also when closed: a submit() may be late.
     std::unique_ptr<IoBackend> m_ring;

@@ -26,7 +26,7 @@ constexpr u32 mostThreads = 64;
 // thread goes on with the first of the queue itself: under a steady load nobody has to be woken.
 class PoolBackend : public IoBackend {
 public:
-    void open(const IoEngine::Options& options) override;
+    void open(const IoEngine::Setup& setup) override;
     RcStatus submit(IoQueue& requests) override;
     void close() override;
 
@@ -67,10 +67,10 @@ private:
         "initial-exec"))) inline static thread_local const PoolBackend* reportsHere = nullptr;
 };
 
-void PoolBackend::open(const IoEngine::Options& options) {
-    m_file = options.file;
+void PoolBackend::open(const IoEngine::Setup& setup) {
+    m_file = setup.file;
     m_isStream = lseek(m_file, 0, SEEK_CUR) < 0 && errno == ESPIPE;
-    startThreads(std::min(options.queueDepth, mostThreads));
+    startThreads(std::min(setup.queueDepth, mostThreads));
     const CheckedLock lock(m_mutex);
     m_accepting = true;
 }

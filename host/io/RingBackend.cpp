@@ -88,7 +88,7 @@ bool isTaken(int result) {
     std::abort();
 }
 
-void setUpRing(io_uring& ring, u32 queueDepth) {
+void initRing(io_uring& ring, u32 queueDepth) {
     // The best that the running kernel offers: 6.1 has the first, 5.19 the second.
     constexpr unsigned flavours[] = {IORING_SETUP_SINGLE_ISSUER | IORING_SETUP_DEFER_TASKRUN,
                                      IORING_SETUP_COOP_TASKRUN, 0};
@@ -105,27 +105,39 @@ void setUpRing(io_uring& ring, u32 queueDepth) {
     }
 }
 
-// The ring of a probe, and what it makes: each system call of the real one.
-int tryRing(io_uring& ring) {
-    constexpr int none = -1;
-    const int error = io_uring_register_files(&ring, &none, 1);
-    if (error < 0) {
-        return error;
+// Makes each system call that the I/Os of the ring will make. A shortage that does not pass within
+// a quarter of a second is a refusal like any other.
+int tryRing(io_uring& ring, int file) {
+    int result = io_uring_register_files(&ring, &file, 1);
+    if (result < 0) {
+        return result;
     }
     io_uring_prep_nop(io_uring_get_sqe(&ring));
-    return io_uring_submit_and_wait(&ring, 1);
+    result = io_uring_submit_and_wait(&ring, 1);
+    for (int waitMs = shortestWaitMs; isShortage(result) && waitMs <= longestWaitMs; waitMs *= 2) {
+        poll(nullptr, 0, waitMs);
+        result = io_uring_submit_and_wait(&ring, 1);
+    }
+    io_uring_cq_advance(&ring, io_uring_cq_ready(&ring));
+    return result;
+}
+
+// A file of -1 is none.
+void setUpRing(io_uring& ring, u32 queueDepth, int file) {
+    initRing(ring, queueDepth);
+    const int result = tryRing(ring, file);
+    if (result < 0) {
+        io_uring_queue_exit(&ring);
+        throwRefusal(-result, "io_uring_register or io_uring_enter");
+    }
 }
 
 } // namespace
 
 void probeIoUring(u32 queueDepth) {
     io_uring ring{};
-    setUpRing(ring, queueDepth);
-    const int result = tryRing(ring);
+    setUpRing(ring, queueDepth, -1);
     io_uring_queue_exit(&ring);
-    if (result < 0 && !isShortage(result)) {
-        throwRefusal(-result, "io_uring_register or io_uring_enter");
-    }
 }
 
 namespace {
@@ -136,7 +148,7 @@ namespace {
 // service if it may be asleep.
 class RingBackend : public IoBackend {
 public:
-    void open(const IoEngine::Options& options) override;
+    void open(const IoEngine::Setup& setup) override;
     RcStatus submit(IoQueue& requests) override;
     void close() override;
 
@@ -175,7 +187,7 @@ private:
     FileDescriptor m_wakeFd;
 
     // Fixed while the service is open.
-    IoEngine::Options m_options;
+    IoEngine::Setup m_setup;
     std::thread m_thread;
 
     CheckedMutex m_mutex;
@@ -198,9 +210,9 @@ private:
     bool m_closing = false;
 };
 
-void RingBackend::open(const IoEngine::Options& options) {
+void RingBackend::open(const IoEngine::Setup& setup) {
     makeWakeFd();
-    m_options = options;
+    m_setup = setup;
     std::promise<void> opened;
     std::future<void> result = opened.get_future();
     m_thread = std::thread(&RingBackend::serve, this, std::move(opened));
@@ -294,12 +306,7 @@ void RingBackend::serve(std::promise<void> opened) {
 }
 
 void RingBackend::openRing() {
-    setUpRing(m_ring, m_options.queueDepth);
-    const int error = -io_uring_register_files(&m_ring, &m_options.file, 1);
-    if (error != 0) {
-        io_uring_queue_exit(&m_ring);
-        throwRefusal(error, "io_uring_register of the file");
-    }
+    setUpRing(m_ring, m_setup.queueDepth, m_setup.file);
     m_buffersRegistered = registerBuffers();
 }
 
@@ -314,16 +321,16 @@ void RingBackend::closeRing() {
 }
 
 bool RingBackend::registerBuffers() {
-    if (m_options.buffers == nullptr) {
+    if (m_setup.buffers == nullptr) {
         return false;
     }
-    const iovec memory{m_options.buffers, m_options.bufferBytes};
+    const iovec memory{m_setup.buffers, m_setup.bufferBytes};
     const int error = -io_uring_register_buffers(&m_ring, &memory, 1);
     if (error != 0) {
         // Commonly the limit of locked memory. The kernel then maps the buffers for each I/O.
         LogItem(LogModuleCommon, InfoLevel, __PRETTY_FUNCTION__, 3)
             << "I/O buffers are not registered: " << messageOf(error)
-            << " bytes=" << m_options.bufferBytes << std::endl;
+            << " bytes=" << m_setup.bufferBytes << std::endl;
     }
     return error == 0;
 }
@@ -339,7 +346,7 @@ void RingBackend::takeInbox() {
 
 // The I/Os that can be handed over now.
 std::size_t RingBackend::ready() const {
-    return std::min<std::size_t>(m_waiting.size(), m_options.queueDepth - m_taken);
+    return std::min<std::size_t>(m_waiting.size(), m_setup.queueDepth - m_taken);
 }
 
 void RingBackend::handOverBatches() {
@@ -394,10 +401,10 @@ void RingBackend::prepareIo(IoRequest& request, u64 nowNs) {
 }
 
 bool RingBackend::isRegistered(const IoRequest& request) const {
-    const auto begin = reinterpret_cast<std::uintptr_t>(m_options.buffers);
+    const auto begin = reinterpret_cast<std::uintptr_t>(m_setup.buffers);
     const auto buffer = reinterpret_cast<std::uintptr_t>(request.buffer);
     return m_buffersRegistered && buffer >= begin &&
-           buffer + request.length <= begin + m_options.bufferBytes;
+           buffer + request.length <= begin + m_setup.bufferBytes;
 }
 
 void RingBackend::listenForWake() {

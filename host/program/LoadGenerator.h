@@ -17,10 +17,8 @@
 // depth allows.
 class LoadGenerator {
 public:
-    struct Options {
-        int file;
-        u64 fileSize; // bytes
-        u32 blockSize;
+    struct Load {
+        u32 blockSize; // bytes
         u32 queueDepth;
         u32 readPercent;
         u32 rate; // I/Os per second; 0: the next one as soon as one has completed
@@ -39,13 +37,15 @@ public:
         u64 deepestQueue; // I/Os in flight at a time
     };
 
-    explicit LoadGenerator(const Options& options);
+    // Throws std::runtime_error if there is no memory for the buffers.
+    explicit LoadGenerator(const Load& load);
     ~LoadGenerator(); // stops
     LoadGenerator(const LoadGenerator&) = delete;
     LoadGenerator& operator=(const LoadGenerator&) = delete;
 
-    // Opens the I/O engine and starts. Throws std::system_error if the kernel refuses.
-    void start();
+    // Opens the I/O engine and starts on the file, which must stay open until the stop and holds
+    // at least one block. Throws std::system_error if the kernel refuses.
+    void start(int file, u64 fileSize);
     // Makes no more I/Os and waits for those in flight: on return all of them are counted. Any
     // thread, but not from inside a completion; may be repeated.
     void stop();
@@ -53,6 +53,9 @@ public:
     // Waits until as many I/Os as were asked for have completed, or stop() was called.
     void waitUntilIdle();
 
+    // How the I/Os are made, once started.
+    IoEngine::Kind ioEngine() const { return m_engine.kind(); }
+    u64 inFlight() const;
     Counts counts() const;
     Maxima maxima() const;
 
@@ -72,7 +75,7 @@ private:
     bool mayIssue() const;
     void aim(Slot& slot);
 
-    const Options m_options;
+    const Load m_load;
     AlignedBuffer m_buffers;
     std::vector<Slot> m_slots;
     IoEngine m_engine;
@@ -88,6 +91,7 @@ private:
     Counts m_counts;
     AnalyticsMaximumMetric m_longestIoUs{"longest I/O [us]"};
     AnalyticsMaximumMetric m_deepestQueue{"deepest queue"};
+    u64 m_blocks = 0; // of the file
     u64 m_issued = 0;
     double m_owed = 0; // I/Os that are due and not issued
     FailureLog m_failureLog;

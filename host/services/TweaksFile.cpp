@@ -64,7 +64,7 @@ void TweaksFile::load() {
     const bool isNews = std::exchange(m_refused, false) || isReset(reading, before, after);
     if (isNews || !changes.empty()) {
         LogItem(LogModuleCommon, isNews ? WarnLevel : InfoLevel, __PRETTY_FUNCTION__, 3)
-            << " " << m_shownPath << ": " << (changes.empty() ? "as before" : changes) << std::endl;
+            << " " << m_shownPath << ": " << (changes.empty() ? "as before" : changes.c_str()) << std::endl;
     }
 }
 
@@ -92,7 +92,7 @@ std::string TweaksFile::describe(const TweaksReading& reading, const FileTunable
         const FileTunable& tunable = fileTunables[i];
         if (after[i] != before[i]) {
             changes += fmt::format("{}{} {} -> {}{}{}", changes.empty() ? "" : ", ", tunable.name,
-                                   toText(tunable, before[i]), toText(tunable, after[i]),
+                                   valueText(tunable, before[i]), valueText(tunable, after[i]),
                                    reading.names(i) ? "" : " (not in the file: the default)",
                                    tunable.isLive || !m_watch ? "" : " (at the next start)");
         }
