@@ -15,12 +15,6 @@ namespace {
 
 constexpr const char* subject = "reports.storage";
 
-void expectOk(natsStatus status) {
-    if (status != NATS_OK) {
-        throw std::runtime_error(natsStatus_GetText(status));
-    }
-}
-
 // Servers on the loopback interface, each in a folder of its own, and a stream that each of them
 // holds.
 class NatsCluster {
@@ -92,20 +86,8 @@ public:
     // What the stream holds, oldest first.
     std::vector<std::string> values() {
         std::vector<std::string> values;
-        expectTrue(connect(), "no server");
-        natsSubscription* subscription = nullptr;
-        jsSubOptions options;
-        jsSubOptions_Init(&options);
-        options.Ordered = true;
-        expectOk(js_SubscribeSync(&subscription, m_context, subject, nullptr, &options, nullptr));
-        for (u64 left = count(); left > 0; --left) {
-            natsMsg* message = nullptr;
-            expectOk(natsSubscription_NextMsg(&message, subscription, 10'000));
-            values.emplace_back(natsMsg_GetData(message),
-                                static_cast<std::size_t>(natsMsg_GetDataLength(message)));
-            natsMsg_Destroy(message);
-        }
-        natsSubscription_Destroy(subscription);
+        // The server that the reader is served by may be gone with it.
+        expectTrue(waitUntil([&] { return connect() && read(values); }), "the stream is not read");
         return values;
     }
     u64 count() {
@@ -138,7 +120,8 @@ private:
     std::string configuration(std::size_t server) const {
         std::string routes;
         for (std::size_t i = m_size; i < 2 * m_size; ++i) {
-            routes += " \"nats://127.0.0.1:" + std::to_string(m_ports[i]) + "\"";
+            routes += (routes.empty() ? "\"nats://127.0.0.1:" : ", \"nats://127.0.0.1:") +
+                      std::to_string(m_ports[i]) + "\"";
         }
         std::string text = "server_name: n" + std::to_string(server) +
                            "\nlisten: \"127.0.0.1:" + std::to_string(m_ports[server]) +
@@ -178,6 +161,27 @@ private:
     void disconnect() {
         jsCtx_Destroy(std::exchange(m_context, nullptr));
         natsConnection_Destroy(std::exchange(m_connection, nullptr));
+    }
+
+    bool read(std::vector<std::string>& values) {
+        values.clear();
+        natsSubscription* subscription = nullptr;
+        jsSubOptions options;
+        jsSubOptions_Init(&options);
+        options.Ordered = true;
+        natsStatus status =
+            js_SubscribeSync(&subscription, m_context, subject, nullptr, &options, nullptr);
+        for (u64 left = count(); left > 0 && status == NATS_OK; --left) {
+            natsMsg* message = nullptr;
+            status = natsSubscription_NextMsg(&message, subscription, 3'000);
+            if (status == NATS_OK) {
+                values.emplace_back(natsMsg_GetData(message),
+                                    static_cast<std::size_t>(natsMsg_GetDataLength(message)));
+                natsMsg_Destroy(message);
+            }
+        }
+        natsSubscription_Destroy(subscription);
+        return status == NATS_OK;
     }
 
     bool addStream() {

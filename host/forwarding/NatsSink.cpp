@@ -373,6 +373,7 @@ private:
         {
             const CheckedLock lock(m_mutex);
             number = ++m_current;
+            m_isProven = false;
         }
         m_connection = std::make_unique<Connection>(m_options.get(), number, *this);
     }
@@ -403,7 +404,7 @@ private:
         CheckedLock lock(m_mutex);
         m_changed.wait(lock, [this] {
             m_mutex.assumeHeld();
-            return m_isOver || (!m_queue.empty() && !m_isHalted && !isOverdue());
+            return m_isOver || (!m_queue.empty() && !m_isHalted && mayPublish());
         });
         if (m_isOver) {
             return std::nullopt;
@@ -414,9 +415,11 @@ private:
         return item;
     }
 
-    bool isOverdue() const ANALYTICS_REQUIRES(m_mutex) {
+    // The first record of a connection goes alone: while a stream is without a leader, the next one
+    // could refuse some and take those behind them.
+    bool mayPublish() const ANALYTICS_REQUIRES(m_mutex) {
         const u64 oldestNs = m_inFlight.empty() ? notPublished : m_inFlight.begin()->second;
-        return oldestNs != notPublished && oldestNs + overdueNs < monotonicNs();
+        return oldestNs == notPublished || (m_isProven && monotonicNs() < oldestNs + overdueNs);
     }
 
     void publish(const Item& item) {
@@ -440,6 +443,7 @@ private:
                 return;
             }
             m_isHalted = m_isHalted || fate == Fate::TryAgain;
+            m_isProven = m_isProven || (fate == Fate::Delivered && connection == m_current);
         }
         m_changed.notify_all();
         m_answers->answerOne(ticket, fate, std::move(reason));
@@ -466,6 +470,7 @@ private:
         {
             const CheckedLock lock(m_mutex);
             ++m_current;
+            m_isProven = false;
             m_isHalted = false;
             answers = takeInFlight(reason);
         }
@@ -494,6 +499,7 @@ private:
     CheckedMutex m_mutex;
     std::condition_variable m_changed;
     u64 m_current ANALYTICS_GUARDED_BY(m_mutex) = 0;       // connection that is not given up
+    bool m_isProven ANALYTICS_GUARDED_BY(m_mutex) = false; // it has delivered a record
     bool m_isHalted ANALYTICS_GUARDED_BY(m_mutex) = false; // until the next purge
     bool m_isOver ANALYTICS_GUARDED_BY(m_mutex) = false;
     std::deque<Item> m_queue ANALYTICS_GUARDED_BY(m_mutex);
