@@ -199,6 +199,20 @@ TEST_F(KafkaSinkTest, AnotherProgramReadsEachRecordOnceUnderTheHostsKey) {
     std::filesystem::remove(path);
 }
 
+TEST_F(KafkaSinkTest, AServiceOfFewLinesSendsItsOwnReport) {
+    const std::string path = writeFile("service", "");
+    Process service({"timeout", "20", OWN_KAFKA_REPORTS, cluster.brokers(), KafkaCluster::topic,
+                     OWN_KAFKA_REPORTS},
+                    path);
+    EXPECT_EQ(service.wait(), 0) << service.output();
+    ASSERT_TRUE(reader.waitForLast(2)) << service.output();
+    const auto report = nlohmann::json::parse(reader.values()[0]);
+    EXPECT_EQ(report["eventName"], "StoragePeriodicParcel");
+    EXPECT_EQ(report["service"], "own_kafka_reports");
+    EXPECT_NE(service.output().find("delivered=2"), std::string::npos) << service.output();
+    std::filesystem::remove(path);
+}
+
 TEST_F(KafkaSinkTest, NothingIsLostWhileTheLeaderIsDown) {
     const u64 third = recordsOfARun() / 3;
     Sending sending(makeKafkaSink(cluster.settings()));
