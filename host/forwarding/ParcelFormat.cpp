@@ -4,7 +4,6 @@
 
 #include <fmt/color.h>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <array>
@@ -249,29 +248,6 @@ std::string latencyText(u32 microseconds, int digits) {
         return fmt::format("{:.{}g} ms", microseconds / 1e3, digits);
     }
     return fmt::format("{} us", microseconds);
-}
-
-std::string toJsonLine(const AnalyticsParcel& parcel) {
-    const nlohmann::ordered_json json = {
-        {"eventName", parcel.getEventName()},
-        {"category", parcel.getCategory()},
-        {"account", accountName(parcel.getAccount())},
-        {"priority", priorityName(parcel.getEventPriority())},
-        {"value", parcel.getValue()},
-        {"text", parcel.getText()},
-        {"details", parcel.getDetails()},
-        {"timeStampMs", parcel.getKelTimeStamp()},
-        {"timeStamp", isoUtc(parcel.getKelTimeStamp())},
-        {"stringEntries", parcel.getStringEntries()},
-        {"u32Entries", parcel.getU32Entries()},
-        {"u64Entries", parcel.getU64Entries()},
-        {"longEntries", parcel.getLongEntries()},
-        {"doubleEntries", parcel.getDoubleEntries()},
-        {"intEntries", parcel.getIntEntries()},
-    };
-    // Texts are any bytes; JSON is UTF-8.
-    constexpr auto replaceInvalid = nlohmann::ordered_json::error_handler_t::replace;
-    return json.dump(-1, ' ', false, replaceInvalid) + "\n";
 }
 
 std::string toText(const AnalyticsParcel& parcel, bool inColour) {
