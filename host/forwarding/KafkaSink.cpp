@@ -30,11 +30,11 @@ constexpr int topicQuestionMs = 3'000;
 
 using ErrorText = std::array<char, 512>;
 
-template <auto destroy>
+template <auto Function>
 struct Destroy {
     template <typename T>
     void operator()(T* object) const {
-        destroy(object);
+        Function(object);
     }
 };
 using Conf = std::unique_ptr<rd_kafka_conf_t, Destroy<rd_kafka_conf_destroy>>;

@@ -33,11 +33,11 @@ constexpr s64 questionMs = 3'000;
 // with this one.
 constexpr u64 overdueNs = 2 * nsPerSecond;
 
-template <auto destroy>
+template <auto Function>
 struct Destroy {
     template <typename T>
     void operator()(T* object) const {
-        destroy(object);
+        Function(object);
     }
 };
 using Options = std::unique_ptr<natsOptions, Destroy<natsOptions_Destroy>>;
