@@ -14,7 +14,7 @@ declare -A packages=(
 )
 declare -A reasons=(
     [build]="compiler and build tools"
-    [program]="asynchronous I/O, logging, tunables file, command line, JSON and spool of the program"
+    [program]="asynchronous I/O, logging, tunables file, command line, JSON, engines and spool of the program"
     [tests]="test framework, and the engines to forward to"
     [checks]="second compiler, formatting check and static analysis"
     [benchmarks]="benchmark framework, and the peers to compare with"

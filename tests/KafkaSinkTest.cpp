@@ -1,6 +1,7 @@
 #include "host/forwarding/KafkaSink.h"
 #include "host/testing/RecordingLog.h"
 #include "tests/support/Forwarding.h"
+#include "tests/support/Kills.h"
 #include "tests/support/Process.h"
 
 #include <gtest/gtest.h>
@@ -211,6 +212,11 @@ TEST_F(KafkaSinkTest, AServiceOfFewLinesSendsItsOwnReport) {
     EXPECT_EQ(report["service"], "own_kafka_reports");
     EXPECT_NE(service.output().find("delivered=2"), std::string::npos) << service.output();
     std::filesystem::remove(path);
+}
+
+TEST_F(KafkaSinkTest, AKillAtAnyMomentLosesNothingThatWasAccepted) {
+    killAtRandomMoments("--kafka " + cluster.brokers() + " --topic " + KafkaCluster::topic,
+                        [&] { return reader.values(); });
 }
 
 TEST_F(KafkaSinkTest, NothingIsLostWhileTheLeaderIsDown) {

@@ -1,6 +1,7 @@
 #include "host/forwarding/NatsSink.h"
 #include "host/testing/RecordingLog.h"
 #include "tests/support/Forwarding.h"
+#include "tests/support/Kills.h"
 #include "tests/support/Process.h"
 
 #include <gtest/gtest.h>
@@ -244,6 +245,13 @@ TEST_F(NatsSinkTest, EveryRecordIsStoredOnceWhenTheLeaderIsKilled) {
     cluster.kill(cluster.leader());
     sending.push(half);
     expectAllStoredOnce(sending, cluster);
+}
+
+TEST_F(NatsSinkTest, AKillAtAnyMomentLosesNothingThatWasAccepted) {
+    NatsCluster cluster(1);
+    cluster.start();
+    killAtRandomMoments("--nats " + cluster.urls() + " --subject " + subject,
+                        [&] { return cluster.values(); });
 }
 
 TEST_F(NatsSinkTest, ARestartedServerIsFoundAgain) {
