@@ -22,3 +22,4 @@ std::vector<Benchmark> maximumBenchmarks();
 std::vector<Benchmark> microBenchmarks();
 std::vector<Benchmark> footprintBenchmarks();
 std::vector<Benchmark> engineBenchmarks();
+std::vector<Benchmark> forwardingBenchmarks();

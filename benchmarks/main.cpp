@@ -15,7 +15,8 @@ std::vector<Benchmark> allBenchmarks() {
     std::vector<Benchmark> all;
     for (const auto& room : {singletonBenchmarks(), recordingBenchmarks(), loggingBenchmarks(),
                              reportBenchmarks(), timerBenchmarks(), maximumBenchmarks(),
-                             microBenchmarks(), footprintBenchmarks(), engineBenchmarks()}) {
+                             microBenchmarks(), footprintBenchmarks(), engineBenchmarks(),
+                             forwardingBenchmarks()}) {
         all.insert(all.end(), room.begin(), room.end());
     }
     return all;

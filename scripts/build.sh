@@ -9,6 +9,8 @@ cd "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/.."
 
 preset=$1
 build=(cmake --build --preset "$preset" ${2:+--target "$2"})
+# The engines to forward to, which scripts/setup.sh has installed.
+engines=(-DANALYTICS_KAFKA=ON -DANALYTICS_NATS=ON -DANALYTICS_PROMETHEUS=ON)
 
 quietly() {
     local output
@@ -19,9 +21,11 @@ quietly() {
 }
 
 if [[ $# -eq 1 ]]; then
-    quietly cmake --preset "$preset" -DBUILD_TESTING=ON
+    quietly cmake --preset "$preset" -DBUILD_TESTING=ON "${engines[@]}"
 elif [[ ! -e build/$preset/build.ninja ]]; then
-    quietly cmake --preset "$preset" -DBUILD_TESTING=OFF
+    quietly cmake --preset "$preset" -DBUILD_TESTING=OFF "${engines[@]}"
+elif [[ $(grep -cE '^ANALYTICS_(KAFKA|NATS|PROMETHEUS):BOOL=ON' "build/$preset/CMakeCache.txt") -lt 3 ]]; then
+    quietly cmake --preset "$preset" "${engines[@]}" # the tree lacks one
 fi
 if [[ $("${build[@]}" -- -n 2>&1) != *"no work to do"* ]]; then
     printf 'building %s ...\n' "$preset" >&2

@@ -135,26 +135,4 @@ TEST(ParcelFormatTest, AnyOtherParcelIsItsFields) {
 )");
 }
 
-TEST(ParcelFormatTest, JsonHoldsWhatTheGettersGive) {
-    AnalyticsParcel parcel;
-    parcel.setEventName("\"quoted\" \xff");
-    parcel.setCategory("category");
-    parcel.setAccount(AnalyticsParcel::QEM);
-    parcel.setEventPriority(AnalyticsParcel::Critical);
-    parcel.setValue(~u32{0});
-    parcel.setText("text");
-    parcel.setDetails("line\nline");
-    parcel.setKelTimeStamp(1'700'000'000'123);
-    parcel.addEntry("s", std::string("text")).addEntry("u32", u32{1}).addEntry("u64", ~u64{0});
-    parcel.addEntry("s64", s64{-1}).addEntry("d", 0.5).addEntry("i", -2);
-    EXPECT_EQ(toJsonLine(parcel),
-              "{\"eventName\":\"\\\"quoted\\\" \xef\xbf\xbd\",\"category\":\"category\","
-              R"("account":"QEM","priority":"Critical","value":4294967295,"text":"text",)"
-              R"("details":"line\nline","timeStampMs":1700000000123,)"
-              R"("timeStamp":"2023-11-14T22:13:20.123Z","stringEntries":{"s":"text"},)"
-              R"("u32Entries":{"u32":1},"u64Entries":{"u64":18446744073709551615},)"
-              R"("longEntries":{"s64":-1},"doubleEntries":{"d":"0.500000"},"intEntries":{"i":-2}})"
-              "\n");
-}
-
 } // namespace

@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <numeric>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -40,12 +41,13 @@ long processorMs() {
 
 class ProgramTest : public testing::Test {
 protected:
-    // What a run left behind; of its JSON lines the storage reports, and what came last.
+    // What a run left behind; of its JSON lines the storage reports, and what came last, before the
+    // account.
     struct Outcome {
         int exitCode;
         std::string output, errors;
         std::vector<json> reports;
-        json last;
+        json last, account;
 
         u64 countedIos() const {
             u64 sum = 0;
@@ -86,15 +88,32 @@ protected:
         const std::string program = std::string(ANALYTICS_HOST) + " " + options;
         const std::string script = "cd " + folder + " && exec 2>err && run='" + program + "' && ";
         const int status = std::system((script + around).c_str());
-        Outcome outcome{WEXITSTATUS(status), read("out"), read("err"), {}, {}};
+        Outcome outcome{WEXITSTATUS(status), read("out"), read("err"), {}, {}, {}};
         std::istringstream lines(outcome.output);
         for (std::string line; std::getline(lines, line) && line.rfind('{', 0) == 0;) {
-            outcome.last = json::parse(line);
-            if (outcome.last["eventName"] == "StoragePeriodicParcel") {
-                outcome.reports.push_back(outcome.last);
+            json record = json::parse(line);
+            if (record["eventName"] == "StoragePeriodicParcel") {
+                outcome.reports.push_back(record);
             }
+            const bool isAccount = record["eventName"] == "ForwardingAccountParcel";
+            (isAccount ? outcome.account : outcome.last) = std::move(record);
         }
+        expectSum(outcome.errors);
         return outcome;
+    }
+    // Of the account, where it is told: all that came is where it went.
+    static void expectSum(const std::string& errors) {
+        std::smatch found;
+        const std::regex line("analytics-host: account: pushed=(\\d+) restored=(\\d+) "
+                              "delivered=(\\d+) failed=(\\d+) dropped=(\\d+) evicted=(\\d+) "
+                              "waiting=(\\d+)\n");
+        if (std::regex_search(errors, found, line)) {
+            const auto sum = [&](std::size_t first, std::size_t last) {
+                return std::accumulate(found.begin() + first, found.begin() + last + 1, u64{0},
+                                       [](u64 so, const auto& each) { return so + stoull(each); });
+            };
+            EXPECT_EQ(sum(1, 2), sum(3, 7)) << errors;
+        }
     }
 
     // A call of the tool that refuses: the system call, the error, the argument, its bits.
@@ -167,12 +186,14 @@ TEST_F(ProgramTest, TheMaximaOfTheRunComeLast) {
 TEST_F(ProgramTest, TheSummaryIsOfTheWholeRun) {
     const Outcome outcome = run(onDisk + "--reports 2 --max-ios 250 --io-engine threads");
     std::smatch found;
-    const std::regex expected("whole run\n[^]*\n  all +250\n  failed +0\n[^]*\n  periods      2\n"
-                              "  duration     (\\d\\S*) s\n  folder       disk\n"
-                              "  file system  (\\S+)\n  device       (\\S+)\n"
-                              "  engine       threads\n[^]*\nanalytics-host: 250 I/Os "
-                              "\\((\\d+) reads, (\\d+) writes, 0 failed\\), "
-                              "3 parcels written, 0 lost\n");
+    const std::regex expected(
+        "whole run\n[^]*\n  all +250\n  failed +0\n[^]*\n  periods      2\n"
+        "  duration     (\\d\\S*) s\n  folder       disk\n"
+        "  file system  (\\S+)\n  device       (\\S+)\n"
+        "  engine       threads\n[^]*\nanalytics-host: 250 I/Os "
+        "\\((\\d+) reads, (\\d+) writes, 0 failed\\), "
+        "4 parcels written, 0 lost\nanalytics-host: account: pushed=4 restored=0 "
+        "delivered=4 failed=0 dropped=0 evicted=0 waiting=0\n");
     ASSERT_TRUE(std::regex_match(outcome.errors, found, expected)) << outcome.errors;
     EXPECT_NEAR(std::stod(found[1]), 2, 0.9);
     EXPECT_EQ(std::stoi(found[4]) + std::stoi(found[5]), 250);
@@ -199,6 +220,18 @@ HostMaximaParcel  storage  TIME
   account KEL, priority Normal, value 0
   deepestQueue = 0
   longestIoUs = 0
+
+ForwardingAccountParcel  forwarding  TIME
+  account KEL, priority Normal, value 0
+  delivered = 2
+  discarded = 0
+  dropped = 0
+  evicted = 0
+  failed = 0
+  outputLost = 0
+  pushed = 2
+  restored = 0
+  waiting = 0
 
 )");
 }
@@ -285,7 +318,7 @@ TEST_F(ProgramTest, AHangUpReopensTheOutput) {
     EXPECT_GE(std::count(reopened.begin(), reopened.end(), '\n'), 2);
     EXPECT_EQ(std::count(reopened.begin(), reopened.end(), '\n') +
                   std::count(outcome.output.begin(), outcome.output.end(), '\n'),
-              4);
+              5);
 }
 
 TEST_F(ProgramTest, ALongFillingIsToldToATerminal) {
@@ -340,6 +373,8 @@ TEST_F(ProgramTest, TunablesTakeEffectWhileItRuns) {
     EXPECT_GE(outcome.reports.size(), 1U);
     EXPECT_LT(outcome.reports.size(), 3U);
     EXPECT_EQ(outcome.last["eventName"], "HostMaximaParcel");
+    EXPECT_EQ(outcome.account["u64Entries"]["discarded"], 1);
+    EXPECT_EQ(outcome.account["u64Entries"]["pushed"], 1);
 }
 
 // Each row is a run of a second: its exit code, options, what goes round it, what it says.
@@ -354,7 +389,7 @@ TEST_F(ProgramTest, WhatHappenedIsSaid) {
         {3, "--path disk --output /dev/full", "$run", "cannot write to '/dev/full': No space"},
         {3, "--path disk --reports 1", "$run >&-", "cannot write to standard output"},
         {3, "--path disk --reports 1", "{ $run; echo $? >code; } | true; exit $(cat code)",
-         "0 parcels written, 2 lost"}};
+         "0 parcels written, 3 lost\n"}};
     for (const auto& [code, options, around, part] : rows) {
         const Outcome outcome = run(options + std::string(" --size 1M --interval 1"), around);
         EXPECT_EQ(outcome.exitCode, code) << options << outcome.errors;
@@ -362,10 +397,41 @@ TEST_F(ProgramTest, WhatHappenedIsSaid) {
     }
 }
 
+// The engine is away for the whole run; a reader that does not read is no reason to stay either.
+TEST_F(ProgramTest, TheEndComesInTimeAndWhatIsSpooledIsNotLost) {
+    const std::string away = "--kafka 127.0.0.1:1 --topic t --spool spool --shutdown-timeout 1 ";
+    for (const char* account : {"pushed=3 restored=0 delivered=0 failed=0 dropped=0 evicted=0 "
+                                "waiting=3\n",
+                                "pushed=3 restored=3 delivered=0 failed=0 dropped=0 evicted=0 "
+                                "waiting=6\n"}) {
+        const Outcome outcome = run(onDisk + "--reports 1 --output copy " + away);
+        if (outcome.errors.find("left out") != std::string::npos) {
+            GTEST_SKIP() << outcome.errors;
+        }
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
+        EXPECT_NE(outcome.errors.find(account), std::string::npos) << outcome.errors;
+        EXPECT_EQ(outcome.output, "");
+    }
+    const std::string copy = read("copy");
+    EXPECT_EQ(std::count(copy.begin(), copy.end(), '\n'), 6) << "each was accepted once";
+    const Outcome stuck = run("--path disk --size 1M --interval 1 --reports 1 --shutdown-timeout 1",
+                              "mkfifo pipe && exec 9<>pipe && { dd if=/dev/zero of=pipe bs=65536 "
+                              "count=1 oflag=nonblock 2>dd || true; } && $run >pipe");
+    EXPECT_EQ(stuck.exitCode, 3) << stuck.errors;
+    EXPECT_NE(stuck.errors.find(" waiting=2\n"), std::string::npos) << stuck.errors;
+}
+
 TEST_F(ProgramTest, WhatCannotBeDoneIsSaidInOneLine) {
     std::ofstream(folder + "/bad.toml") << "\nt_StorageAnalyticsIntervalSec = \"soon\"\n";
     const std::tuple<int, const char*, std::string, const char*> rows[] = {
         {2, "--nonsense", "$run", "'--nonsense' is not an option"},
+        {2, "--spool s", "$run", "--spool: needs an engine"},
+        {2, "--kafka a", "$run", "requires --topic"},
+        {2, "--subject a", "$run", "requires --nats"},
+        {2, "--durable", "$run", "requires --spool"},
+        {2, "--kafka a --topic t --spool s --spool-limit 1048575", "$run", "at least 1M"},
+        {2, "--shutdown-timeout 0", "$run", "a whole number from 1 to 3600"},
+        {2, "--host-id=a\\ b", "eval $run", "'a b' is no name"},
         {1, "--path /proc/none", "$run", "in '/proc/none': No such file"},
         {1, "--size 4000000G", "$run", "expected room for"},
         {1, "--tweaks bad.toml", "$run", "bad.toml:2: t_StorageAnalyticsIntervalSec"},

@@ -1,13 +1,12 @@
 #include "host/forwarding/ParcelFormat.h"
 
-#include <fmt/chrono.h>
+#include "host/forwarding/IsoTime.h"
+
 #include <fmt/color.h>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <array>
-#include <ctime>
 #include <iterator>
 #include <map>
 #include <optional>
@@ -241,13 +240,6 @@ void writeRest(Out out, const AnalyticsParcel& parcel, const Entries& entries) {
 
 } // namespace
 
-std::string isoUtc(u64 epochMs) {
-    const auto seconds = static_cast<time_t>(epochMs / OneSecondInMs);
-    tm utc{};
-    gmtime_r(&seconds, &utc);
-    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", utc, epochMs % OneSecondInMs);
-}
-
 std::string latencyText(u32 microseconds, int digits) {
     if (microseconds >= 1'000'000) {
         return fmt::format("{:.{}g} s", microseconds / 1e6, digits);
@@ -256,29 +248,6 @@ std::string latencyText(u32 microseconds, int digits) {
         return fmt::format("{:.{}g} ms", microseconds / 1e3, digits);
     }
     return fmt::format("{} us", microseconds);
-}
-
-std::string toJsonLine(const AnalyticsParcel& parcel) {
-    const nlohmann::ordered_json json = {
-        {"eventName", parcel.getEventName()},
-        {"category", parcel.getCategory()},
-        {"account", accountName(parcel.getAccount())},
-        {"priority", priorityName(parcel.getEventPriority())},
-        {"value", parcel.getValue()},
-        {"text", parcel.getText()},
-        {"details", parcel.getDetails()},
-        {"timeStampMs", parcel.getKelTimeStamp()},
-        {"timeStamp", isoUtc(parcel.getKelTimeStamp())},
-        {"stringEntries", parcel.getStringEntries()},
-        {"u32Entries", parcel.getU32Entries()},
-        {"u64Entries", parcel.getU64Entries()},
-        {"longEntries", parcel.getLongEntries()},
-        {"doubleEntries", parcel.getDoubleEntries()},
-        {"intEntries", parcel.getIntEntries()},
-    };
-    // Texts are any bytes; JSON is UTF-8.
-    constexpr auto replaceInvalid = nlohmann::ordered_json::error_handler_t::replace;
-    return json.dump(-1, ' ', false, replaceInvalid) + "\n";
 }
 
 std::string toText(const AnalyticsParcel& parcel, bool inColour) {

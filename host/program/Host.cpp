@@ -3,6 +3,7 @@
 #include "common/Analytics/AnalyticsParcelSender.h"
 #include "common/Analytics/StorageAnalyticsGenerator.h"
 #include "common/infra/AIO.h"
+#include "common/infra/DynamicTweaks.h"
 #include "common/infra/IParcelOutbox.h"
 #include "common/infra/Log.h"
 #include "common/infra/Singleton.h"
@@ -18,7 +19,10 @@
 #include "host/services/StorageLatency.h"
 #include "host/services/StorageReportFinalizer.h"
 
+#include <unistd.h>
+
 #include <atomic>
+#include <chrono>
 #include <iostream>
 #include <stdexcept>
 #include <string>
@@ -69,9 +73,9 @@ Host::Host(const Options& options)
     : m_options(options),
       m_timer(hostTimer()),
       m_outbox(hostOutbox()),
-      m_output(options.outputFile),
+      m_forwarding(options),
       m_stopRequest(options.outputFile.empty() ? std::function<void()>()
-                                               : [this] { m_output.requestReopen(); }),
+                                               : [this] { m_forwarding.requestReopen(); }),
       m_tweaksFile(loadTweaks(options)),
       m_loadGenerator(loadOf(options)),
       m_scratchFile(makeScratchFile()) {}
@@ -121,10 +125,8 @@ void Host::warnOfFolder() const {
 }
 
 void Host::start() {
-    ::start("the forwarder's thread", [this] {
-        m_forwarder = std::make_unique<ParcelForwarder>(m_outbox, m_output, m_options.format,
-                                                        [this] { m_stopRequest.request(); });
-    });
+    ::start("the forwarder's thread",
+            [this] { m_forwarding.start(m_outbox, [this] { m_stopRequest.request(); }); });
     if (m_tweaksFile) {
         ::start("following the tunables file", [this] { m_tweaksFile->follow(); });
     }
@@ -156,6 +158,9 @@ Host::makeFinalizer(TrackedPtr<IPeriodicAnalyticsParcelFinalizer> finalizer) {
         finalizer.get(), m_options.reports, [this] { stopLoad(); },
         [this](bool isLast) {
             m_totals.add(Singleton<AIO, AIO>::instance()->latency().closedPeriod());
+            if (Singleton<DynamicTweaks, DynamicTweaks>::instance()->t_disablePeriodicAnalytics) {
+                m_forwarding.addDiscarded(); // the scheduler looks at it next
+            }
             if (isLast) {
                 m_lastReportMade = true;
                 m_stopRequest.request();
@@ -175,6 +180,9 @@ void Host::stopLoad() {
 }
 
 void Host::stop() {
+    m_shutdown = std::make_unique<ShutdownWatch>(
+        std::chrono::seconds(m_options.forwarding.shutdownTimeoutSecs),
+        [this] { endAtDeadline(); });
     stopLoad();
     m_loadEndNs = monotonicNs();
     m_timer.stop();
@@ -186,18 +194,44 @@ void Host::stop() {
     const WaitNotice notice([] {
         return std::string("waiting until the reports are written; a further signal ends at once");
     });
-    m_forwarded = m_forwarder->drain();
+    if (!m_forwarding.stop(m_shutdown->left())) {
+        endAtDeadline();
+    }
+    m_forwarding.close();
+    m_outbox.freeAndRemoveAllParcels(); // at the deadline; they are counted as waiting
     m_tweaksFile.reset();
+}
+
+// Waits for nobody.
+void Host::endAtDeadline() const {
+    tellAccount();
+    _exit(m_forwarding.numbers().lost() == 0 ? exitDone : exitLost);
+}
+
+void Host::tellAccount() const {
+    const AccountNumbers numbers = m_forwarding.numbers();
+    std::string text = "analytics-host: account: " + numbers.text() + "\n";
+    for (const auto& [reason, count] : numbers.failures) {
+        text += "analytics-host: failed for good: " + std::to_string(count) + ", " + reason + "\n";
+    }
+    if (numbers.discarded + numbers.outputLost != 0) {
+        text +=
+            "analytics-host: beside the account: discarded=" + std::to_string(numbers.discarded) +
+            " outputLost=" + std::to_string(numbers.outputLost) + "\n";
+    }
+    std::cerr << text << std::flush;
 }
 
 int Host::summarize() const {
     const LoadGenerator::Counts ios = m_loadGenerator.counts();
-    const u64 lost = m_forwarded.lost + m_outbox.counts().dropped;
+    const AccountNumbers account = m_forwarding.numbers();
+    const u64 lost = account.lost();
     const MemReport memory = MemLedger::report();
     std::cerr << summary().text() << "analytics-host: " << ios.completed() << " I/Os (" << ios.reads
               << " reads, " << ios.writes << " writes, " << ios.failed << " failed), "
-              << m_forwarded.written << " parcels written, " << lost << " lost"
-              << rateShortfall(ios) << std::endl;
+              << account.delivered << " parcels written, " << lost << " lost" << rateShortfall(ios)
+              << std::endl;
+    tellAccount();
     if (memory.liveBlocks != 0 || memory.badReleases != 0) {
         std::cerr << "analytics-host: the memory ledger is not clean: " << memory << std::endl;
         return exitLost;

@@ -1,11 +1,11 @@
 #pragma once
 
-#include "host/forwarding/OutputFile.h"
-#include "host/forwarding/ParcelForwarder.h"
+#include "host/program/Forwarding.h"
 #include "host/program/LoadGenerator.h"
 #include "host/program/Options.h"
 #include "host/program/RunSummary.h"
 #include "host/program/ScratchFile.h"
+#include "host/program/ShutdownWatch.h"
 #include "host/program/StopRequest.h"
 #include "host/services/TweaksFile.h"
 
@@ -21,7 +21,7 @@
 // The runnable host: its constructor sets everything up, run() lets it work until it is told to
 // stop.
 //
-//     load --> AIO counters --> generator --> scheduler --> outbox --> forwarder --> output
+//     load --> AIO counters --> generator --> scheduler --> outbox --> forwarding
 //                                                ^
 //                                              timer
 class Host {
@@ -44,28 +44,29 @@ private:
     makeFinalizer(TrackedPtr<IPeriodicAnalyticsParcelFinalizer> finalizer);
     void stopLoad();
     void stop();
+    [[noreturn]] void endAtDeadline() const;
     int summarize() const;
     RunSummary summary() const;
+    void tellAccount() const;
     std::string rateShortfall(const LoadGenerator::Counts& ios) const;
 
     const Options m_options;
     Timer& m_timer;
     ParcelOutbox& m_outbox;
 
-    OutputFile m_output;
+    Forwarding m_forwarding;
     StopRequest m_stopRequest;
     std::unique_ptr<TweaksFile> m_tweaksFile;
     LoadGenerator m_loadGenerator; // before the scratch file is filled, which may take minutes
     ScratchFile m_scratchFile;
     IoEngine::Kind m_ioEngine = IoEngine::Kind::Automatic; // the one that makes the I/Os
-    std::unique_ptr<ParcelForwarder> m_forwarder;
     std::unique_ptr<PeriodicAnalyticsScheduler> m_scheduler;
 
     // The timer's thread writes them; read when the timer has stopped.
     RunTotals m_totals;
     bool m_lastReportMade = false;
 
-    ParcelForwarder::Counts m_forwarded;
+    std::unique_ptr<ShutdownWatch> m_shutdown; // from the stop on
     u64 m_loadStartNs = 0;
     u64 m_loadEndNs = 0;
 };

@@ -15,6 +15,7 @@
 #include <numeric>
 #include <sstream>
 #include <stdexcept>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -122,7 +123,8 @@ void addOptions(CLI::App& app, Options& options) {
     addChoice(app, "--format", options.format, formats,
               "Reports as text to read, or as jsonl, one JSON object a line (default text)");
     app.add_option("--output", options.outputFile,
-                   "Append the reports to this file (default: standard output)")
+                   "Append the reports to this file (default: standard output; beside an engine, "
+                   "none)")
         ->option_text("FILE");
     app.add_option("--tweaks", options.tweaksFile,
                    "TOML file of tunables; the live ones follow it while the program runs")
@@ -189,6 +191,101 @@ void addLoadOptions(CLI::App& app, Options& options) {
         ->option_text("N");
 }
 
+// A name that goes into a message's id or key as it is.
+std::string checkName(const std::string& text) {
+    constexpr std::size_t longest = 255;
+    const bool isName =
+        !text.empty() && text.size() <= longest &&
+        std::all_of(text.begin(), text.end(), [](char each) { return each > ' ' && each <= '~'; });
+    return isName ? std::string()
+                  : "'" + text +
+                        "' is no name; expected 1 to 255 printable characters without a "
+                        "space";
+}
+
+SpoolOptions& spool(ForwardingOptions& options) {
+    return options.spool ? *options.spool : options.spool.emplace();
+}
+
+void addForwardingOptions(CLI::App& app, ForwardingOptions& options) {
+    app.add_option("--host-id", options.hostId,
+                   "Name of this machine in JSON records (default: derived from the machine's id)")
+        ->check(checkName)
+        ->option_text("NAME");
+    app.add_option("--service", options.service,
+                   "Name of the service in JSON records (default: the program's name)")
+        ->check(checkName)
+        ->option_text("NAME");
+    app.add_option("--prometheus", options.prometheus,
+                   "Show the figures of the last reports and the account at "
+                   "http://ADDRESS:PORT/metrics (without an address on 127.0.0.1)")
+        ->option_text("ADDRESS:PORT");
+    app.add_option("--shutdown-timeout", options.shutdownTimeoutSecs,
+                   "Seconds that the end may take, 1 to 3600 (default 5)")
+        ->check(wholeNumber(1, 3600))
+        ->option_text("SECONDS");
+}
+
+void addSpoolOptions(CLI::App& app, ForwardingOptions& options) {
+    auto* file = app.add_option_function<std::string>(
+                        "--spool", [&](const std::string& path) { spool(options).path = path; },
+                        "Keep reports in this file until the engine has them")
+                     ->option_text("FILE");
+    app.add_option_function<std::string>(
+           "--spool-limit",
+           [&](const std::string& given) {
+               spool(options).limitBytes = parseBytes("--spool-limit", given);
+           },
+           "Bytes of reports that the spool holds, at least 1M; beyond, the oldest go (default "
+           "256M)")
+        ->needs(file)
+        ->option_text("BYTES");
+    app.add_flag_function(
+           "--durable", [&](std::int64_t) { spool(options).isDurable = true; },
+           "Bring each commit of the spool to the disk, so that it survives a power cut")
+        ->needs(file);
+}
+
+void addKafkaOptions(CLI::App& app, ForwardingOptions& options) {
+    auto* brokers = app.add_option("--kafka", options.kafkaBrokers,
+                                   "Send the reports to Apache Kafka, as HOST:PORT,HOST:PORT")
+                        ->option_text("BROKERS");
+    auto* topic = app.add_option("--topic", options.kafkaTopic, "Topic of --kafka")
+                      ->needs(brokers)
+                      ->option_text("NAME");
+    brokers->needs(topic);
+    app.add_option("--kafka-config", options.kafkaConfig,
+                   "File of librdkafka's properties, one NAME=VALUE a line")
+        ->needs(brokers)
+        ->option_text("FILE");
+    app.add_option("--kafka-property", options.kafkaProperties,
+                   "One such property; secrets belong in the file")
+        ->needs(brokers)
+        ->expected(1)
+        ->take_all()
+        ->option_text("NAME=VALUE");
+}
+
+void addNatsOptions(CLI::App& app, ForwardingOptions& options) {
+    auto* urls = app.add_option("--nats", options.nats.urls,
+                                "Send the reports to NATS JetStream, as nats://HOST:PORT,...")
+                     ->excludes("--kafka")
+                     ->option_text("URLS");
+    auto* subject =
+        app.add_option("--subject", options.nats.subject, "Subject of --nats, which a stream takes")
+            ->needs(urls)
+            ->option_text("NAME");
+    urls->needs(subject);
+    const std::vector<std::tuple<const char*, std::string*, const char*>> files = {
+        {"--nats-creds", &options.nats.credentials, "Credentials for --nats"},
+        {"--nats-ca", &options.nats.tlsCa, "Certificates of authorities to trust for --nats"},
+        {"--nats-cert", &options.nats.tlsCert, "The client's certificate for --nats"},
+        {"--nats-key", &options.nats.tlsKey, "The key of --nats-cert"}};
+    for (const auto& [name, target, text] : files) {
+        app.add_option(name, *target, text)->needs(urls)->option_text("FILE");
+    }
+}
+
 void addLogOptions(CLI::App& app, Options& options) {
     app.add_option("--log", options.logFile,
                    "Log to this file, rotated at 10 MiB (default: standard error)")
@@ -200,8 +297,23 @@ void addLogOptions(CLI::App& app, Options& options) {
                  "End the process at an assertion line, for development");
 }
 
+void checkSpool(const ForwardingOptions& options) {
+    constexpr u64 leastLimit = u64{1} << 20U;
+    if (!options.spool) {
+        return;
+    }
+    if (!options.hasEngine()) {
+        throw CLI::ValidationError("--spool", "needs an engine, --kafka or --nats");
+    }
+    if (options.spool->limitBytes < leastLimit) {
+        throw CLI::ValidationError("--spool-limit", "expected at least 1M, got " +
+                                                        std::to_string(options.spool->limitBytes));
+    }
+}
+
 // What no single option can tell.
 void checkTogether(const Options& options) {
+    checkSpool(options.forwarding);
     if (options.path.empty()) {
         throw CLI::ValidationError("--path", "is empty; expected a folder");
     }
@@ -284,6 +396,10 @@ ParsedCommandLine parseCommandLine(int argc, const char* const* argv) {
     addOptions(app, options);
     addScheduleOptions(app, options);
     addLoadOptions(app, options);
+    addForwardingOptions(app, options.forwarding);
+    addKafkaOptions(app, options.forwarding);
+    addNatsOptions(app, options.forwarding);
+    addSpoolOptions(app, options.forwarding);
     addLogOptions(app, options);
     fitInto80Columns(app);
     try {

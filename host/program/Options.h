@@ -3,7 +3,9 @@
 #include "common/Analytics/FixedDaysSchedulingPolicy.h"
 #include "common/infra/Defs.h"
 #include "common/infra/Log.h"
+#include "host/forwarding/NatsSink.h"
 #include "host/forwarding/ParcelFormat.h"
+#include "host/forwarding/Spool.h"
 #include "host/io/IoEngine.h"
 
 #include <optional>
@@ -16,6 +18,22 @@ struct WeeklySchedule {
     u32 hour = 0;
 };
 
+// Where the reports go beside the output or in its place. Texts that are empty: none.
+struct ForwardingOptions {
+    std::string hostId;  // empty: derived from the machine's id
+    std::string service; // empty: the program's name
+    std::string kafkaBrokers;
+    std::string kafkaTopic;
+    std::string kafkaConfig; // file of properties
+    std::vector<std::string> kafkaProperties;
+    NatsSettings nats;
+    std::string prometheus; // address and port
+    std::optional<SpoolOptions> spool;
+    u32 shutdownTimeoutSecs = 5;
+
+    bool hasEngine() const { return !kafkaBrokers.empty() || !nats.urls.empty(); }
+};
+
 // What the command line says.
 struct Options {
     std::string path = ".";               // folder of the scratch file
@@ -24,7 +42,8 @@ struct Options {
     u64 showSchedule = 0;                 // moments to print; 0: none, run
     u64 reports = 0;                      // to stop after; 0: none
     ParcelFormat format = ParcelFormat::Text;
-    std::string outputFile;    // empty: standard output
+    std::string outputFile; // empty: standard output, or none beside an engine
+    ForwardingOptions forwarding;
     std::string tweaksFile;    // empty: none
     u64 size = u64{64} << 20U; // bytes of the scratch file
     u64 blockSize = 4096;      // bytes of an I/O

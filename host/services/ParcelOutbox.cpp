@@ -64,10 +64,11 @@ struct ANALYTICS_HIDDEN ParcelOutbox::Impl {
     u64 run ANALYTICS_GUARDED_BY(mutex) = 0;     // parcels dropped in the present run
     u64 waiting ANALYTICS_GUARDED_BY(mutex) = 0; // threads; each of them is woken by a push
     bool waitsAreOver ANALYTICS_GUARDED_BY(mutex) = false;
+    std::function<void()> listener ANALYTICS_GUARDED_BY(mutex);
 
     u64 endRun() ANALYTICS_REQUIRES(mutex) { return run == 0 ? 0 : std::exchange(run, 0); }
     std::vector<IParcel*> takeAll() ANALYTICS_REQUIRES(mutex);
-    IParcel* takeOldest(u64 popped);
+    IParcel* takeOldest(u64 Counts::*column);
     template <typename Wait>
     bool waitForParcel(Wait wait);
 
@@ -89,14 +90,14 @@ std::vector<IParcel*> ParcelOutbox::Impl::takeAll() {
     return taken;
 }
 
-// Null if nothing is held. `popped` is added to the count of parcels that were handed out.
-IParcel* ParcelOutbox::Impl::takeOldest(u64 popped) {
+// Null if nothing is held. `column` is where the parcel is counted.
+IParcel* ParcelOutbox::Impl::takeOldest(u64 Counts::*column) {
     CheckedLock lock(mutex);
     if (parcels.isEmpty()) {
         return nullptr;
     }
     IParcel* parcel = parcels.pop();
-    counts.popped += popped;
+    ++(counts.*column);
     const u64 endedRun = parcels.isEmpty() ? endRun() : 0;
     lock.unlock();
 
@@ -145,6 +146,7 @@ RcStatus ParcelOutbox::pushParcel(IParcel* parcel, ParcelType type) {
     }
     CheckedLock lock(m_impl->mutex);
     const bool full = m_impl->parcels.isFull();
+    const bool wasEmpty = m_impl->parcels.isEmpty();
     IParcel* dropped = full ? m_impl->parcels.pop() : nullptr;
     m_impl->parcels.push(parcel);
     ++m_impl->counts.pushed;
@@ -152,6 +154,9 @@ RcStatus ParcelOutbox::pushParcel(IParcel* parcel, ParcelType type) {
     // The length of the present run, or of the one that this push ends.
     const u64 run = full ? ++m_impl->run : m_impl->endRun();
     const bool awaited = m_impl->waiting > 0;
+    if (wasEmpty && m_impl->listener) {
+        m_impl->listener();
+    }
     lock.unlock();
 
     if (awaited) { // all of them: the one that is woken may not be the one that pops
@@ -166,7 +171,7 @@ RcStatus ParcelOutbox::pushParcel(IParcel* parcel, ParcelType type) {
 }
 
 IParcel* ParcelOutbox::popParcel(ParcelType type) {
-    return type == KEL_ANALYTICS ? m_impl->takeOldest(1) : nullptr;
+    return type == KEL_ANALYTICS ? m_impl->takeOldest(&Counts::popped) : nullptr;
 }
 
 std::vector<IParcel*> ParcelOutbox::popParcels(ParcelType type) {
@@ -199,7 +204,8 @@ u64 ParcelOutbox::getMaxSize() const {
 // One by one, since the destructor must not need memory for a list of them.
 void ParcelOutbox::freeAndRemoveAllParcels() {
     for (u64 left = size(); left > 0; --left) {
-        if (IParcel* parcel = m_impl->takeOldest(0)) { // another thread may have taken some
+        if (IParcel* parcel =
+                m_impl->takeOldest(&Counts::freed)) { // another thread may have taken some
             destroy(parcel);
         }
     }
@@ -228,7 +234,14 @@ void ParcelOutbox::stopWaiting() {
     m_impl->changed.notify_all();
 }
 
+void ParcelOutbox::setListener(std::function<void()> listener) {
+    const CheckedLock lock(m_impl->mutex);
+    m_impl->listener.swap(listener);
+}
+
 ParcelOutbox::Counts ParcelOutbox::counts() const {
     const CheckedLock lock(m_impl->mutex);
-    return m_impl->counts;
+    Counts counts = m_impl->counts;
+    counts.held = m_impl->parcels.size();
+    return counts;
 }

@@ -5,6 +5,7 @@
 #include "common/infra/IParcel.h"
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -46,6 +47,8 @@ public:
         u64 pushed = 0;  // accepted
         u64 popped = 0;  // handed out
         u64 dropped = 0; // destroyed to make room
+        u64 freed = 0;   // destroyed by freeAndRemoveAllParcels()
+        u64 held = 0;    // now: pushed = popped + dropped + freed + held
     };
 
     // Throws std::invalid_argument if `maxSize` is 0.
@@ -71,6 +74,11 @@ public:
     bool waitForParcel();
     // Ends all waits, present and future ones. Pushing and popping still work.
     void stopWaiting();
+
+    // Is called by a push that finds the outbox empty, on the pusher's thread and with the outbox's
+    // mutex held: it has to be short, and calls nothing of the outbox. Null: nobody is called, and
+    // after the return nobody is any more.
+    void setListener(std::function<void()> listener);
 
     Counts counts() const;
 

@@ -1,0 +1,126 @@
+#pragma once
+
+#include "common/Analytics/AnalyticsParcel.h"
+#include "common/infra/TrackedAllocation.h"
+#include "host/forwarding/Account.h"
+#include "host/forwarding/AnswerBox.h"
+#include "host/forwarding/RecordWriter.h"
+#include "host/forwarding/SendGate.h"
+#include "host/forwarding/Sink.h"
+#include "host/forwarding/Spool.h"
+#include "host/forwarding/Window.h"
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+// How the forwarder goes about it.
+struct ForwarderOptions {
+    std::string hostId;                // empty: derived from the machine's id
+    std::string service;               // empty: the program's name
+    std::optional<SpoolOptions> spool; // none: what the engine does not take waits in memory
+    std::chrono::milliseconds firstBackOff{100};
+    std::chrono::milliseconds longestBackOff{10'000};
+    std::chrono::milliseconds answerTimeout{30'000}; // then what is in flight is given up
+    // Called on the forwarder's thread each time records have failed for good.
+    std::function<void()> onFailure;
+};
+
+// What the forwarder's thread does, one step at a time: takes parcels out of the outbox, makes
+// records of them, commits these to the spool, sends them to the sinks beside the engine and to the
+// engine, and settles the account by the engine's answers. It knows no clock and starts no thread.
+//
+//     outbox --> fresh records --> spool --> window --> engine
+//                                    |          ^          |
+//                                    +--> sinks beside     +--> answers --> account
+//
+// The window holds the oldest records that are not settled; what it has no room for is read from
+// the spool later, or stays in the outbox where there is no spool. One thread at a time.
+class Courier {
+public:
+    // All must outlive this. Throws std::runtime_error if the spool cannot be had.
+    Courier(Account& account, AnswerBox& answers, ISink& engine, std::vector<ISink*> beside,
+            const ForwarderOptions& options);
+    ~Courier();
+    Courier(const Courier&) = delete;
+    Courier& operator=(const Courier&) = delete;
+
+    // Does what there is to do. Returns the moment of the next step, if nothing happens before.
+    // `nowNs` is of the monotonic clock, `epochMs` of the wall clock.
+    u64 step(u64 nowNs, u64 epochMs);
+    // Nothing waits, and the spool knows it.
+    bool isIdle() const;
+    // What backs off is tried again in the next step.
+    void hurry();
+    // Makes a record of the account as it is; the next step forwards it.
+    void addAccount();
+
+private:
+    struct Fresh {
+        Record record;
+        TrackedPtr<AnalyticsParcel> parcel;
+    };
+    class Losses;
+
+    void takeAnswers(u64 nowNs);
+    bool settle(const Answer& answer, AccountChange& change);
+    void putBack(const Answer& answer, AccountChange& change);
+    void noteDelivery(u64 nowNs);
+    void noteFailure(const std::string& reason);
+    void takeParcels(u64 epochMs);
+    void makeRecord(TrackedPtr<AnalyticsParcel> parcel, u64 epochMs);
+    bool mayTellEvictions() const;
+    void tellEvictions(u64 nowNs, u64 epochMs);
+    void accept(u64 nowNs);
+    bool commit(u64 nowNs);
+    bool askSpool(u64 nowNs, const std::function<void()>& question);
+    void commitChange();
+    void restoreSpool();
+    void noteEvicted(const std::vector<u64>& tickets, AccountChange& change);
+    void passOn();
+    void refill(u64 nowNs);
+    void readOn();
+    void watch(u64 nowNs);
+    void giveUp(const std::string& reason);
+    void send(u64 nowNs);
+    u64 nextStepNs(u64 nowNs) const;
+    AccountChange::Column placeOf(bool wasEvicted) const;
+
+    Account& m_account;
+    AnswerBox& m_answers;
+    ISink& m_engine;
+    const std::vector<ISink*> m_beside;
+    const std::unique_ptr<Losses> m_losses;
+    const std::function<void()> m_onFailure;
+    const u64 m_answerTimeoutNs;
+
+    // Makes records.
+    const std::shared_ptr<const Origin> m_origin;
+    RecordWriter m_writer;
+    u64 m_sequence = 0;
+    u64 m_ticket = 0;
+    std::vector<TrackedPtr<AnalyticsParcel>> m_own; // parcels made here
+
+    // Accepts them.
+    std::unique_ptr<Spool> m_spool;
+    std::vector<Fresh> m_fresh; // not committed yet
+    SpoolChange m_change;       // but for what is fresh
+    u64 m_evictedUpTo = 0;      // ticket
+    bool m_isSpoolDamaged = false;
+    bool m_mustAskSpool = false; // it was not to be had
+    u64 m_spoolNs = 0;           // not before
+    u64 m_tellNs = 0;            // not before
+
+    // Sends them.
+    Window m_window;
+    u64 m_lastLoaded = 0;     // ticket of the record that came into the window last
+    bool m_hasUnread = false; // the spool holds later ones
+    SendGate m_gate;
+    std::string m_trouble;    // of the engine; empty: none
+    bool m_isTaking = false;  // it has delivered since its last trouble
+    bool m_isFailing = false; // the last answer but TryAgain
+};

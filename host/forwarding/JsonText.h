@@ -1,0 +1,18 @@
+#pragma once
+
+#include <fmt/format.h>
+
+#include <string>
+#include <string_view>
+
+// JSON tokens, appended to a text.
+
+// A string literal with its quotes. Bytes that are no UTF-8 become U+FFFD, one for each longest
+// part of a character.
+void appendJsonString(std::string& out, std::string_view text);
+
+template <typename Integer>
+void appendJsonNumber(std::string& out, Integer value) {
+    const fmt::format_int digits(value);
+    out.append(digits.data(), digits.size());
+}

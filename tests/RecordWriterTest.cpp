@@ -1,0 +1,144 @@
+#include "host/forwarding/RecordWriter.h"
+
+#include "host/forwarding/Identity.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <limits>
+#include <random>
+#include <set>
+
+namespace {
+
+using nlohmann::json;
+
+std::string read(const std::string& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+AnalyticsParcel fullParcel() {
+    AnalyticsParcel parcel;
+    parcel.setEventName("\"quoted\" \xff");
+    parcel.setCategory("category");
+    parcel.setAccount(AnalyticsParcel::QEM);
+    parcel.setEventPriority(AnalyticsParcel::Critical);
+    parcel.setValue(~u32{0});
+    parcel.setText("text");
+    parcel.setDetails("line\nline");
+    parcel.setKelTimeStamp(1'700'000'000'123);
+    parcel.addEntry("s", std::string("text")).addEntry("u32", u32{1}).addEntry("u64", ~u64{0});
+    parcel.addEntry("s64", std::numeric_limits<s64>::min()).addEntry("d", 0.5);
+    return parcel.addEntry("i", -2).addEntry("j", 0);
+}
+
+TEST(RecordWriterTest, ALineHoldsWhatTheGettersGiveAndWhereItComesFrom) {
+    RecordWriter writer({"ho\"st", "b00t"}, "serv\tice");
+    EXPECT_EQ(writer.line(fullParcel(), 7, 1'800'000'000'045),
+              R"({"schema":1,"host":"ho\"st","boot":"b00t","sequence":7,"service":"serv\tice",)"
+              R"("forwardedAt":"2027-01-15T08:00:00.045Z",)"
+              "\"eventName\":\"\\\"quoted\\\" \xef\xbf\xbd\",\"category\":\"category\","
+              R"("account":"QEM","priority":"Critical","value":4294967295,"text":"text",)"
+              R"("details":"line\nline","timeStampMs":1700000000123,)"
+              R"("timeStamp":"2023-11-14T22:13:20.123Z","stringEntries":{"s":"text"},)"
+              R"("u32Entries":{"u32":1},"u64Entries":{"u64":18446744073709551615},)"
+              R"("longEntries":{"s64":-9223372036854775808},"doubleEntries":{"d":"0.500000"},)"
+              R"("intEntries":{"i":-2,"j":0}})"
+              "\n");
+}
+
+TEST(RecordWriterTest, AccountsAndPrioritiesHaveNames) {
+    RecordWriter writer({"host", "boot"}, "service");
+    AnalyticsParcel parcel;
+    for (const auto& [priority, name] :
+         {std::pair(AnalyticsParcel::Normal, "Normal"), {AnalyticsParcel::High, "High"}}) {
+        parcel.setEventPriority(priority);
+        const json record = json::parse(writer.line(parcel, 1, 0));
+        EXPECT_EQ(record["priority"], name);
+        EXPECT_EQ(record["account"], "KEL");
+    }
+}
+
+TEST(RecordWriterTest, ATimeIsThatOfItsOwnSecond) {
+    RecordWriter writer({"host", "boot"}, "service");
+    for (const auto& [ms, text] : {std::pair(u64{0}, "1970-01-01T00:00:00.000Z"),
+                                   {u64{999}, "1970-01-01T00:00:00.999Z"},
+                                   {u64{1'000}, "1970-01-01T00:00:01.000Z"},
+                                   {u64{999}, "1970-01-01T00:00:00.999Z"},
+                                   {u64{1'772'323'199'010}, "2026-02-28T23:59:59.010Z"}}) {
+        EXPECT_EQ(json::parse(writer.line(AnalyticsParcel(), 1, ms))["forwardedAt"], text);
+    }
+}
+
+// An established writer says what the text of any bytes is.
+TEST(RecordWriterTest, AnyBytesBecomeTheTextThatAnotherWriterMakesOfThem) {
+    RecordWriter writer({"host", "boot"}, "service");
+    std::mt19937 random(1);
+    const std::string bytes = "a\"\\\b\f\n\r\t\x01\x1f\x7f\x80\x8f\x90\x9f\xa0\xbf\xc0\xc1\xc2\xdf"
+                              "\xe0\xe1\xec\xed\xee\xef\xf0\xf1\xf3\xf4\xf5\xff";
+    for (int i = 0; i < 5'000; ++i) {
+        std::string text;
+        for (u64 length = random() % 6; length > 0; --length) {
+            text += bytes[random() % bytes.size()];
+        }
+        AnalyticsParcel parcel;
+        parcel.setText(text);
+        const std::string expected =
+            json(text).dump(-1, ' ', false, json::error_handler_t::replace);
+        const std::string line = writer.line(parcel, 1, 0);
+        ASSERT_NE(line.find("\"text\":" + expected + ","), std::string::npos) << line << expected;
+    }
+}
+
+TEST(RecordWriterTest, RecordsKeepTheSchema) {
+    EXPECT_EQ(recordSchema(), read(DOCS "/records.schema.json"));
+    const std::string path = testing::TempDir() + "records." + std::to_string(getpid());
+    RecordWriter writer({"host", "boot"}, "service");
+    AnalyticsParcel odd = fullParcel();
+    odd.addEntry("max", std::numeric_limits<double>::max()).addEntry("nan", std::nan(""));
+    odd.addEntry("minusInf", -std::numeric_limits<double>::infinity());
+    std::ofstream(path) << writer.line(AnalyticsParcel(), 1, 0) << writer.line(odd, 2, 0);
+    const std::string validate = "python3 " VALIDATE " " DOCS "/records.schema.json <";
+    EXPECT_EQ(std::system((validate + path).c_str()), 0);
+    std::ofstream(path) << writer.line(AnalyticsParcel(), 0, 0);
+    EXPECT_NE(std::system((validate + path + " 2>" + path + ".err").c_str()), 0);
+    EXPECT_EQ(read(path + ".err"), "line 1: $.sequence: 0 is less than the minimum of 1\n");
+    unlink(path.c_str());
+    unlink((path + ".err").c_str());
+}
+
+TEST(RecordWriterTest, TheDocumentHasTheTableOfFields) {
+    EXPECT_NE(read(DOCS "/records.md").find(recordFieldRows()), std::string::npos)
+        << recordFieldRows();
+}
+
+TEST(IdentityTest, AMachineHasItsIdFromItsFile) {
+    const std::string path = testing::TempDir() + "machine." + std::to_string(getpid());
+    std::ofstream(path) << "0123456789abcdef0123456789abcdef\n";
+    EXPECT_EQ(deriveHostId(path), "32f51c08b4c08bb2");
+    std::ofstream(path) << "";
+    const std::string ofName = deriveHostId(path);
+    EXPECT_EQ(ofName.size(), 16U);
+    EXPECT_EQ(deriveHostId(path + ".none"), ofName);
+    EXPECT_NE(ofName, "32f51c08b4c08bb2");
+    unlink(path.c_str());
+    EXPECT_EQ(makeOrigin("").host, deriveHostId());
+    EXPECT_EQ(makeOrigin("given").host, "given");
+}
+
+TEST(IdentityTest, EachBootIsAnother) {
+    std::set<std::string> boots;
+    for (int i = 0; i < 100; ++i) {
+        boots.insert(makeOrigin("").boot);
+    }
+    EXPECT_EQ(boots.size(), 100U);
+    EXPECT_EQ(boots.begin()->size(), 16U);
+}
+
+} // namespace

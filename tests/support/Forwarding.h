@@ -1,0 +1,102 @@
+#pragma once
+
+#include "common/Analytics/AnalyticsParcel.h"
+#include "common/infra/IParcelOutbox.h"
+#include "common/infra/TrackedAllocation.h"
+#include "host/forwarding/Forwarder.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <chrono>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+// What tests of engines share: an outbox with a forwarder to a sink, and a look at what was stored.
+
+// How many records the long runs send; a few thousand unless the environment says otherwise.
+inline u64 recordsOfARun() {
+    const char* text = std::getenv("ANALYTICS_TEST_RECORDS");
+    return text == nullptr ? 3'000 : std::stoull(text);
+}
+
+// Sends parcels to an engine, and holds the account against what came of them.
+class Sending {
+public:
+    explicit Sending(std::unique_ptr<ISink> sink, ForwarderOptions options = fast())
+        : m_forwarder(std::make_unique<Forwarder>(m_outbox, std::move(sink), std::vector<ISink*>{},
+                                                  options)) {}
+
+    // Short pauses, and a host's name to look for.
+    static ForwarderOptions fast() {
+        ForwarderOptions options;
+        options.hostId = "host-1";
+        options.firstBackOff = std::chrono::milliseconds(10);
+        options.longestBackOff = std::chrono::milliseconds(100);
+        options.answerTimeout = std::chrono::milliseconds(2'000);
+        return options;
+    }
+
+    void push(u64 count, std::size_t size = 0) {
+        for (u64 i = 0; i < count; ++i) {
+            auto* parcel = TRACKED_NEW(AnalyticsParcel)();
+            parcel->setEventName("Pushed");
+            parcel->setDetails(std::string(size, 'x'));
+            m_outbox.pushParcel(parcel, IParcelOutbox::KEL_ANALYTICS);
+        }
+        m_pushed += count;
+    }
+
+    AccountNumbers account() { return m_forwarder->account().numbers(); }
+    u64 delivered() { return account().delivered; }
+
+    // Ends the forwarder. The account has one record more than was pushed: its own.
+    AccountNumbers end(std::chrono::seconds limit = std::chrono::seconds(20)) {
+        EXPECT_TRUE(m_forwarder->stop(limit));
+        const AccountNumbers account = this->account();
+        EXPECT_TRUE(account.addsUp()) << account.text();
+        EXPECT_EQ(account.pushed, m_pushed + 1);
+        EXPECT_EQ(account.dropped, 0U);
+        m_forwarder.reset();
+        return account;
+    }
+    // The same, when the engine has to have everything.
+    void endWithAllDelivered() {
+        const AccountNumbers account = end();
+        EXPECT_EQ(account.delivered, m_pushed + 1) << account.text();
+    }
+    u64 pushed() const { return m_pushed; }
+
+private:
+    ParcelOutbox m_outbox{1'000'000};
+    u64 m_pushed = 0;
+    std::unique_ptr<Forwarder> m_forwarder;
+};
+
+// The sequences of stored records, in the order in which they were stored.
+inline std::vector<u64> sequencesOf(const std::vector<std::string>& values) {
+    std::vector<u64> sequences;
+    for (const std::string& value : values) {
+        const auto json = nlohmann::json::parse(value, nullptr, false);
+        EXPECT_FALSE(json.is_discarded()) << value;
+        sequences.push_back(json.value("sequence", u64{0}));
+    }
+    return sequences;
+}
+
+// Every record of 1 to `count` is there, and repeats aside they are in order.
+inline void expectAllInOrder(const std::vector<std::string>& values, u64 count) {
+    u64 last = 0;
+    for (const u64 sequence : sequencesOf(values)) {
+        if (sequence > last) {
+            ASSERT_EQ(sequence, last + 1) << "a record is missing or was overtaken";
+            last = sequence;
+        }
+    }
+    EXPECT_EQ(last, count);
+}
