@@ -190,6 +190,7 @@ Boot& Fleet::bootOf(Host& host, std::string_view name) {
 void Fleet::addChosen(const Record& record, Host& host) {
     m_fromMs = std::min(m_fromMs, record.timeStampMs);
     m_toMs = std::max(m_toMs, record.timeStampMs);
+    m_longestPeriodMs = std::max(m_longestPeriodMs, record.periodMs);
     fitStep();
     if (record.kind == Record::Storage && record.set.empty()) {
         addStorage(record, host);
@@ -228,9 +229,16 @@ void Fleet::addEvicted(const Record& record) {
     bootOf(hostOf(record.evictedHost), record.evictedBoot).evicted.add(first, last);
 }
 
+bool Fleet::isStepTooShort() const {
+    constexpr u64 tenMinutesMs = 600'000;
+    const u64 periodMs = std::min(m_longestPeriodMs, tenMinutesMs);
+    // A period is a little longer or shorter than the interval of the reports.
+    return static_cast<u64>(m_stepMs) < periodMs - periodMs / 10 ||
+           m_toMs / m_stepMs - m_fromMs / m_stepMs >= mostSteps;
+}
+
 void Fleet::fitStep() {
-    while (!m_choice.stepMs && m_toMs / m_stepMs - m_fromMs / m_stepMs >= mostSteps &&
-           m_rung + 1 < ladderSeconds.size()) {
+    while (!m_choice.stepMs && m_rung + 1 < ladderSeconds.size() && isStepTooShort()) {
         const s64 factor = ladderSeconds[m_rung + 1] / ladderSeconds[m_rung];
         ++m_rung;
         m_stepMs *= factor;

@@ -87,7 +87,7 @@ struct Choice {
     std::optional<s64> sinceMs;               // from then on
     std::optional<s64> untilMs;               // before then
     std::set<std::string, std::less<>> hosts; // empty: all
-    std::optional<s64> stepMs; // none: the shortest of a ladder that makes at most 1500 steps
+    std::optional<s64> stepMs;                // none: the shortest that fits, see Fleet::stepMs()
 };
 
 // What the records of any number of hosts add up to, in any order. Memory grows with hosts times
@@ -103,6 +103,8 @@ public:
     u64 duplicates() const { return m_duplicates; }
     u64 evicted() const { return m_evicted; }
     u64 otherRecords() const { return m_otherRecords; }
+    // The one chosen; else the shortest of a ladder that makes at most 1500 steps and is no shorter
+    // than the reports' periods, as far as these are up to ten minutes.
     s64 stepMs() const { return m_stepMs; }
     // The first and the last time stamp of those chosen; nothing if there are none.
     std::optional<s64> from() const;
@@ -121,6 +123,7 @@ private:
     void addStorage(const Record& record, Host& host);
     void addMaxima(const Record& record, const Host& host);
     void addEvicted(const Record& record);
+    bool isStepTooShort() const;
     void fitStep();
 
     const Choice m_choice;
@@ -133,6 +136,7 @@ private:
     u64 m_otherRecords = 0;
     s64 m_fromMs = std::numeric_limits<s64>::max();
     s64 m_toMs = std::numeric_limits<s64>::min();
+    u64 m_longestPeriodMs = 0;
     std::size_t m_rung = 0; // of the ladder of steps
     s64 m_stepMs;
 };

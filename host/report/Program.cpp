@@ -3,6 +3,7 @@
 #include "host/report/Collector.h"
 #include "host/report/ExitCodes.h"
 #include "host/report/Figures.h"
+#include "host/report/HtmlPage.h"
 #include "host/report/Input.h"
 #include "host/report/JsonReport.h"
 #include "host/report/Progress.h"
@@ -64,6 +65,9 @@ int run(const Options& options) {
     bool isWhole = true;
     for (const std::string& file : options.files) {
         isWhole = readFile(file, collector) && isWhole;
+    }
+    if (!options.html.empty()) {
+        writePage(collector, options.html);
     }
     show(options, figuresOf(collector));
     return isWhole ? exitDone : exitFailed;

@@ -55,6 +55,7 @@ struct Record {
 
     // Of storage reports.
     Totals totals;
+    u64 periodMs = 0;
     Limits limits;
     std::string_view set; // empty: the process's own report
 

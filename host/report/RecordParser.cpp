@@ -230,6 +230,7 @@ void readContent(const Fields& fields, Record& record) {
     record.kind = Record::Storage;
     record.totals.reports = 1;
     record.totals.failed = record.number("failedIos");
+    record.periodMs = record.number("periodMs");
     record.totals.episodeSumMs = record.number("episodeSumMs");
     const element text = present(fields.text, "it has no text");
     record.limits.thresholdUs =
