@@ -7,15 +7,15 @@ set -euo pipefail
 
 declare -A packages=(
     [build]="g++ cmake ninja-build pkgconf"
-    [program]="liburing-dev libspdlog-dev libfmt-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev"
-    [tests]="libgtest-dev libgmock-dev python3"
+    [program]="liburing-dev libspdlog-dev libfmt-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev libsimdjson-dev zlib1g-dev libzstd-dev libjs-chart.js"
+    [tests]="libgtest-dev libgmock-dev python3 zstd chromium"
     [checks]="clang clang-format clang-tidy"
     [benchmarks]="libbenchmark-dev libboost-dev prometheus-cpp-dev fio"
 )
 declare -A reasons=(
     [build]="compiler and build tools"
-    [program]="asynchronous I/O, logging, tunables file, command line and JSON of the program"
-    [tests]="test framework"
+    [program]="asynchronous I/O, logging, tunables file, command line and JSON of the programs, and the charts of their pages"
+    [tests]="test framework, and a browser for the page of reports"
     [checks]="second compiler, formatting check and static analysis"
     [benchmarks]="benchmark framework, and the peers to compare with"
 )
