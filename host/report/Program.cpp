@@ -3,6 +3,7 @@
 #include "host/report/Collector.h"
 #include "host/report/ExitCodes.h"
 #include "host/report/Figures.h"
+#include "host/report/Follow.h"
 #include "host/report/HtmlPage.h"
 #include "host/report/Input.h"
 #include "host/report/JsonReport.h"
@@ -58,6 +59,9 @@ void show(const Options& options, const Figures& figures) {
 } // namespace
 
 int run(const Options& options) {
+    if (options.mustFollow) {
+        return follow(options);
+    }
     for (const std::string& file : options.files) {
         Input::check(file); // a wrong name is told before anything is read
     }
