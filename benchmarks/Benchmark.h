@@ -18,6 +18,7 @@ std::vector<Benchmark> recordingBenchmarks();
 std::vector<Benchmark> loggingBenchmarks();
 std::vector<Benchmark> reportBenchmarks();
 std::vector<Benchmark> timerBenchmarks();
+std::vector<Benchmark> maximumBenchmarks();
 std::vector<Benchmark> microBenchmarks();
 std::vector<Benchmark> footprintBenchmarks();
 std::vector<Benchmark> engineBenchmarks();

@@ -13,9 +13,9 @@ namespace {
 
 std::vector<Benchmark> allBenchmarks() {
     std::vector<Benchmark> all;
-    for (const auto& room :
-         {singletonBenchmarks(), recordingBenchmarks(), loggingBenchmarks(), reportBenchmarks(),
-          timerBenchmarks(), microBenchmarks(), footprintBenchmarks(), engineBenchmarks()}) {
+    for (const auto& room : {singletonBenchmarks(), recordingBenchmarks(), loggingBenchmarks(),
+                             reportBenchmarks(), timerBenchmarks(), maximumBenchmarks(),
+                             microBenchmarks(), footprintBenchmarks(), engineBenchmarks()}) {
         all.insert(all.end(), room.begin(), room.end());
     }
     return all;

@@ -2,21 +2,33 @@
 # scripts/setup.sh PURPOSE...
 #
 # Installs what the purposes need and this machine lacks, and says so on standard error; silent when
-# nothing is missing. The one list of the packages (Debian 12) that the repository depends on.
+# nothing is missing. The one list of the packages (Debian 12 and 13) that the repository depends on.
 set -euo pipefail
+
+# The oldest g++ that this release of Debian has beside its own.
+older_compiler() {
+    case $(cut -d. -f1 /etc/debian_version 2>/dev/null) in
+        12) echo g++-11 ;;
+        *) echo g++-13 ;;
+    esac
+}
 
 declare -A packages=(
     [build]="g++ cmake ninja-build pkgconf"
     [program]="liburing-dev libspdlog-dev libfmt-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev libsimdjson-dev zlib1g-dev libzstd-dev libjs-chart.js"
     [tests]="libgtest-dev libgmock-dev python3 zstd chromium"
-    [checks]="clang clang-format clang-tidy"
+    [checks]="clang clang-format clang-tidy $(older_compiler)"
+    [documents]="doxygen"
+    [packages]="dpkg-dev file"
     [benchmarks]="libbenchmark-dev libboost-dev prometheus-cpp-dev fio"
 )
 declare -A reasons=(
     [build]="compiler and build tools"
     [program]="asynchronous I/O, logging, tunables file, command line and JSON of the programs, and the charts of their pages"
     [tests]="test framework, and a browser for the page of reports"
-    [checks]="second compiler, formatting check and static analysis"
+    [checks]="other compilers, formatting check and static analysis"
+    [documents]="the headers' reference as pages"
+    [packages]="what Debian packages are made with"
     [benchmarks]="benchmark framework, and the peers to compare with"
 )
 

@@ -9,107 +9,97 @@
 
 #include <gtest/gtest.h>
 
-#include <new>
-#include <utility>
-
 namespace {
 
+constexpr u32 top = ~u32{0};
+
 struct GeneratorTest : testing::Test {
+    void TearDown() override { EXPECT_EQ(services.memShield.live(), 0U); }
+
+    TrackedPtr<AnalyticsParcel> report() { return {generator.finalizeParcel(), TRACKED_DELETE}; }
+
     FakeServices services;
+    const int fired = services.timer.advanceTo(100); // when the first period begins
     RecordingLog log;
-    void TearDown() override { EXPECT_EQ(services.memShield.live(), 0u); }
+    StorageAnalyticsGenerator generator;
 };
 
-// The two lines that a storage report writes.
-std::string linesOf(const AnalyticsParcel& parcel, u64 startMs, u64 endMs) {
-    const StorageAnalyticsCounters& from = storageCounters();
+TEST_F(GeneratorTest, AReportPublishesTheCounters) {
+    storageCounters() = {50, {120, top, 4, 1, 0}, top - 1, 12};
+    services.dynamicTweaks.t_StorageAnalyticsLatencyThreshold = 100;
+    services.timer.advance(86'401'999);
+    const auto parcel = report();
+    EXPECT_EQ(toText(*parcel), "StoragePeriodicParcel/storage/[Latency Threshold=50][lt=100]/ "
+                               "account=1 priority=0 value=4294967294 time=86402099 u32:cm1=120 "
+                               "u32:cm2=4294967295 u32:cm3=4 u32:cm4=1 u32:cm5=0 u32:cm6=12 "
+                               "u64:cd11=86401");
     std::ostringstream lines;
-    lines << "common info [AnalyticsParcel*PeriodicAnalyticsGeneratorAbs::"
+    lines << "common info [StorageAnalyticsGenerator::StorageAnalyticsGenerator()] 3: \n"
+             "common info [AnalyticsParcel*PeriodicAnalyticsGeneratorAbs::"
              "createPeriodicAnalyticsParcel(const std::string&, const std::string&)] 3: "
              " periodicAnalyticsParcel="
-          << &parcel << " PeriodicAnalyticsParcel data:kelTimeStamp=" << endMs;
-    lines << ", parcelName=StoragePeriodicParcel , category=storage , accountType=1 , priority=0 , "
-             "m_startTimeStamp="
-          << startMs << " , m_endTimeStamp=" << endMs << " \n";
-    lines
-        << "common info [virtual AnalyticsParcel*StorageAnalyticsGenerator::finalizeInternal()] 3: "
-           "StoragePeriodicParcel, Event Label="
-        << parcel.getText() << ", Event Value=" << from.avrHighStorageLatencyDuration;
-    for (int i = 0; i < 5; ++i) {
-        lines << ", storageLatency[" << i << "]=" << from.storageLatency[i];
-    }
-    lines << ", maxHighStorageLatencyDuration=" << from.maxHighStorageLatencyDuration << "\n\n";
-    return lines.str();
+          << parcel.get()
+          << " PeriodicAnalyticsParcel data:kelTimeStamp=86402099, parcelName="
+             "StoragePeriodicParcel , category=storage , accountType=1 , priority=0 , "
+             "m_startTimeStamp=100 , m_endTimeStamp=86402099 \n"
+             "common info [virtual AnalyticsParcel*StorageAnalyticsGenerator::finalizeInternal()] "
+             "3: StoragePeriodicParcel, Event Label=[Latency Threshold=50][lt=100], "
+             "Event Value=4294967294, storageLatency[0]=120, storageLatency[1]=4294967295, "
+             "storageLatency[2]=4, storageLatency[3]=1, storageLatency[4]=0, "
+             "maxHighStorageLatencyDuration=12\n\n";
+    EXPECT_EQ(toText(log), lines.str());
 }
 
-TEST_F(GeneratorTest, AStorageReportPublishesTheCountersOfItsPeriod) {
-    constexpr u32 top = ~u32{0};
-    u64 startMs = 100;
-    services.timer.advanceTo(startMs);
-    StorageAnalyticsGenerator generator;
-    EXPECT_EQ(toText(log),
-              "common info [StorageAnalyticsGenerator::StorageAnalyticsGenerator()] 3: \n");
-    std::vector<TrackedPtr<AnalyticsParcel>> reports;
-    std::vector<std::string> expected;
-    const auto report = [&](const StorageAnalyticsCounters& counters, u32 tunable, u64 periodMs,
-                            const std::string& text) {
-        storageCounters() = counters;
-        services.dynamicTweaks.t_StorageAnalyticsLatencyThreshold = tunable;
-        services.timer.advance(periodMs);
-        log.clear();
-        reports.emplace_back(generator.finalizeParcel(), TRACKED_DELETE);
-        EXPECT_EQ(toText(log), linesOf(*reports.back(), startMs, startMs + periodMs));
-        startMs += periodMs;
-        expected.push_back("StoragePeriodicParcel/storage/[Latency Threshold=" + text);
-    };
-    report({50, {120, 30, 4, 1, 0}, 7, 12}, 100, 1'999,
-           "50][lt=100]/ account=1 priority=0 value=7 time=2099 u32:cm1=120 u32:cm2=30 u32:cm3=4 "
-           "u32:cm4=1 u32:cm5=0 u32:cm6=12 u64:cd11=1");
-    report({9, {1, 2, 3, 4, 5}, 6, 8}, 9, 999,
-           "9][eq=9]/ account=1 priority=0 value=6 time=3098 u32:cm1=1 u32:cm2=2 u32:cm3=3 "
-           "u32:cm4=4 u32:cm5=5 u32:cm6=8 u64:cd11=0");
-    report({top, {top, 0, 0, 0, top}, top, top}, 0, 86'400'000,
-           "4294967295][gt=0]/ account=1 priority=0 value=4294967295 time=86403098 "
-           "u32:cm1=4294967295 u32:cm2=0 u32:cm3=0 u32:cm4=0 u32:cm5=4294967295 "
-           "u32:cm6=4294967295 u64:cd11=86400");
-    for (std::size_t i = 0; i < reports.size(); ++i) { // each as it was made, whatever came later
-        EXPECT_EQ(toText(*reports[i]), expected[i]);
+// Takes a second to make its report.
+struct SlowGenerator : StorageAnalyticsGenerator {
+    explicit SlowGenerator(FakeTimer& fake) : timer(fake) {}
+    AnalyticsParcel* finalizeInternal() override {
+        AnalyticsParcel* parcel = StorageAnalyticsGenerator::finalizeInternal();
+        timer.advance(1'000);
+        return parcel;
+    }
+    FakeTimer& timer;
+};
+
+TEST_F(GeneratorTest, PeriodsJoin) {
+    const std::tuple<u32, u64, u64, const char*> rows[] = {
+        // threshold, length; length, text
+        {8, 1'999, 1, "[Latency Threshold=9][gt=8]"},
+        {9, 999, 1, "[Latency Threshold=9][eq=9]"},
+        {10, 1'000, 2, "[Latency Threshold=9][lt=10]"}};
+    SlowGenerator slow(services.timer);
+    storageCounters().latencyThreshold = 9;
+    for (const auto& [threshold, ms, seconds, text] : rows) {
+        services.dynamicTweaks.t_StorageAnalyticsLatencyThreshold = threshold;
+        services.timer.advance(ms);
+        const TrackedPtr<AnalyticsParcel> parcel(slow.finalizeParcel(), TRACKED_DELETE);
+        EXPECT_EQ(parcel->getText(), text);
+        EXPECT_EQ(parcel->getU64Entries().at("cd11"), seconds);
     }
 }
 
 TEST_F(GeneratorTest, ThePolicyHasTheIntervalOfTheTunable) {
-    StorageAnalyticsGenerator generator;
-    for (const u64 seconds : {86'400u, 3'600u, ~u32{0}}) {
-        if (seconds != 86'400) { // which is the default
-            uintTweaks()["t_StorageAnalyticsIntervalSec"] = static_cast<u32>(seconds);
-        }
+    for (const u64 seconds : {86'400U, top}) { // the default, and then a set one
         const TrackedPtr<IAnalyticsSchedulingPolicy> policy(generator.createPolicy(),
                                                             TRACKED_DELETE);
         EXPECT_EQ(policy->getNextSchedule(), seconds * 1'000);
-        EXPECT_EQ(services.memShield.live(), 1u);
+        EXPECT_EQ(services.memShield.live(), 1U);
+        uintTweaks()["t_StorageAnalyticsIntervalSec"] = top;
     }
 }
 
-// Every allocation on the way to a report fails in turn.
-TEST_F(GeneratorTest, AReportThatMemoryFailsLeaksNothingAndKeepsThePeriod) {
-    StorageAnalyticsGenerator generator;
-    u64 attempts = 0;
+TEST_F(GeneratorTest, AReportThatMemoryFailsKeepsThePeriod) {
     TrackedPtr<AnalyticsParcel> parcel(nullptr, TRACKED_DELETE);
     LogService::setLevel(AssertLevel); // a log line without memory is dropped: no failure
-    while (parcel == nullptr) {
+    const auto tryReport = [&] {
         services.timer.advance(1'000);
-        try {
-            allocationsLeft = static_cast<int>(attempts++);
-            parcel.reset(generator.finalizeParcel());
-            EXPECT_GE(std::exchange(allocationsLeft, unlimitedAllocations), 0)
-                << "a failure was swallowed";
-        } catch (const std::bad_alloc&) {
-            EXPECT_EQ(services.memShield.live(), 0u) << attempts;
-        }
-    }
+        parcel = report();
+    };
+    const int failures =
+        failEachAllocation(tryReport, [&] { EXPECT_EQ(services.memShield.live(), 0U); });
     LogService::setLevel(InfoLevel);
-    EXPECT_GT(attempts, 10u);
-    EXPECT_EQ(parcel->getU64Entries().at("cd11"), attempts);
+    EXPECT_GT(failures, 10);
+    EXPECT_EQ(parcel->getU64Entries().at("cd11"), failures + 1U);
 }
 
 } // namespace

@@ -2,8 +2,11 @@
 
 #include "common/infra/AIO.h"
 #include "common/infra/DynamicTweaks.h"
+#include "host/io/AlignedBuffer.h"
+#include "host/services/Clock.h"
 #include "host/services/StorageLatency.h"
 #include "host/testing/Installed.h"
+#include "host/testing/RecordingLog.h"
 #include "tests/support/RefuseCall.h"
 
 #include <fcntl.h>
@@ -16,7 +19,10 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <future>
 #include <iterator>
 #include <numeric>
@@ -24,6 +30,7 @@
 #include <system_error>
 #include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -51,7 +58,9 @@ protected:
     }
     static void ioCompleted(IoRequest& request, int result) {
         auto& io = static_cast<Io&>(request);
+        EXPECT_EQ(io.test->reporting++, 0);
         ++io.test->completions;
+        --io.test->reporting;
         if (io.resubmits-- == 0 || !io.test->submit(io)) {
             auto done = std::move(io.promise); // outlives the request
             done.set_value(result);
@@ -81,9 +90,9 @@ protected:
         return std::all_of(ios.begin(), ios.end(), [](Io& io) { return io.result.get() >= 0; });
     }
     u64 counted() {
-        StorageAnalyticsCounters counters;
-        aio.mabeStorageLatencyAnalytics(counters);
-        return std::accumulate(counters.storageLatency, counters.storageLatency + 5, u64{0});
+        const StoragePeriod period = aio.latency().closePeriod();
+        return std::accumulate(std::begin(period.counters.storageLatency),
+                               std::end(period.counters.storageLatency), period.failedIos);
     }
     void SetUp() override {
         try {
@@ -101,6 +110,7 @@ protected:
     const int file = fileno(scratch);
     std::atomic<u64> taken{0};
     std::atomic<u64> completions{0};
+    std::atomic<int> reporting{0}; // completions
     DynamicTweaks tweaks;
     Installed<DynamicTweaks, DynamicTweaks> installedTweaks{tweaks};
     AIO aio; // counts this test's I/Os alone
@@ -108,7 +118,7 @@ protected:
     IoEngine engine;
 };
 
-TEST_P(IoEngineTest, MovesDataInsideAndOutsideTheRegisteredMemoryAndReportsErrors) {
+TEST_P(IoEngineTest, DataMovesInsideTheRegisteredMemoryAsOutside) {
     std::string registered(block, 'r');
     std::string outside(block, 'o');
     open(file, 3, registered.data(), block);
@@ -128,13 +138,25 @@ TEST_P(IoEngineTest, MovesDataInsideAndOutsideTheRegisteredMemoryAndReportsError
     ASSERT_TRUE(submit(ios[0]) && submit(ios[1]));
     engine.close();
     EXPECT_EQ(registered + outside, std::string(block, 'o') + std::string(block, 'r'));
-    EXPECT_GT(ios[1].latencyNs, 0U);
-    EXPECT_EQ(counted(), 5U);
+    EXPECT_EQ(counted(), 6U);
 }
 
-TEST_P(IoEngineTest, OpensOnceCountsAnIoBeforeItsCompletionIsSeenAndLeavesTheFile) {
+TEST_P(IoEngineTest, WhatCannotBeOpenedIsRefused) {
     EXPECT_THROW(open(-1, 1), std::system_error);
+    EXPECT_THROW(open(file, 0), std::invalid_argument);
     EXPECT_THROW(open(file, 1U << 15U), std::invalid_argument);
+    EXPECT_THROW(IoEngine::available(GetParam(), 1U << 15U), std::invalid_argument);
+    EXPECT_NO_THROW(IoEngine::available(IoEngine::Kind::Threads, (1U << 15U) - 1));
+    EXPECT_EQ(engine.kind(), IoEngine::Kind::Automatic);
+    std::thread([this] {
+        ASSERT_TRUE(refuseCall(SYS_clone3, EAGAIN));
+        EXPECT_THROW(open(file, 5), std::system_error);
+    }).join();
+    open(file, 5);
+    EXPECT_TRUE(run());
+}
+
+TEST_P(IoEngineTest, AnIoIsCountedBeforeItsCompletionIsSeen) {
     const int locked = ::open(("/proc/self/fd/" + std::to_string(file)).c_str(), O_RDWR);
     ASSERT_EQ(flock(locked, LOCK_EX), 0);
     open(locked, 8);
@@ -145,11 +167,12 @@ TEST_P(IoEngineTest, OpensOnceCountsAnIoBeforeItsCompletionIsSeenAndLeavesTheFil
     }
     engine.close();
     EXPECT_FALSE(run());
+    EXPECT_EQ(engine.kind(), IoEngine::Kind::Automatic);
     ::close(locked);
     EXPECT_EQ(flock(file, LOCK_EX | LOCK_NB), 0) << "the service still holds the file";
 }
 
-TEST_P(IoEngineTest, ClosingWaitsForWhatIsInTheKernelAndWhatIsStillQueued) {
+TEST_P(IoEngineTest, ClosingWaitsForWhatWasSubmitted) {
     for (const u32 depth : {1U, 2U}) {
         int ends[2];
         ASSERT_EQ(pipe(ends), 0);
@@ -169,7 +192,7 @@ TEST_P(IoEngineTest, ClosingWaitsForWhatIsInTheKernelAndWhatIsStillQueued) {
     }
 }
 
-TEST_P(IoEngineTest, WhatManyThreadsSubmitWhileTheServiceOpensAndClosesCompletes) {
+TEST_P(IoEngineTest, WhatManyThreadsSubmitCompletesWhenTheEngineClosesToo) {
     std::atomic<bool> over{false};
     std::vector<std::thread> threads;
     for (const u32 resubmits : {0, 0, 0, 1, 1, 2}) {
@@ -192,7 +215,7 @@ TEST_P(IoEngineTest, WhatManyThreadsSubmitWhileTheServiceOpensAndClosesCompletes
     EXPECT_EQ(counted(), taken);
 }
 
-TEST_P(IoEngineTest, AStallShowsWhileItLastsAndNoLonger) {
+TEST_P(IoEngineTest, AStallShowsAsLongAsItLasts) {
     tweaks.t_StorageAnalyticsLatencyThreshold = 1'000;
     counted(); // the limits are those of the next period
     int ends[2];
@@ -221,7 +244,7 @@ TEST_P(IoEngineTest, AStallShowsWhileItLastsAndNoLonger) {
     ::close(ends[0]);
 }
 
-TEST_P(IoEngineTest, AnIoThatFailsOrMovesLessIsReportedAsTheKernelAnswersIt) {
+TEST_P(IoEngineTest, AnIoThatMovesLessHasFailed) {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
     std::string buffer(block, ' ');
@@ -239,9 +262,68 @@ TEST_P(IoEngineTest, AnIoThatFailsOrMovesLessIsReportedAsTheKernelAnswersIt) {
         ASSERT_TRUE(submit(io));
         EXPECT_EQ(io.result.get(), expected);
         engine.close();
-        EXPECT_EQ(aio.latency().closePeriod().failedIos, expected < 0 ? 1U : 0U) << expected;
+        EXPECT_TRUE(io.failed);
+        EXPECT_EQ(aio.latency().closePeriod().failedIos, 1U) << expected;
     }
     ::close(ends[0]), ::close(ends[1]);
+}
+
+// The bounds are such that each of its reads, of more than 10 us, belongs into one class.
+TEST_P(IoEngineTest, AnIoIsInTheClassOfItsLatency) {
+    tweaks.t_StorageAnalyticsLatencyThreshold = 1;
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    for (u32 expected = 0; expected < 5; ++expected) {
+        u32 bounds[4];
+        for (u32 i = 0; i < 4; ++i) {
+            bounds[i] = i < expected ? i : 4'000'000'000U + i;
+        }
+        tweaks.t_StorageAnalyticsLatencyFast = bounds[0];
+        tweaks.t_StorageAnalyticsLatencyModerate = bounds[1];
+        tweaks.t_StorageAnalyticsLatencySlow = bounds[2];
+        tweaks.t_StorageAnalyticsLatencyVerySlow = bounds[3];
+        counted();
+        open(ends[0], 1);
+        char buffer = 0;
+        Io io = makeIo(IoRequest::Read, 0, &buffer);
+        io.length = 1;
+        const u64 beforeNs = monotonicNs();
+        ASSERT_TRUE(submit(io));
+        while (!aio.latency().inFlight().oldestStartNs()) {
+            std::this_thread::yield();
+        }
+        const u64 heldNs = monotonicNs();
+        while (monotonicNs() < heldNs + 2 * nsPerMs) {
+        }
+        EXPECT_EQ(write(ends[1], "x", 1), 1);
+        engine.close();
+        EXPECT_GE(io.latencyNs, 2 * nsPerMs);
+        EXPECT_LE(io.latencyNs, monotonicNs() - beforeNs);
+        const StoragePeriod period = aio.latency().closePeriod();
+        EXPECT_EQ(period.counters.storageLatency[expected], 1U) << expected;
+        EXPECT_EQ(period.maxUs, (io.latencyNs + nsPerUs - 1) / nsPerUs);
+        EXPECT_EQ(period.episodes, 1U);
+        EXPECT_GE(period.episodeSumMs, 2U);
+    }
+    ::close(ends[0]), ::close(ends[1]);
+}
+
+TEST_P(IoEngineTest, ThereAreSoManyThreads) {
+    const auto threads = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+    };
+    for (const auto& [depth, most] : {std::pair(1U, 1), {3U, 3}, {64U, 64}, {100U, 64}}) {
+        const std::ptrdiff_t before = threads();
+        open(file, depth);
+        EXPECT_EQ(threads() - before, GetParam() == IoEngine::Kind::Threads ? most : 1);
+        engine.close();
+    }
+}
+
+TEST(AlignedBufferTest, IsForDirectIo) {
+    const AlignedBuffer buffer(100);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(buffer.data()) % 4096, 0U);
+    EXPECT_EQ(std::count(buffer.data(), buffer.data() + buffer.size(), std::byte{0}), 100);
 }
 
 TEST_P(IoEngineTest, OneAtATimeTheOrderIsThatOfSubmission) {
@@ -264,7 +346,7 @@ TEST_P(IoEngineTest, OneAtATimeTheOrderIsThatOfSubmission) {
     ::close(ends[0]), ::close(ends[1]);
 }
 
-TEST_P(IoEngineTest, WhatIsRefusedOnlyAtTheOpeningIsReplacedByThreadsOrThrown) {
+TEST_P(IoEngineTest, WhatIsRefusedAtTheOpeningIsLeftToThreadsWhereThatIsAllowed) {
     std::thread([this] { // and no other thread is refused anything
         ASSERT_TRUE(refuseCall(SYS_io_uring_setup, EPERM));
         if (GetParam() == IoEngine::Kind::IoUring) {
@@ -279,6 +361,32 @@ TEST_P(IoEngineTest, WhatIsRefusedOnlyAtTheOpeningIsReplacedByThreadsOrThrown) {
     open(file, 1);
     EXPECT_EQ(engine.kind(), GetParam());
     EXPECT_TRUE(run());
+}
+
+TEST(AvailableEngineTest, WhereIoUringIsRefusedThreadsServe) {
+    const std::tuple<long, int, const char*, const char*> rows[] = {
+        {SYS_io_uring_setup, EPERM, "Operation not permitted", "kernel.io_uring_disabled=0"},
+        {SYS_io_uring_setup, ENOSYS, "Function not implemented", "a kernel that has it"},
+        {SYS_io_uring_setup, ENOMEM, "Cannot allocate memory", "ulimit -l"},
+        {SYS_io_uring_register, EACCES, "Permission denied", "admits io_uring_setup"},
+        {SYS_io_uring_enter, EBUSY, "Device or resource busy", "at another time"},
+        {SYS_io_uring_enter, EAGAIN, "temporarily unavailable", "at another time"}};
+    for (const auto& row : rows) {
+        std::thread([&row] {
+            const auto& [call, error, message, remedy] = row;
+            const RecordingLog log;
+            ASSERT_TRUE(refuseCall(static_cast<u32>(call), static_cast<u32>(error)));
+            EXPECT_EQ(IoEngine::available(IoEngine::Kind::Threads, 8), IoEngine::Kind::Threads);
+            EXPECT_THROW(IoEngine::available(IoEngine::Kind::IoUring, 8), std::system_error);
+            EXPECT_EQ(log.lines().size(), 0U);
+            EXPECT_EQ(IoEngine::available(IoEngine::Kind::Automatic, 8), IoEngine::Kind::Threads);
+            ASSERT_EQ(log.texts(WarnLevel).size(), 1U);
+            for (const char* part :
+                 {"threads make the I/Os: io_uring is refused", message, remedy}) {
+                EXPECT_NE(log.texts(WarnLevel)[0].find(part), std::string::npos) << part;
+            }
+        }).join();
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(, IoEngineTest,

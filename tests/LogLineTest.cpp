@@ -10,27 +10,19 @@
 #define EXPANDED 0
 
 struct LogLineSpeaker {
-    // NOLINTNEXTLINE(readability-non-const-parameter): a signature to be named
-    static unsigned* speak(const std::string& /*name*/, int* size) {
+    static unsigned* speak(const std::string& evaluated, int* size) {
         LOG_LINE(LogModuleCommon, InfoLevel) << " size=" << *size << " " << std::endl;
-        EXPECT_OR_REPORT(size == nullptr) << " size=" << *size << " ";
+        EXPECT_OR_REPORT(size == nullptr) << " size=" << *size << " evaluated=" << evaluated;
         return nullptr;
     }
 };
 
 namespace {
 
-TEST(LogLine, NamesModuleLevelFunctionAndDetail) {
+// An assertion stands in an if without braces, takes a comma, and evaluates details on failure.
+TEST(LogLine, NamesItsPlace) {
     RecordingLog log;
     int size = 7;
-    LogLineSpeaker::speak("", &size);
-    const std::string speak = "static unsigned int*LogLineSpeaker::speak(const std::string&, int*)";
-    EXPECT_EQ(toText(log), "common info [" + speak + "] 3:  size=7 \n" +
-                               failedIn("LogLineTest", speak, "size == nullptr", " size=7 "));
-}
-
-TEST(LogLine, AnAssertionStandsAnywhereAndEvaluatesItsDetailsOnlyOnFailure) {
-    RecordingLog log;
     std::string evaluated;
     const auto yes = [&](char piece) { return evaluated += piece, true; };
     for (const bool reached : {true, false}) {
@@ -39,11 +31,14 @@ TEST(LogLine, AnAssertionStandsAnywhereAndEvaluatesItsDetailsOnlyOnFailure) {
         else
             EXPECT_OR_REPORT(std::is_same_v<int, long> || yes('c')) << "else" << yes('d');
     }
-    const std::string line = std::to_string(__LINE__ - 4);
-    EXPECT_EQ(evaluated, "abc");
-    EXPECT_EQ(log.texts(AssertLevel),
-              std::vector<std::string>{" LogLineTest.cpp " + line +
-                                       ": !yes('a') && EXPANDED failed. if1\n"});
+    EXPECT_EQ(log.lines().at(0).text, " LogLineTest.cpp " + std::to_string(__LINE__ - 4) +
+                                          ": !yes('a') && EXPANDED failed. if1\n");
+    log.clear();
+    LogLineSpeaker::speak(evaluated, &size);
+    const std::string speak = "static unsigned int*LogLineSpeaker::speak(const std::string&, int*)";
+    EXPECT_EQ(toText(log),
+              "common info [" + speak + "] 3:  size=7 \n" +
+                  failedIn("LogLineTest", speak, "size == nullptr", " size=7 evaluated=abc"));
 }
 
 } // namespace

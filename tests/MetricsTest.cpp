@@ -3,36 +3,29 @@
 
 #include <gtest/gtest.h>
 
-#include <optional>
-
 namespace {
 
 constexpr u64 top = ~u64{0};
-constexpr std::optional<u64> reset = std::nullopt;
 
-TEST(MaximumMetric, KeepsTheLargestSampleAndLogsEachNewMaximum) {
-    using Steps = std::vector<std::optional<u64>>; // samples and resets
-    const auto check = [](const std::string& name, const Steps& steps, u64 value,
-                          const std::vector<u64>& maxima) {
-        RecordingLog log;
-        AnalyticsMaximumMetric metric(name);
-        for (const std::optional<u64>& sample : steps) {
-            sample ? metric.update(*sample) : metric.reset();
-        }
-        std::string lines;
-        for (const u64 maximum : maxima) {
-            lines +=
-                "kel info [virtual void AnalyticsMaximumMetric::update(u64)] 3: updated metric " +
-                name + " val=" + std::to_string(maximum) + " \n";
-        }
-        EXPECT_EQ(metric, value) << name;
-        EXPECT_EQ(toText(log), lines) << name;
-    };
-    check("zero", {0}, 0, {});
-    check("depth", {5, 5, 3, 6}, 6, {5, 6});
-    check("unsigned", {top / 2 + 1, 1, top, top}, top, {top / 2 + 1, top});
-    check("again", {9, reset, 1}, 1, {9, 1});
-    check("", {9, reset}, 0, {9});
+TEST(MaximumMetric, IsTheLargestSampleSinceTheReset) {
+    RecordingLog log;
+    AnalyticsMaximumMetric metric("depth");
+    EXPECT_EQ(metric, 0U);
+    const std::pair<u64, u64> rows[] = {{0, 0}, {5, 5}, {5, 5}, {3, 5}, {top, top}, {1, top}};
+    for (const auto& [sample, maximum] : rows) {
+        metric.update(sample);
+        EXPECT_EQ(metric, maximum) << sample;
+    }
+    metric.reset();
+    EXPECT_EQ(metric, 0U);
+    metric.update(1);
+    std::string lines;
+    for (const u64 maximum : {u64{5}, top, u64{1}}) {
+        lines += "kel info [virtual void AnalyticsMaximumMetric::update(u64)] 3: updated metric "
+                 "depth val=" +
+                 std::to_string(maximum) + " \n";
+    }
+    EXPECT_EQ(toText(log), lines);
 }
 
 } // namespace

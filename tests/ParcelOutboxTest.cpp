@@ -26,7 +26,10 @@ constexpr auto analytics = IParcelOutbox::KEL_ANALYTICS;
 constexpr auto unknown = static_cast<IParcelOutbox::ParcelType>(1);
 const std::string beginOfRun =
     " parcel outbox is full, the oldest parcels are dropped: maxSize=3 \n";
-const std::string endOfRun = " parcel outbox is no longer full: dropped=";
+
+std::string endOfRun(u64 dropped) {
+    return " parcel outbox is no longer full: dropped=" + std::to_string(dropped) + " \n";
+}
 
 class ParcelOutboxTest : public testing::Test {
 protected:
@@ -63,14 +66,21 @@ protected:
     }
 };
 
-TEST_F(ParcelOutboxTest, KeepsTheOrderAndDropsTheOldestAndReportsEachRun) {
+TEST_F(ParcelOutboxTest, RefusesWhatItCannotHold) {
     AnalyticsParcel refused;
     EXPECT_EQ(outbox->pushParcel(nullptr, analytics), RC_BAD_PARAMETERS);
     EXPECT_EQ(outbox->pushParcel(&refused, unknown), RC_BAD_PARAMETERS);
     EXPECT_EQ(outbox->popParcel(analytics), nullptr);
-    push(1, 3);
+    push(1, 1);
     EXPECT_EQ(outbox->popParcel(unknown), nullptr);
     EXPECT_TRUE(outbox->popParcels(unknown).empty());
+    EXPECT_EQ(counts(), (Numbers{1, 0, 0, 1}));
+    EXPECT_THROW(ParcelOutbox{0}, std::invalid_argument);
+    EXPECT_EQ(ParcelOutbox().getMaxSize(), 5000U);
+}
+
+TEST_F(ParcelOutboxTest, DropsTheOldest) {
+    push(1, 3);
     EXPECT_EQ(pop(), 1U);
     push(4, 4);
     EXPECT_TRUE(log.lines().empty());
@@ -79,18 +89,13 @@ TEST_F(ParcelOutboxTest, KeepsTheOrderAndDropsTheOldestAndReportsEachRun) {
     EXPECT_EQ(pop(), 4U);
     EXPECT_EQ(log.texts(InfoLevel), Texts{});
     push(7, 8);
-    EXPECT_EQ(log.texts(InfoLevel), Texts{endOfRun + "2 \n"});
     EXPECT_EQ(log.texts(WarnLevel), (Texts{beginOfRun, beginOfRun}));
     EXPECT_EQ(popAll(), (Numbers{6, 7, 8}));
-    EXPECT_EQ(log.texts(InfoLevel), (Texts{endOfRun + "2 \n", endOfRun + "1 \n"}));
+    EXPECT_EQ(log.texts(InfoLevel), (Texts{endOfRun(2), endOfRun(1)}));
     EXPECT_EQ(counts(), (Numbers{8, 5, 3, 0}));
-    EXPECT_FALSE(outbox->waitForParcel(milliseconds(1)));
-    EXPECT_FALSE(outbox->waitForParcel(milliseconds::min()));
-    EXPECT_THROW(ParcelOutbox{0}, std::invalid_argument);
-    EXPECT_EQ(ParcelOutbox().getMaxSize(), 5000U);
 }
 
-TEST_F(ParcelOutboxTest, ReportsARunThatIsOpenWhenNothingIsHeldAnyMore) {
+TEST_F(ParcelOutboxTest, ARunOfDropsEndsWhenNothingIsHeldAnyMore) {
     const std::function<void()> endings[] = {[this] { pop(), pop(), pop(); },
                                              [this] { outbox->freeAndRemoveAllParcels(); },
                                              [this] { outbox.reset(); }};
@@ -98,88 +103,81 @@ TEST_F(ParcelOutboxTest, ReportsARunThatIsOpenWhenNothingIsHeldAnyMore) {
         log.clear();
         push(1, 7);
         end();
-        EXPECT_EQ(log.texts(InfoLevel), Texts{endOfRun + "4 \n"});
+        EXPECT_EQ(log.texts(InfoLevel), Texts{endOfRun(4)});
         EXPECT_EQ(MemLedger::report().liveBlocks, before.liveBlocks);
     }
 }
 
-// Each call that moves parcels, made with a log that takes no line and without any memory.
-TEST_F(ParcelOutboxTest, ParcelsChangeHandsWithoutALogAndWithoutMemory) {
-    struct : ILogSink {
-        void write(const LogRecord& /*record*/) override { throw std::bad_alloc(); }
-    } refusing;
+TEST_F(ParcelOutboxTest, ParcelsChangeHandsWithoutMemory) {
     AnalyticsParcel* extra = TRACKED_NEW(AnalyticsParcel)();
-    ILogSink* const usual = LogService::setSink(&refusing);
+    IParcel* popped = nullptr;
+    LogService::setLevel(AssertLevel);
     const auto withoutMemory = [](const auto& operation) {
-        allocationsLeft = 0;
-        EXPECT_NO_THROW(operation());
-        EXPECT_EQ(std::exchange(allocationsLeft, unlimitedAllocations), 0);
+        EXPECT_EQ(failEachAllocation(operation, [] {}), 0);
     };
     push(1, 4); // begins a run
     withoutMemory([&] { outbox->pushParcel(extra, analytics); });
     allocationsLeft = 0;
     EXPECT_THROW(outbox->popParcels(analytics), std::bad_alloc);
     for (int parcel = 0; parcel < 3; ++parcel) { // ends the run
-        IParcel* popped = nullptr;
         withoutMemory([&] { popped = outbox->popParcel(analytics); });
         consume({popped});
     }
     push(1, 4);
     withoutMemory([&] { outbox.reset(); });
-    LogService::setSink(usual);
+    LogService::setLevel(InfoLevel);
 }
 
-TEST_F(ParcelOutboxTest, APushWakesEveryWaiter) {
-    for (u32 round = 0; round < 200 && !HasFailure(); ++round) {
+TEST_F(ParcelOutboxTest, AWaitHasALimit) {
+    EXPECT_FALSE(outbox->waitForParcel(milliseconds(1)));
+    EXPECT_FALSE(outbox->waitForParcel(milliseconds::min()));
+    push(1, 1);
+    outbox->stopWaiting();
+    EXPECT_TRUE(outbox->waitForParcel());
+    pop();
+    EXPECT_FALSE(outbox->waitForParcel());
+}
+
+// With a push, or with a stop in the last round.
+TEST_F(ParcelOutboxTest, EveryWaiterIsWoken) {
+    constexpr u32 rounds = 200;
+    for (u32 round = 0; round <= rounds && !HasFailure(); ++round) {
         std::atomic<int> begun{0};
-        const auto wait = [&] { return ++begun, outbox->waitForParcel(); };
-        std::array waits{std::async(std::launch::async, wait),
-                         std::async(std::launch::async, wait)};
+        const auto wait = [&](milliseconds limit) { return ++begun, outbox->waitForParcel(limit); };
+        std::array waits{std::async(std::launch::async, wait, milliseconds::max()),
+                         std::async(std::launch::async, wait, milliseconds::max())};
         for (u32 turn = 0; begun < 2 || turn < round; ++turn) { // so that they mostly wait by then
             std::this_thread::yield();
         }
-        push(round, round);
-        for (const auto& each : waits) {
-            EXPECT_EQ(each.wait_for(std::chrono::seconds(10)), std::future_status::ready) << round;
+        round < rounds ? push(round, round) : outbox->stopWaiting();
+        for (auto& each : waits) {
+            ASSERT_EQ(each.wait_for(std::chrono::seconds(10)), std::future_status::ready) << round;
+            EXPECT_EQ(each.get(), round < rounds);
         }
-        EXPECT_EQ(pop(), round);
-        if (HasFailure()) {
-            outbox->stopWaiting();
-        }
+        EXPECT_EQ(popAll().size(), round < rounds ? 1U : 0U);
     }
 }
 
-TEST_F(ParcelOutboxTest, LosesNothingBetweenPushersAndAWaitingConsumer) {
+TEST_F(ParcelOutboxTest, NothingIsLostBetweenThreads) {
     constexpr u32 pushes = 3000;
     const auto run = [this](u32 number) { push(number * pushes, (number + 1) * pushes - 1); };
-    std::thread pushers[] = {std::thread(run, 0), std::thread(run, 1), std::thread(run, 2)};
-    std::thread last([&] {
-        for (std::thread& pusher : pushers) {
-            pusher.join();
-        }
-        for (u32 value = 3 * pushes; value < 4 * pushes; ++value) {
-            push(value, value);
-            while (!outbox->isEmpty()) { // each wakes the consumer
-                std::this_thread::yield();
-            }
+    std::array pushers{std::async(std::launch::async, run, 0),
+                       std::async(std::launch::async, run, 1),
+                       std::async(std::launch::async, run, 2)};
+    auto last = std::async(std::launch::async, [&] {
+        for (auto& pusher : pushers) {
+            pusher.get();
         }
         outbox->stopWaiting();
     });
-    Numbers next{0, pushes, 2 * pushes, 3 * pushes}; // the least that may come from each
+    Numbers next{0, pushes, 2 * pushes}; // the least that may come from each
     u64 popped = 0;
-    for (; outbox->waitForParcel(milliseconds::max()); ++popped) {
+    for (; outbox->waitForParcel(); ++popped) {
         const u64 value = pop();
         EXPECT_GE(value, std::exchange(next[value / pushes], value + 1));
     }
-    last.join();
-    const u64 dropped = 4 * pushes - popped;
-    EXPECT_EQ(counts(), (Numbers{4 * pushes, popped, dropped, 0}));
-    u64 reported = 0;
-    for (const std::string& text : log.texts(InfoLevel)) {
-        reported += std::stoull(text.substr(endOfRun.size()));
-    }
-    EXPECT_EQ(reported, dropped);
-    EXPECT_EQ(log.texts(WarnLevel).size(), log.texts(InfoLevel).size());
+    last.get();
+    EXPECT_EQ(counts(), (Numbers{3 * pushes, popped, 3 * pushes - popped, 0}));
 }
 
 } // namespace

@@ -8,8 +8,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <ctime>
+#include <filesystem>
 #include <functional>
 #include <future>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -21,7 +24,7 @@ constexpr u64 oneMs = 1'000'000;
 constexpr u64 oneSecond = 1000 * oneMs;
 constexpr u64 century = oneSecond * 86'400 * 365 * 100; // where the queue's tests begin
 
-TEST(TimerQueueTest, GivesExpiriesByDueTimeAndThenByOrderOfArming) {
+TEST(TimerQueueTest, GivesExpiriesByDueTimeThenByOrderOfArming) {
     TimerQueue queue;
     std::vector<std::pair<u64, ITimer::Cookie>> armed, popped; // with their due times
     for (ITimer::Cookie cookie = 0; cookie < 2000; ++cookie) {
@@ -74,9 +77,15 @@ TEST(TimerQueueTest, RearmingNeedsNoMemory) {
         queue.add(nullptr, 1, 0, false, century);
         const auto expiry = queue.popDue(century);
         queue.add(nullptr, 2, 0, false, century); // may take the room of the other
-        allocationsLeft = 0;
-        queue.rearm(expiry.value(), century);
-        EXPECT_EQ(std::exchange(allocationsLeft, unlimitedAllocations), 0) << pending;
+        EXPECT_EQ(failEachAllocation([&] { queue.rearm(expiry.value(), century); }, [] {}), 0);
+    }
+    queue.clear();
+    const auto addThenTake = [&] {
+        queue.add(nullptr, 3, 0, true, century);
+        queue.rearm(queue.popDue(century).value(), century);
+    };
+    for (int round = 0; round < 1000; ++round) { // uses the room of what is over again
+        EXPECT_EQ(failEachAllocation(addThenTake, [] {}), 0) << round;
     }
 }
 
@@ -91,6 +100,9 @@ protected:
         const auto call = [](ITimer::Cookie cookie) { (*reinterpret_cast<Action*>(cookie))(); };
         timer.addTimer(call, cookieOf(action), delayMs, once);
     }
+    static std::ptrdiff_t threads() {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+    }
 
     RecordingLog log;
     std::promise<void> done;
@@ -99,9 +111,7 @@ protected:
     Timer timer;
 };
 
-TEST_F(TimerTest, RepeatsNeverEarlyIsNotWokenMeanwhileAndLogsWhatACallbackThrows) {
-    Action failing = [] { throw std::runtime_error("out of paper"); };
-    Action strange = [] { throw 42; };
+TEST_F(TimerTest, RepeatsNeverEarly) {
     std::vector<u64> calls{timer.getTimestampNano()};
     long wakes[4] = {};
     Action tick = [&] {
@@ -113,8 +123,6 @@ TEST_F(TimerTest, RepeatsNeverEarlyIsNotWokenMeanwhileAndLogsWhatACallbackThrows
             arm(finish);
         }
     };
-    arm(failing);
-    arm(strange);
     arm(never, 3'600'000);
     arm(tick, 10, false);
     done.get_future().wait();
@@ -122,16 +130,36 @@ TEST_F(TimerTest, RepeatsNeverEarlyIsNotWokenMeanwhileAndLogsWhatACallbackThrows
     EXPECT_GE(std::min({calls[1] - calls[0], calls[2] - calls[1], calls[3] - calls[2]}),
               10 * oneMs);
     EXPECT_LE(wakes[3] - wakes[1], 5) << "once for each call, and by chance for the mutex";
+}
+
+TEST_F(TimerTest, AFailedCallbackComesAgain) {
+    const Action attempts[] = {[] { throw std::runtime_error("out of paper"); }, [] { throw 4.2; },
+                               [this] { arm(never, 500); }, [this] { timer.stop(), finish(); }};
+    Action failing = [&, next = std::size_t{0}]() mutable { attempts[next++](); };
+    arm(failing, 0, false);
+    done.get_future().wait(); // 3 s
     timer.addTimer(nullptr, 5, 0, true);
-    const std::string failed = " timer callback failed: ", retry = "  retryInSec=1 \n";
+    const std::string cookie = " cookie=" + std::to_string(cookieOf(failing)) + "  retryInSec=";
+    const std::string failed = " timer callback failed: ";
     EXPECT_EQ(log.texts(ErrorLevel),
-              (Texts{failed + "out of paper cookie=" + std::to_string(cookieOf(failing)) + retry,
-                     failed + "an exception that is no std::exception cookie=" +
-                         std::to_string(cookieOf(strange)) + retry,
+              (Texts{failed + "out of paper" + cookie + "1 \n",
+                     failed + "an exception that is no std::exception" + cookie + "2 \n",
                      " no callback, nothing is armed: cookie=5 \n"}));
 }
 
-TEST_F(TimerTest, AStopFromInsideIsTheEndOfAllAndOneFromOutsideWaitsForTheCallback) {
+TEST_F(TimerTest, AnEarlierExpiryWakesTheThread) {
+    arm(never, 3'600'000);
+    for (int round = 0; round < 100; ++round) {
+        for (int turn = 0; turn < round; ++turn) { // so that the thread mostly waits by then
+            std::this_thread::yield();
+        }
+        done = {};
+        arm(finish);
+        ASSERT_EQ(done.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    }
+}
+
+TEST_F(TimerTest, AStopWaitsForTheCallback) {
     std::promise<void> release;
     std::atomic<bool> returned{false};
     Action stopping = [&] {
@@ -150,26 +178,62 @@ TEST_F(TimerTest, AStopFromInsideIsTheEndOfAllAndOneFromOutsideWaitsForTheCallba
     EXPECT_EQ(one.wait_for(std::chrono::milliseconds(10)), std::future_status::timeout);
     release.set_value();
     EXPECT_TRUE(one.get() && other.get());
-    timer.init();
-    arm(never);
-    timer.stop();
 }
 
-TEST_F(TimerTest, TimeStampsShareOneOriginAndReadAsDates) {
+TEST_F(TimerTest, HasOneThreadFromInitToStop) {
+    const std::ptrdiff_t before = threads();
+    timer.init();
+    timer.init();
+    EXPECT_EQ(threads(), before + 1);
+    timer.stop();
+    timer.init();
+    arm(never);
+    EXPECT_EQ(threads(), before);
+}
+
+TEST_F(TimerTest, TimeStampsShareOneOrigin) {
     const u64 ms = timer.getTimestampMs();
     const u64 micro = timer.getTimestampMicro();
     const u64 nano = timer.getTimestampNano();
     EXPECT_TRUE(ms <= micro / 1000 && micro <= nano / 1000 && nano < (ms + 10'000) * oneMs);
+    for (const u64 clock = timer.getClockMs(); timer.getClockMs() < clock + 2;) {
+        std::this_thread::yield();
+    }
     EXPECT_EQ(timer.getLastTimestampMs_Inaccurate(false), nano / oneMs);
+    EXPECT_GT(timer.getLastTimestampMs_Inaccurate(true), nano / oneMs);
+    EXPECT_GT(timer.getLastTimestampMs_Inaccurate(false), nano / oneMs);
     EXPECT_LE(nano / oneSecond - static_cast<u64>(std::time(nullptr)) + 10, 20U);
     EXPECT_LE(timer.getClockMs() / 10 - timer.getJiffies() + 1000, 1000U);
     timer.setRealClockTime(1000);
     EXPECT_LE(timer.getRealTimestampMs() - 1000, 10'000U);
-    tm date{};
-    EXPECT_TRUE(timer.utcStringToTm("2024-02-29 23:59:59", date) && date.tm_wday == 4);
-    EXPECT_TRUE(timer.utcStringToTm("1969-12-31T23:59:59Z", date) && date.tm_yday == 364);
-    EXPECT_FALSE(timer.utcStringToTm("2023-02-29 00:00:00", date));
-    EXPECT_FALSE(timer.utcStringToTm("2024-01-01T00:00:00", date));
+}
+
+TEST_F(TimerTest, CountsProcessorTimeOfThreadAndProcess) {
+    const u64 ofThread = timer.getCurentThreadTickCount();
+    const u64 ofProcess = timer.getCurentProcessTickCount();
+    std::async(std::launch::async, [&] {
+        while (timer.getCurentThreadTickCount() < 20 * oneMs) {
+        }
+    }).get();
+    EXPECT_LT(timer.getCurentThreadTickCount() - ofThread, 10 * oneMs);
+    EXPECT_GE(timer.getCurentProcessTickCount() - ofProcess, 20 * oneMs);
+}
+
+TEST_F(TimerTest, ParsesDates) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"2024-02-29 23:58:59", "Thu Feb 29 23:58:59 2024\n"},
+        {"1969-12-31T23:59:58Z", "Wed Dec 31 23:59:58 1969\n"},
+        {"2023-02-29 00:00:00", nullptr},
+        {"2024-01-01T00:00:00", nullptr},
+        {"2024-01-01 00:00:00 ", nullptr},
+        {"2024-01-0a 00:00:00", nullptr},
+        {"2024/01/01 00:00:00", nullptr},
+        {"2024-01-01 24:00:00", nullptr}};
+    for (const auto& [text, expected] : rows) {
+        tm date{};
+        EXPECT_EQ(timer.utcStringToTm(text, date), expected != nullptr) << text;
+        EXPECT_STREQ(std::asctime(&date), expected ? expected : "Sun Jan  0 00:00:00 1900\n");
+    }
 }
 
 } // namespace

@@ -13,12 +13,12 @@
 //
 // Ordinary objects of their owner, not synchronised: one thread at a time.
 
-// A value under a name that never changes. How a new sample is folded in is the concrete metric's.
+// A value under a name that never changes. The concrete metric decides what a sample does to it.
 template <typename T>
-class ANALYTICS_EXPORT AnalyticsAbsMetric {
+class ANALYTICS_VISIBLE AnalyticsAbsMetric {
 public:
-    // The value starts at 0. Any name will do, the empty one included.
-    // By reference, so that hosts link to one signature.
+    // The value starts at 0. Any name is valid, also an empty one. The name is taken by reference:
+    // hosts link to this signature.
     AnalyticsAbsMetric(const std::string& name) : m_value(0), m_name(name) {}
     virtual ~AnalyticsAbsMetric() = default;
 
@@ -35,7 +35,7 @@ protected:
 extern template class AnalyticsAbsMetric<u64>;
 
 // The largest sample since construction or the last reset.
-class ANALYTICS_EXPORT AnalyticsMaximumMetric : public AnalyticsAbsMetric<u64> {
+class ANALYTICS_VISIBLE AnalyticsMaximumMetric : public AnalyticsAbsMetric<u64> {
 public:
     AnalyticsMaximumMetric(const std::string& name);
 

@@ -16,9 +16,9 @@
 //     AnalyticsParcelSender::sendAnalyticsParcel(parcel);
 //
 // A plain value: nothing is checked, limited or logged. Not synchronised: one thread at a time, and
-// from a successful send on only the outbox's consumer. A parcel that goes into the outbox must
-// come from tracked allocation, since that is how it is released.
-class ANALYTICS_EXPORT AnalyticsParcel : public IParcel {
+// after a successful send only the outbox's consumer. A parcel that is sent must come from tracked
+// allocation, because the consumer releases it by tracked deletion.
+class ANALYTICS_VISIBLE AnalyticsParcel : public IParcel {
 public:
     enum AccountType { QEM = 0, KEL = 1 };
     enum Priority { Normal = 0, High = 1, Critical = 2 };

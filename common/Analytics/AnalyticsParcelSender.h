@@ -4,8 +4,8 @@
 #include "common/infra/Defs.h"
 #include "common/infra/Export.h"
 
-// The door to the process-wide parcel outbox.
-class ANALYTICS_EXPORT AnalyticsParcelSender {
+// Sends parcels to the process-wide outbox.
+class ANALYTICS_VISIBLE AnalyticsParcelSender {
 public:
     AnalyticsParcelSender() = delete;
 

@@ -35,13 +35,13 @@ Days matchDay(const std::string& token) {
     return static_cast<Days>(match - std::begin(dayTexts));
 }
 
-// Days are ordered and reckoned with as unsigned 64-bit numbers, negative values above all others.
+// Days are compared and computed with as unsigned 64-bit numbers, so negative ones come last.
 u64 asNumber(Days day) {
     return static_cast<u64>(day);
 }
 
-// Whole days from the current one to the first of the days that is not before `nextDay`, which may
-// lie in the following week. The days are ascending, and there is at least one.
+// Whole days from the current one to the first listed day at or after `nextDay`, if need be in the
+// following week. The days are ascending, and there is at least one.
 u64 daysUntil(const std::vector<Days>& days, u64 nextDay, u64 currentDay) {
     const auto found =
         std::lower_bound(days.begin(), days.end(), nextDay,
@@ -61,8 +61,7 @@ u64 msUntilNext(const std::vector<Days>& days, u64 hour, u64 currentDay, u64 cur
     // The target hour itself counts as past.
     const u64 nextDay = currentHour >= hour ? currentDay + 1 : currentDay;
     const u64 numDays = daysUntil(days, nextDay, currentDay);
-    // A target hour before the current one takes from the days: unsigned, the difference wraps
-    // below zero and the sum back above it.
+    // If the target hour is before the current one, the difference wraps and the sum wraps back.
     return daysToMs(numDays) + hoursToMs(hour - currentHour);
 }
 

@@ -12,8 +12,8 @@
 //     const auto days = FixedDaysSchedulingPolicy::createDaysFromString("mon,wed");
 //     auto* policy = TRACKED_NEW(FixedDaysSchedulingPolicy)(days, 5);
 //
-// It reckons in whole hours. The minutes and seconds past the hour at which the policy is asked
-// stay, and the target hour itself already belongs to the next report:
+// The answer is in whole hours, so a report keeps the minutes and seconds at which the policy was
+// asked. The target hour itself counts as past:
 //
 //     asked on      | answer   | falls on
 //     --------------+----------+----------------
@@ -22,7 +22,7 @@
 //     Monday 10:20  | 43 hours | Wednesday 05:20
 //
 // Bad input is reported by assertion lines and kept. Immutable, so any thread may ask.
-class ANALYTICS_EXPORT FixedDaysSchedulingPolicy : public IAnalyticsSchedulingPolicy {
+class ANALYTICS_VISIBLE FixedDaysSchedulingPolicy : public IAnalyticsSchedulingPolicy {
 public:
     // Numbered like tm_wday.
     enum Days : int {

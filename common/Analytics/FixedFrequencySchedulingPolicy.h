@@ -4,7 +4,7 @@
 
 // A report every so many seconds, counted from the moment of asking and not aligned to any clock.
 // Immutable, so any thread may ask.
-class ANALYTICS_EXPORT FixedFrequencySchedulingPolicy : public IAnalyticsSchedulingPolicy {
+class ANALYTICS_VISIBLE FixedFrequencySchedulingPolicy : public IAnalyticsSchedulingPolicy {
 public:
     // A frequency of 0 is reported by an assertion line and kept: every answer is then 0.
     FixedFrequencySchedulingPolicy(u64 frequencySeconds);

@@ -6,14 +6,13 @@
 #include <ctime>
 
 // Answers when the next periodic report is due.
-class ANALYTICS_EXPORT IAnalyticsSchedulingPolicy {
+class ANALYTICS_VISIBLE IAnalyticsSchedulingPolicy {
 public:
     virtual ~IAnalyticsSchedulingPolicy() = default;
 
-    // Milliseconds from now until the next report. Each call stands alone. A scheduler calls it on
-    // the host's thread when it is constructed, and on the timer's thread at the end of each
-    // expiry. What it throws leaves the constructor, or passes to the timer service with nothing
-    // armed.
+    // Milliseconds from now until the next report. A scheduler's constructor calls it on the host's
+    // thread, and the end of each expiry on the timer's thread. An exception leaves the
+    // constructor, or passes to the timer service; no timer is armed then.
     virtual u64 getNextSchedule() = 0;
 
 protected:

@@ -20,9 +20,9 @@
 // A line to stream into.
 #define LOG_LINE(module, level) log_line::Line(module, level, __PRETTY_FUNCTION__)
 
-// Reports a condition that does not hold, and nothing more: what follows from it is the caller's.
-// The condition is evaluated once, the details that are streamed into it only if it does not hold.
-// The line's end is supplied. An expression, so it can stand wherever a statement can.
+// Writes an assertion line if the condition does not hold; the caller goes on in either case. The
+// condition is evaluated once, the streamed details only if it does not hold. The macro ends the
+// line. It is an expression, so it can stand wherever a statement can.
 #define EXPECT_OR_REPORT(...)                                                                      \
     (__VA_ARGS__)                                                                                  \
         ? static_cast<void>(0)                                                                     \
@@ -72,7 +72,7 @@ private:
     LogItem m_item;
 };
 
-// Ends the line: binds looser than <<, so it comes after the details.
+// Ends the line. & binds looser than <<, so it comes after the details.
 struct End {
     void operator&(Line& line) const { line << std::endl; }
 };

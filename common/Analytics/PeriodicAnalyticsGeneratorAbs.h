@@ -7,8 +7,8 @@
 
 #include <string>
 
-// Base of the periodic reports: keeps the reporting period. A report of one's own supplies two
-// operations:
+// Base of the periodic reports: keeps the reporting period. A generator of your own
+// supplies two operations:
 //
 //     class CacheGenerator : public PeriodicAnalyticsGeneratorAbs {
 //     public:
@@ -30,7 +30,7 @@
 //
 // Periods join exactly: each starts at the time stamp at which the one before it ended. If
 // finalizeInternal() throws, the period goes on. One thread at a time.
-class ANALYTICS_EXPORT PeriodicAnalyticsGeneratorAbs : public IPeriodicAnalyticsParcelFinalizer {
+class ANALYTICS_VISIBLE PeriodicAnalyticsGeneratorAbs : public IPeriodicAnalyticsParcelFinalizer {
 public:
     // Opens the first period.
     PeriodicAnalyticsGeneratorAbs();

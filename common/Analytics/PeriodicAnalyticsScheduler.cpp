@@ -54,8 +54,7 @@ void PeriodicAnalyticsScheduler::sendOrDiscard(AnalyticsParcel* finalized) {
     if (finalized == nullptr) {
         return;
     }
-    // Until the sender is called the parcel is ours to release, also when reading the tunable
-    // throws.
+    // Releases the parcel if it is not sent, also if reading the tunable throws.
     TrackedPtr<AnalyticsParcel> parcel(finalized, TRACKED_DELETE);
     const bool disabled =
         Singleton<DynamicTweaks, DynamicTweaks>::instance()->t_disablePeriodicAnalytics;

@@ -11,9 +11,9 @@
 //     PeriodicAnalyticsScheduler scheduler(generator->createPolicy(), generator);
 //
 // Its life: the constructor asks the policy for a delay and arms the host's timer. At each expiry
-// the finalizer closes the period; its parcel is sent, or destroyed unsent while the live tunable
-// t_disablePeriodicAnalytics holds; and the timer is armed again with the policy's next answer, of
-// which the timer gets the low 32 bits: up to 49.7 days.
+// the finalizer closes the period. Its parcel is sent, or destroyed unsent while the live tunable
+// t_disablePeriodicAnalytics is true. Then the timer is armed with the policy's next answer, of
+// which it gets the low 32 bits: up to 49.7 days.
 //
 //     pending expiry | armed by
 //     ---------------+---------------------------------------
@@ -25,7 +25,7 @@
 //
 // The constructor runs on the host's thread, all else on the thread from which the timer calls
 // back. An exception in an expiry passes to the timer service, before the next expiry is armed.
-class ANALYTICS_EXPORT PeriodicAnalyticsScheduler {
+class ANALYTICS_VISIBLE PeriodicAnalyticsScheduler {
 public:
     // Owns policy and finalizer, both from tracked allocation, once it has returned; if it throws,
     // they stay the caller's. A null one is reported by an assertion line: without a policy nothing

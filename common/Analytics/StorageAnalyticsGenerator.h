@@ -17,8 +17,8 @@
 //     cm6         | u32: duration of the longest high-latency episode
 //     cd11        | u64: length of the period in seconds
 //
-// Made on tracked memory by the host, owned by the scheduler that drives it.
-class ANALYTICS_EXPORT StorageAnalyticsGenerator : public PeriodicAnalyticsGeneratorAbs {
+// The host makes it on tracked memory; the scheduler that drives it owns it.
+class ANALYTICS_VISIBLE StorageAnalyticsGenerator : public PeriodicAnalyticsGeneratorAbs {
 public:
     StorageAnalyticsGenerator();
     ~StorageAnalyticsGenerator() override = default;

@@ -13,13 +13,13 @@ constexpr u64 OneSecondInMs = 1000;
 constexpr u64 HOURS_IN_DAY = 24;
 
 // Conversions to milliseconds: unsigned 64-bit arithmetic, wrapping modulo 2^64.
-constexpr u64 secondsToMs(u64 seconds) {
+ANALYTICS_TAG constexpr u64 secondsToMs(u64 seconds) {
     return seconds * OneSecondInMs;
 }
-constexpr u64 hoursToMs(u64 hours) {
+ANALYTICS_TAG constexpr u64 hoursToMs(u64 hours) {
     return secondsToMs(hours * 60 * 60);
 }
-constexpr u64 daysToMs(u64 days) {
+ANALYTICS_TAG constexpr u64 daysToMs(u64 days) {
     return hoursToMs(days * HOURS_IN_DAY);
 }
 

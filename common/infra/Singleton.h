@@ -11,9 +11,10 @@
 //     Singleton<ITimer, Timer>::instance()->getTimestampMs();
 //
 // There is one instance for each pair in the whole process, also across shared objects: the
-// template and the types of a pair must have default visibility. (g++ marks the statics as unique
-// in the process, so this holds even for objects loaded with RTLD_LOCAL; with clang++ the pair must
-// then also be used by the executable or by a library that is loaded globally.)
+// template and the types of a pair must have default visibility, and an executable that loads
+// plugins must export its symbols (ENABLE_EXPORTS in CMake, -rdynamic). (g++ marks the statics as
+// unique in the process, so this holds even for objects loaded with RTLD_LOCAL; with clang++ the
+// pair must then also be used by the executable or by a library that is loaded globally.)
 //
 // Every operation may be called from any thread, before main() and after it: an instance is never
 // destroyed, nor is the mutex that guards its creation.

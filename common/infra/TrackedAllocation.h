@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/infra/Export.h"
 #include "common/infra/FileName.h"
 #include "common/infra/MemShield.h"
 
@@ -9,7 +10,7 @@
 #include <utility>
 
 // Objects that one part of the program creates and another releases live on blocks of the memory
-// tracker, which knows each by its type and by the place that created it:
+// tracker. It knows the type of each and the place that created it:
 //
 //     auto* policy = TRACKED_NEW(FixedFrequencySchedulingPolicy)(3600);
 //     TRACKED_DELETE(policy);
@@ -25,7 +26,7 @@
 #define TRACKED_DELETE (TrackedDelete{ANALYTICS_FILE_NAME, __LINE__})
 
 // Has no default: each deletion names its place.
-class TrackedDelete {
+class ANALYTICS_TAG TrackedDelete {
 public:
     TrackedDelete(const char* file, int line) : m_file(file), m_line(line) {}
 
@@ -44,7 +45,7 @@ template <typename T>
 using TrackedPtr = std::unique_ptr<T, TrackedDelete>;
 
 template <typename T>
-struct TrackedAllocation {
+struct ANALYTICS_TAG TrackedAllocation {
     template <typename... Args>
     T* operator()(Args&&... args) const {
         static_assert(alignof(T) <= alignof(std::max_align_t), "the tracker aligns no further");
@@ -52,7 +53,7 @@ struct TrackedAllocation {
         void* block = Singleton<MemShield, MemShield>::instance()->allocAndRegister(
             sizeof(T), 0, typeName, file, static_cast<unsigned int>(line));
         TrackedPtr<Unconstructed> guard(::new (block) Unconstructed, TrackedDelete{file, line});
-// A literal such as 5 has lost its constancy here, so its conversion would be warned of.
+// A literal such as 5 is no longer a constant here, so compilers would warn of its conversion.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wconversion"
 #pragma GCC diagnostic ignored "-Wsign-conversion"

@@ -1,12 +1,14 @@
 #pragma once
 
+#include "common/infra/Export.h"
+
 #include <atomic>
 #include <string>
 #include <string_view>
 
 // Where the reports go: standard output, or a file that is appended to. Used by one thread at a
 // time, but for requestReopen().
-class OutputFile {
+class ANALYTICS_EXPORT OutputFile {
 public:
     // An empty path means standard output. A line that a killed process left unfinished in the file
     // is ended. Throws std::runtime_error, with path and reason, if the file cannot be opened.

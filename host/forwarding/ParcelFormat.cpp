@@ -39,17 +39,6 @@ void writeIfAny(Out out, const char* name, const std::string& text) {
     }
 }
 
-// A latency in the unit in which it reads best.
-std::string duration(u32 microseconds, int digits) {
-    if (microseconds >= 1'000'000) {
-        return fmt::format("{:.{}g} s", microseconds / 1e6, digits);
-    }
-    if (microseconds >= 1'000) {
-        return fmt::format("{:.{}g} ms", microseconds / 1e3, digits);
-    }
-    return fmt::format("{} us", microseconds);
-}
-
 // The entries that are not shown yet. Each is taken when it is shown, so none is lost.
 struct Entries {
     explicit Entries(const AnalyticsParcel& parcel)
@@ -119,7 +108,7 @@ std::string boundText(const LatencyClass& latencyClass, const AnalyticsParcel& p
     constexpr int digits = 6;
     return bound == parcel.getU32Entries().end()
                ? ""
-               : fmt::format("{} {}", latencyClass.comparison, duration(bound->second, digits));
+               : fmt::format("{} {}", latencyClass.comparison, latencyText(bound->second, digits));
 }
 
 void writeClass(Out out, const LatencyClass& latencyClass, const std::string& bound, u32 count,
@@ -169,7 +158,7 @@ void writePercentiles(Out out, Entries& entries) {
     std::string line;
     for (const auto& [key, name] : percentiles) {
         if (const std::optional<u32> us = take(entries.u32s, key)) {
-            line += fmt::format("  {} {}", name, duration(*us, digits));
+            line += fmt::format("  {} {}", name, latencyText(*us, digits));
         }
     }
     fmt::format_to(out, "{}", line.empty() ? line : line + "\n");
@@ -257,6 +246,16 @@ std::string isoUtc(u64 epochMs) {
     tm utc{};
     gmtime_r(&seconds, &utc);
     return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", utc, epochMs % OneSecondInMs);
+}
+
+std::string latencyText(u32 microseconds, int digits) {
+    if (microseconds >= 1'000'000) {
+        return fmt::format("{:.{}g} s", microseconds / 1e6, digits);
+    }
+    if (microseconds >= 1'000) {
+        return fmt::format("{:.{}g} ms", microseconds / 1e3, digits);
+    }
+    return fmt::format("{} us", microseconds);
 }
 
 std::string toJsonLine(const AnalyticsParcel& parcel) {

@@ -9,6 +9,9 @@ enum class ParcelFormat { Text, JsonLines };
 // "2026-11-22T21:49:54.123Z" for milliseconds since the Unix epoch.
 std::string isoUtc(u64 epochMs);
 
+// A latency in the unit in which it reads best, to so many digits: "4.986 ms".
+std::string latencyText(u32 microseconds, int digits);
+
 // One line of JSON that holds everything the parcel's getters give.
 std::string toJsonLine(const AnalyticsParcel& parcel);
 

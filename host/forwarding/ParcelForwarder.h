@@ -1,17 +1,17 @@
 #pragma once
 
 #include "common/Analytics/AnalyticsParcel.h"
+#include "common/infra/Export.h"
+#include "common/infra/IParcelOutbox.h"
 #include "host/forwarding/OutputFile.h"
 #include "host/forwarding/ParcelFormat.h"
 
 #include <functional>
 #include <thread>
 
-class ParcelOutbox;
-
 // The consumer at the outbox's other end: a thread that takes parcels out, writes them in the
 // chosen format and destroys them.
-class ParcelForwarder {
+class ANALYTICS_EXPORT ParcelForwarder {
 public:
     struct Counts {
         u64 written = 0;

@@ -8,7 +8,7 @@
 #include <memory>
 #include <system_error>
 
-// One way for an IoEngine's requests to reach the kernel. The engine has checked the options and
+// One way for an IoEngine's requests to reach the kernel. The engine has checked the setup and
 // opens it only when it is closed; otherwise each operation is the engine's.
 class IoBackend {
 public:
@@ -17,27 +17,29 @@ public:
     IoBackend(const IoBackend&) = delete;
     IoBackend& operator=(const IoBackend&) = delete;
 
-    virtual void open(const IoEngine::Options& options) = 0;
+    virtual void open(const IoEngine::Setup& setup) = 0;
     virtual RcStatus submit(IoQueue& requests) = 0;
     virtual void close() = 0;
 
 protected:
-    static void start(IoRequest& request, u64 nowNs) { request.m_handedOverNs = nowNs; }
-    static u64 startNs(const IoRequest& request) { return request.m_handedOverNs; }
+    static void start(IoRequest& request, u64 nowNs) { request.m_submittedNs = nowNs; }
+    static u64 startNs(const IoRequest& request) { return request.m_submittedNs; }
 
     static void count(AIO& aio, IoRequest& request, int result, u64 nowNs) {
-        request.latencyNs = nowNs - request.m_handedOverNs;
-        result < 0 ? aio.countFailedIo(request.latencyNs) : aio.countIo(request.latencyNs);
+        request.latencyNs = nowNs - request.m_submittedNs;
+        request.failed = result < 0 || (request.operation != IoRequest::NoOp &&
+                                        static_cast<u32>(result) < request.length);
+        request.failed ? aio.countFailedIo(request.latencyNs) : aio.countIo(request.latencyNs);
     }
 };
 
-// io_uring cannot be had here; says why, and what would allow it.
+// io_uring is not available here. The message says why, and what would allow it.
 class IoUringRefused : public std::system_error {
 public:
     using std::system_error::system_error;
 };
 
-// Throws IoUringRefused if a ring so deep cannot be had.
+// Throws IoUringRefused if a ring of this depth is not available.
 void probeIoUring(u32 queueDepth);
 
 // The first throws IoUringRefused at open().

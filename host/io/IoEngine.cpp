@@ -23,9 +23,9 @@ void checkDepth(u32 queueDepth) {
     }
 }
 
-void check(const IoEngine::Options& options) {
-    checkDepth(options.queueDepth);
-    if (options.file < 0) { // io_uring would take -1 for a place to be filled later
+void check(const IoEngine::Setup& setup) {
+    checkDepth(setup.queueDepth);
+    if (setup.file < 0) { // io_uring would take -1 for a place to be filled later
         throw std::system_error(EBADF, std::generic_category(),
                                 "IoEngine::open: the file is not open");
     }
@@ -61,27 +61,27 @@ IoEngine::~IoEngine() {
     close();
 }
 
-void IoEngine::open(const Options& options) {
+void IoEngine::open(const Setup& setup) {
     if (m_open != nullptr) {
         throw std::logic_error("IoEngine::open: already open");
     }
-    check(options);
+    check(setup);
     Singleton<AIO, AIO>::instance(); // made here, where a failure can be passed on
-    options.kind == Kind::Automatic ? openAutomatic(options) : openAs(options.kind, options);
+    setup.kind == Kind::Automatic ? openAutomatic(setup) : openAs(setup.kind, setup);
 }
 
-void IoEngine::openAutomatic(const Options& options) {
+void IoEngine::openAutomatic(const Setup& setup) {
     try {
-        openAs(Kind::IoUring, options);
+        openAs(Kind::IoUring, setup);
     } catch (const IoUringRefused& reason) {
         sayThatThreadsServe(reason);
-        openAs(Kind::Threads, options);
+        openAs(Kind::Threads, setup);
     }
 }
 
-void IoEngine::openAs(Kind kind, const Options& options) {
+void IoEngine::openAs(Kind kind, const Setup& setup) {
     IoBackend& backend = kind == Kind::IoUring ? *m_ring : *m_pool;
-    backend.open(options);
+    backend.open(setup);
     m_kind = kind;
     m_open = &backend;
 }

@@ -18,8 +18,8 @@ struct IoRequest {
         NoOp // goes the whole way but touches no storage
     };
     // Called on a thread of the engine, for one request at a time. `result` is the number of bytes
-    // moved, which may be fewer than `length`, or a negative errno; nothing is tried again. Must
-    // not throw and should be short: completions behind it wait.
+    // moved or a negative errno; nothing is tried again. Must not throw and should be short:
+    // completions behind it wait.
     using Completed = void (*)(IoRequest& request, int result);
 
     Operation operation = Read;
@@ -27,24 +27,26 @@ struct IoRequest {
     u64 offset = 0; // bytes from the start of the file
     void* buffer = nullptr;
     Completed completed = nullptr;
-    u64 latencyNs = 0; // written by the engine before it calls `completed`
+    // Written by the engine before it calls `completed`.
+    u64 latencyNs = 0;
+    bool failed = false; // an error, or fewer bytes than `length`; it is counted as such
 
 private:
     friend class IoBackend;
     friend class IoQueue;
     IoRequest* m_previous = nullptr;
     IoRequest* m_next = nullptr;
-    u64 m_handedOverNs = 0;
+    u64 m_submittedNs = 0;
 };
 
 // Makes asynchronous reads and writes of one file and counts them in the process's AIO service,
-// from the hand-over to the kernel until the completion is seen. The oldest I/O in flight is known
-// there too, so that a stall shows while it lasts.
+// from the submission to the kernel until the completion is seen. AIO also knows the oldest I/O in
+// flight, so a stall shows while it lasts.
 //
 //     engine.open({fd, 32});
 //     engine.submit(request); // any thread; `completed` is called on one of the engine's
 //     engine.close();         // waits for what was submitted
-class IoEngine {
+class ANALYTICS_EXPORT IoEngine {
 public:
     // How the I/Os reach the kernel.
     enum class Kind {
@@ -52,7 +54,7 @@ public:
         IoUring,
         Threads // that make one I/O at a time, up to 64 of them
     };
-    struct Options {
+    struct Setup {
         int file = -1;               // open file descriptor; stays the caller's
         u32 queueDepth = 1;          // I/Os in the kernel at a time; more of them wait in order
         void* buffers = nullptr;     // memory that holds the requests' buffers, for io_uring to
@@ -60,9 +62,9 @@ public:
         Kind kind = Kind::Automatic;
     };
 
-    // What open() can be asked for here, found out by setting io_uring up for a moment. Where
-    // io_uring is refused: Threads in place of Automatic, and one line of the log tells the reason
-    // and the remedy. Otherwise what was asked for. Throws as open() does.
+    // The kind that open() would use here, found by setting io_uring up for a moment. If io_uring
+    // is refused, Automatic becomes Threads, and one log line tells the reason and the remedy.
+    // Throws as open() does.
     static Kind available(Kind kind, u32 queueDepth);
 
     IoEngine();
@@ -73,7 +75,7 @@ public:
     // Starts the engine's threads. Throws std::system_error if the kernel refuses: io_uring where
     // that was asked for, the file, or a thread. Throws std::logic_error if the engine is open or
     // the queue depth is not 1 to 32767.
-    void open(const Options& options);
+    void open(const Setup& setup);
     // Submits I/Os, many in one batch. RC_WRONG_OBJECT_STATE, with nothing taken, unless open. Any
     // thread, also from inside a completion.
     RcStatus submit(IoRequest& request);
@@ -82,14 +84,14 @@ public:
     // a completion.
     void close();
 
-    // What is in use; Automatic unless open. Of the thread that opens and closes.
+    // The kind in use; Automatic unless open. Call it on the thread that opens and closes.
     Kind kind() const;
 
 private:
-    void openAutomatic(const Options& options);
-    void openAs(Kind kind, const Options& options);
+    void openAutomatic(const Setup& setup);
+    void openAs(Kind kind, const Setup& setup);
 
-    // Kept until the end, also when closed: a submit() may be late.
+    // Kept when closed, because a late submit() may still use them.
     std::unique_ptr<IoBackend> m_ring;
     std::unique_ptr<IoBackend> m_pool;
     Kind m_kind = Kind::Automatic;

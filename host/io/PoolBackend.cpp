@@ -16,17 +16,16 @@
 
 namespace {
 
-// A thread in a read or a write costs the kernel some 20 KiB and each I/O a change of threads. A
-// disk that still gains from a deeper queue is one whose requests the processors cannot keep up
-// with in this way.
+// Each thread costs the kernel some 20 KiB, and each I/O costs a context switch. For a disk that
+// gains from a deeper queue, the context switches are the limit.
 constexpr u32 mostThreads = 64;
 
-// Threads that make one I/O at a time. Each takes the next from a common queue, and sleeps when it
-// is empty. What a completion submits is put there when that completion has returned, and its
-// thread goes on with the first of the queue itself: under a steady load nobody has to be woken.
+// Threads that make one I/O at a time. Each takes the next from a common queue, and sleeps while it
+// is empty. Requests that a completion submits are queued when it returns, and its thread then
+// takes the first of the queue itself, so a steady load wakes no thread.
 class PoolBackend : public IoBackend {
 public:
-    void open(const IoEngine::Options& options) override;
+    void open(const IoEngine::Setup& setup) override;
     RcStatus submit(IoQueue& requests) override;
     void close() override;
 
@@ -67,10 +66,10 @@ private:
         "initial-exec"))) inline static thread_local const PoolBackend* reportsHere = nullptr;
 };
 
-void PoolBackend::open(const IoEngine::Options& options) {
-    m_file = options.file;
+void PoolBackend::open(const IoEngine::Setup& setup) {
+    m_file = setup.file;
     m_isStream = lseek(m_file, 0, SEEK_CUR) < 0 && errno == ESPIPE;
-    startThreads(std::min(options.queueDepth, mostThreads));
+    startThreads(std::min(setup.queueDepth, mostThreads));
     const CheckedLock lock(m_mutex);
     m_accepting = true;
 }
@@ -151,7 +150,7 @@ void PoolBackend::serve() {
     }
 }
 
-// The request to make; null at the end. Puts what the last completion submitted behind the others.
+// The next request; null at the end. First queues what the last completion submitted.
 IoRequest* PoolBackend::next(IoQueue& submitted) {
     CheckedLock lock(m_mutex);
     m_waiting.append(submitted);
@@ -186,7 +185,7 @@ int PoolBackend::run(IoRequest& request, InFlightIo& inFlight) const {
     return result;
 }
 
-// As io_uring answers it. A signal that comes in between is none of the caller's business.
+// The result is in io_uring's form. A call that a signal interrupts is repeated.
 int PoolBackend::move(const IoRequest& request) const {
     const auto offset = static_cast<off_t>(request.offset);
     ssize_t moved = 0;

@@ -26,11 +26,11 @@
 
 namespace {
 
-// I/Os that one system call hands over. Storage that is given its whole queue in one go answers it
-// in one go, and idles until the next: in parts, it works on the first while the next is prepared.
+// I/Os that one system call submits. Storage works on one batch while the next is prepared; a batch
+// of the whole queue would leave it idle between two batches.
 constexpr std::size_t batchSize = 8;
 
-// How long to leave a kernel alone that is short of resources: at first, and at the most.
+// The wait before a kernel that is short of resources is asked again: at first, and at most.
 constexpr int shortestWaitMs = 1;
 constexpr int longestWaitMs = 100;
 
@@ -47,7 +47,7 @@ std::string messageOf(int error) {
     return std::generic_category().message(error);
 }
 
-// What would let io_uring be had where it was refused.
+// What would make io_uring available.
 const char* remedyOf(int error) {
     switch (error) {
     case ENOMEM:
@@ -69,12 +69,12 @@ const char* remedyOf(int error) {
                          "io_uring is refused (" + std::string(remedyOf(error)) + "): " + call);
 }
 
-// What may pass by itself.
+// Whether the kernel may have the resources later.
 bool isShortage(int result) {
     return result == -EAGAIN || result == -EBUSY;
 }
 
-// Whether the kernel had the resources for what was handed over to it.
+// Whether the kernel has taken the submitted I/Os.
 bool isTaken(int result) {
     if (result >= 0 || result == -EINTR) {
         return true;
@@ -82,14 +82,14 @@ bool isTaken(int result) {
     if (isShortage(result)) {
         return false;
     }
-    // The ring itself is broken, and with it every buffer that the kernel may still write to.
+    // The ring is broken, and the kernel may still write to any buffer.
     LogItem(LogModuleCommon, FatalLevel, __PRETTY_FUNCTION__, 3)
         << "io_uring failed: " << messageOf(-result) << std::endl;
     std::abort();
 }
 
-void setUpRing(io_uring& ring, u32 queueDepth) {
-    // The best that the running kernel offers: 6.1 has the first, 5.19 the second.
+void initRing(io_uring& ring, u32 queueDepth) {
+    // The best first: kernel 6.1 has the first, 5.19 the second.
     constexpr unsigned flavours[] = {IORING_SETUP_SINGLE_ISSUER | IORING_SETUP_DEFER_TASKRUN,
                                      IORING_SETUP_COOP_TASKRUN, 0};
     const unsigned entries = queueDepth + 1; // one for listening
@@ -105,38 +105,50 @@ void setUpRing(io_uring& ring, u32 queueDepth) {
     }
 }
 
-// The ring of a probe, and what it makes: each system call of the real one.
-int tryRing(io_uring& ring) {
-    constexpr int none = -1;
-    const int error = io_uring_register_files(&ring, &none, 1);
-    if (error < 0) {
-        return error;
+// Makes each system call that the I/Os of the ring will make. A shortage that does not pass within
+// a quarter of a second is a refusal like any other.
+int tryRing(io_uring& ring, int file) {
+    int result = io_uring_register_files(&ring, &file, 1);
+    if (result < 0) {
+        return result;
     }
     io_uring_prep_nop(io_uring_get_sqe(&ring));
-    return io_uring_submit_and_wait(&ring, 1);
+    result = io_uring_submit_and_wait(&ring, 1);
+    for (int waitMs = shortestWaitMs; isShortage(result) && waitMs <= longestWaitMs; waitMs *= 2) {
+        poll(nullptr, 0, waitMs);
+        result = io_uring_submit_and_wait(&ring, 1);
+    }
+    io_uring_cq_advance(&ring, io_uring_cq_ready(&ring));
+    return result;
+}
+
+// A file of -1 is none.
+void setUpRing(io_uring& ring, u32 queueDepth, int file) {
+    initRing(ring, queueDepth);
+    const int result = tryRing(ring, file);
+    if (result < 0) {
+        io_uring_queue_exit(&ring);
+        throwRefusal(-result, "io_uring_register or io_uring_enter");
+    }
 }
 
 } // namespace
 
 void probeIoUring(u32 queueDepth) {
     io_uring ring{};
-    setUpRing(ring, queueDepth);
-    const int result = tryRing(ring);
+    setUpRing(ring, queueDepth, -1);
     io_uring_queue_exit(&ring);
-    if (result < 0 && !isShortage(result)) {
-        throwRefusal(-result, "io_uring_register or io_uring_enter");
-    }
 }
 
 namespace {
 
-// The ring belongs to one thread, which alone submits and reaps: the kernel then does the work of a
-// completion on that thread, when it asks for it, and the system call that hands over the last of a
-// batch also fetches completions. Other threads leave their requests in the inbox and wake the
-// service if it may be asleep.
+// The service's thread owns the ring: it alone submits and reaps. The kernel then does the work of
+// a completion on that thread, when the thread asks for it, and the last submission of a turn also
+// fetches completions. Other threads put their requests into the inbox, and wake the service if it
+// may be asleep.
 class RingBackend : public IoBackend {
 public:
-    void open(const IoEngine::Options& options) override;
+    void open(const IoEngine::Setup& setup) override;
     RcStatus submit(IoQueue& requests) override;
     void close() override;
 
@@ -155,7 +167,7 @@ private:
     bool registerBuffers();
     void takeInbox();
     std::size_t ready() const;
-    void handOverBatches();
+    void submitBatches();
     void prepareBatch();
     void prepareIo(IoRequest& request, u64 nowNs);
     bool isRegistered(const IoRequest& request) const;
@@ -170,12 +182,11 @@ private:
     // Synchronises itself.
     std::atomic<bool> m_accepting{false};
 
-    // Made by the first open() and kept: a submit() that saw the service open may wake it only
-    // after a close().
+    // Made by the first open() and kept, because a submit() may still use it after a close().
     FileDescriptor m_wakeFd;
 
     // Fixed while the service is open.
-    IoEngine::Options m_options;
+    IoEngine::Setup m_setup;
     std::thread m_thread;
 
     CheckedMutex m_mutex;
@@ -189,8 +200,8 @@ private:
         "initial-exec"))) inline static thread_local const RingBackend* servedHere = nullptr;
     io_uring m_ring{};
     IoQueue m_waiting;
-    IoQueue m_inFlight; // handed over and not counted yet, the oldest first
-    u32 m_taken = 0;    // of the queue depth: handed over and not reported yet
+    IoQueue m_inFlight; // submitted and not counted yet, the oldest first
+    u32 m_taken = 0;    // of the queue depth: submitted and not reported yet
     std::optional<InFlightIo> m_oldest;
     int m_patienceMs = shortestWaitMs;
     u64 m_wakeCount = 0;
@@ -198,9 +209,9 @@ private:
     bool m_closing = false;
 };
 
-void RingBackend::open(const IoEngine::Options& options) {
+void RingBackend::open(const IoEngine::Setup& setup) {
     makeWakeFd();
-    m_options = options;
+    m_setup = setup;
     std::promise<void> opened;
     std::future<void> result = opened.get_future();
     m_thread = std::thread(&RingBackend::serve, this, std::move(opened));
@@ -239,7 +250,7 @@ void RingBackend::requestClose() {
 }
 
 RcStatus RingBackend::submit(IoQueue& requests) {
-    if (servedHere == this) { // from inside a completion: handed over when the completions are done
+    if (servedHere == this) { // from inside a completion: submitted when it has returned
         if (!m_accepting) {
             return RC_WRONG_OBJECT_STATE;
         }
@@ -262,7 +273,7 @@ RcStatus RingBackend::submit(IoQueue& requests) {
 }
 
 void RingBackend::wake() const {
-    // Can only fail when the counter is at its top, and then the service is about to wake anyway.
+    // Fails only if the counter is at its maximum; the service then wakes anyway.
     eventfd_write(m_wakeFd.get(), 1);
 }
 
@@ -283,7 +294,7 @@ void RingBackend::serve(std::promise<void> opened) {
         if (isDone()) {
             break;
         }
-        handOverBatches();
+        submitBatches();
         prepareBatch();
         exchangeWithKernel();
         reap();
@@ -294,17 +305,12 @@ void RingBackend::serve(std::promise<void> opened) {
 }
 
 void RingBackend::openRing() {
-    setUpRing(m_ring, m_options.queueDepth);
-    const int error = -io_uring_register_files(&m_ring, &m_options.file, 1);
-    if (error != 0) {
-        io_uring_queue_exit(&m_ring);
-        throwRefusal(error, "io_uring_register of the file");
-    }
+    setUpRing(m_ring, m_setup.queueDepth, m_setup.file);
     m_buffersRegistered = registerBuffers();
 }
 
-// The kernel takes a ring apart some time after its end. What was registered is the caller's, who
-// may want to unlock the file or to unmount its disk, so that is given back first.
+// The kernel destroys a ring some time after its exit. Until then it would hold the caller's file
+// and buffers, so they are unregistered first.
 void RingBackend::closeRing() {
     io_uring_unregister_files(&m_ring);
     if (m_buffersRegistered) {
@@ -314,22 +320,21 @@ void RingBackend::closeRing() {
 }
 
 bool RingBackend::registerBuffers() {
-    if (m_options.buffers == nullptr) {
+    if (m_setup.buffers == nullptr) {
         return false;
     }
-    const iovec memory{m_options.buffers, m_options.bufferBytes};
+    const iovec memory{m_setup.buffers, m_setup.bufferBytes};
     const int error = -io_uring_register_buffers(&m_ring, &memory, 1);
     if (error != 0) {
         // Commonly the limit of locked memory. The kernel then maps the buffers for each I/O.
         LogItem(LogModuleCommon, InfoLevel, __PRETTY_FUNCTION__, 3)
             << "I/O buffers are not registered: " << messageOf(error)
-            << " bytes=" << m_options.bufferBytes << std::endl;
+            << " bytes=" << m_setup.bufferBytes << std::endl;
     }
     return error == 0;
 }
 
-// From here on until the next look into the inbox, whoever fills it has to wake the service: it
-// may by then be asleep in the kernel.
+// Until the next takeInbox(), submitters must wake the service: it may be asleep in the kernel.
 void RingBackend::takeInbox() {
     const CheckedLock lock(m_mutex);
     m_waiting.append(m_inbox);
@@ -337,15 +342,15 @@ void RingBackend::takeInbox() {
     m_mayBeAsleep = true;
 }
 
-// The I/Os that can be handed over now.
+// The number of I/Os that can be submitted now.
 std::size_t RingBackend::ready() const {
-    return std::min<std::size_t>(m_waiting.size(), m_options.queueDepth - m_taken);
+    return std::min<std::size_t>(m_waiting.size(), m_setup.queueDepth - m_taken);
 }
 
-void RingBackend::handOverBatches() {
+void RingBackend::submitBatches() {
     while (ready() >= batchSize) {
         prepareBatch();
-        // What the kernel has no resources for stays in the ring for the exchange to come.
+        // I/Os that the kernel does not take stay in the ring for exchangeWithKernel().
         static_cast<void>(isTaken(io_uring_submit(&m_ring)));
     }
 }
@@ -355,8 +360,8 @@ void RingBackend::prepareBatch() {
     if (left == 0) {
         return;
     }
-    // One clock reading for the batch: a latency is too long by the time in which the I/Os before
-    // it are prepared, some 20 ns each, and taken by the kernel, up to 1 us each.
+    // One clock reading for the batch. A latency includes the time in which the I/Os before it are
+    // prepared, some 20 ns each, and taken by the kernel, up to 1 us each.
     const u64 nowNs = monotonicNs();
     for (; left > 0; --left) {
         IoRequest& request = m_waiting.pop();
@@ -394,10 +399,10 @@ void RingBackend::prepareIo(IoRequest& request, u64 nowNs) {
 }
 
 bool RingBackend::isRegistered(const IoRequest& request) const {
-    const auto begin = reinterpret_cast<std::uintptr_t>(m_options.buffers);
+    const auto begin = reinterpret_cast<std::uintptr_t>(m_setup.buffers);
     const auto buffer = reinterpret_cast<std::uintptr_t>(request.buffer);
     return m_buffersRegistered && buffer >= begin &&
-           buffer + request.length <= begin + m_options.bufferBytes;
+           buffer + request.length <= begin + m_setup.bufferBytes;
 }
 
 void RingBackend::listenForWake() {
@@ -406,7 +411,7 @@ void RingBackend::listenForWake() {
     io_uring_sqe_set_data(sqe, nullptr);
 }
 
-// Hands over what was prepared and sleeps until something has completed.
+// Submits the prepared I/Os and sleeps until one has completed.
 void RingBackend::exchangeWithKernel() {
     if (isTaken(io_uring_submit_and_wait(&m_ring, 1))) {
         m_patienceMs = shortestWaitMs;
@@ -415,8 +420,8 @@ void RingBackend::exchangeWithKernel() {
     }
 }
 
-// What completes gives resources back. Others may hold them, so it is tried again after a while,
-// too. A kernel that refuses even to deliver what has completed is not asked again at once.
+// Waits for a completion, which frees resources, or for a time, since others may hold them. If the
+// kernel cannot deliver completions either, waits again.
 void RingBackend::awaitResources() {
     pollfd completion{m_ring.ring_fd, POLLIN, 0};
     if (poll(&completion, 1, m_patienceMs) > 0 && io_uring_get_events(&m_ring) < 0) {
@@ -442,7 +447,7 @@ void RingBackend::reap() {
         if (IoRequest* request = requestOf(*completions[i])) {
             --m_taken;
             request->completed(*request, completions[i]->res);
-            handOverBatches();
+            submitBatches();
         } else {
             listenForWake();
         }
@@ -450,10 +455,9 @@ void RingBackend::reap() {
     io_uring_cq_advance(&m_ring, count);
 }
 
-// One clock reading for all that is there: none of it completed later, and a latency is too long at
-// most by the time in which this thread reported the completions before, up to 64 callbacks. And
-// all is counted before any of it is reported: who has seen an I/O complete finds it in the
-// counters.
+// One clock reading for all completions that are there. A latency is too long by at most the time
+// of the callbacks before, up to 64. All are counted before the first is reported: code that has
+// seen an I/O complete finds it in the counters.
 void RingBackend::countAll(const io_uring_cqe* const* completions, unsigned number) {
     AIO& aio = *Singleton<AIO, AIO>::instance();
     const u64 nowNs = monotonicNs();

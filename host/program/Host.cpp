@@ -2,42 +2,53 @@
 
 #include "common/Analytics/AnalyticsParcelSender.h"
 #include "common/Analytics/StorageAnalyticsGenerator.h"
+#include "common/infra/AIO.h"
 #include "common/infra/IParcelOutbox.h"
 #include "common/infra/Log.h"
 #include "common/infra/Singleton.h"
 #include "common/infra/Timer.h"
 #include "common/infra/TrackedAllocation.h"
 #include "host/program/ExitCodes.h"
-#include "host/program/LastReport.h"
+#include "host/program/RunReports.h"
 #include "host/program/Schedule.h"
+#include "host/program/WaitNotice.h"
 #include "host/services/Clock.h"
+#include "host/services/HostServices.h"
 #include "host/services/MemLedger.h"
+#include "host/services/StorageLatency.h"
 #include "host/services/StorageReportFinalizer.h"
 
-#include <unistd.h>
-
+#include <atomic>
 #include <iostream>
+#include <stdexcept>
 #include <string>
+#include <system_error>
 #include <utility>
 
 namespace {
 
-// The host's own services, where it needs more of them than their interfaces say.
-template <typename I, typename T>
-T& ownService() {
-    return static_cast<T&>(*Singleton<I, T>::instance());
-}
-
-LoadGenerator::Options loadOptions(const Options& options, const ScratchFile& file,
-                                   IoEngine::Kind ioEngine) {
-    return {file.descriptor(),
-            options.size,
-            static_cast<u32>(options.blockSize),
+LoadGenerator::Load loadOf(const Options& options) {
+    return {static_cast<u32>(options.blockSize),
             options.queueDepth,
             options.readPercent,
             options.rate,
             options.maxIos,
-            ioEngine};
+            IoEngine::available(options.ioEngine, options.queueDepth)};
+}
+
+// A whole number of blocks.
+u64 fileSizeOf(const Options& options) {
+    return options.size / options.blockSize * options.blockSize;
+}
+
+// The kernel's reason alone does not tell what it refused.
+template <typename Start>
+void start(const std::string& what, Start doStart) {
+    try {
+        doStart();
+    } catch (const std::system_error& error) {
+        throw std::runtime_error("cannot start " + what + ": " + error.what());
+    }
 }
 
 // The program's own event: the maxima that the load generator kept.
@@ -56,20 +67,18 @@ void sendMaxima(const LoadGenerator::Maxima& maxima) {
 
 Host::Host(const Options& options)
     : m_options(options),
-      m_timer(ownService<ITimer, Timer>()),
-      m_outbox(ownService<IParcelOutbox, ParcelOutbox>()),
+      m_timer(hostTimer()),
+      m_outbox(hostOutbox()),
       m_output(options.outputFile),
       m_stopRequest(options.outputFile.empty() ? std::function<void()>()
                                                : [this] { m_output.requestReopen(); }),
       m_tweaksFile(loadTweaks(options)),
-      m_ioEngine(IoEngine::available(options.ioEngine, options.queueDepth)),
-      m_scratchFile(options.path, options.size / options.blockSize * options.blockSize,
-                    [this](u64 filledBytes) { return showFilling(filledBytes); }),
-      m_loadGenerator(loadOptions(options, m_scratchFile, m_ioEngine)) {}
+      m_loadGenerator(loadOf(options)),
+      m_scratchFile(makeScratchFile()) {}
 
 Host::~Host() {
-    // Its callbacks hold the scheduler's address.
-    m_timer.stop();
+    m_loadGenerator.stop(); // it uses the scratch file
+    m_timer.stop();         // its callbacks hold the scheduler's address
 }
 
 int Host::run() {
@@ -84,16 +93,18 @@ int Host::run() {
     return summarize();
 }
 
-// Tells a terminal how far a file is that takes more than two seconds to fill. False: stop.
-bool Host::showFilling(u64 filledBytes) const {
-    static const u64 startNs = monotonicNs();
-    static u64 shownNs = startNs + nsPerSecond;
-    if (isatty(STDERR_FILENO) == 1 && monotonicNs() - shownNs >= nsPerSecond) {
-        shownNs = monotonicNs();
-        std::cerr << "analytics-host: filling the scratch file, " << (filledBytes >> 20U) << " of "
-                  << (m_options.size >> 20U) << " MiB\r" << std::flush;
-    }
-    return !m_stopRequest.isRequested();
+// A signal ends the filling.
+ScratchFile Host::makeScratchFile() const {
+    const u64 size = fileSizeOf(m_options);
+    std::atomic<u64> filled{0};
+    const WaitNotice notice([&] {
+        return "filling the scratch file, " + std::to_string(filled >> 20U) + " of " +
+               std::to_string(size >> 20U) + " MiB";
+    });
+    return {m_options.path, size, [&](u64 filledBytes) {
+                filled = filledBytes;
+                return !m_stopRequest.isRequested();
+            }};
 }
 
 void Host::warnOfFolder() const {
@@ -110,14 +121,18 @@ void Host::warnOfFolder() const {
 }
 
 void Host::start() {
-    m_forwarder = std::make_unique<ParcelForwarder>(m_outbox, m_output, m_options.format,
-                                                    [this] { m_stopRequest.request(); });
+    ::start("the forwarder's thread", [this] {
+        m_forwarder = std::make_unique<ParcelForwarder>(m_outbox, m_output, m_options.format,
+                                                        [this] { m_stopRequest.request(); });
+    });
     if (m_tweaksFile) {
-        m_tweaksFile->follow();
+        ::start("following the tunables file", [this] { m_tweaksFile->follow(); });
     }
-    scheduleReports();
+    ::start("the timer's thread", [this] { scheduleReports(); });
     m_loadStartNs = monotonicNs();
-    m_loadGenerator.start();
+    ::start("the load with a queue depth of " + std::to_string(m_options.queueDepth),
+            [this] { m_loadGenerator.start(m_scratchFile.descriptor(), fileSizeOf(m_options)); });
+    m_ioEngine = m_loadGenerator.ioEngine();
 }
 
 // The scheduler owns policy and finalizer once its constructor has returned; until then we do.
@@ -137,21 +152,30 @@ Host::makeFinalizer(TrackedPtr<IPeriodicAnalyticsParcelFinalizer> finalizer) {
     auto* report = TRACKED_NEW(StorageReportFinalizer)(finalizer.get());
     finalizer.release();
     finalizer.reset(report);
-    if (m_options.reports != 0) {
-        auto* last = TRACKED_NEW(LastReport)(
-            finalizer.get(), m_options.reports, [this] { m_loadGenerator.stop(); },
-            [this] {
+    auto* reports = TRACKED_NEW(RunReports)(
+        finalizer.get(), m_options.reports, [this] { stopLoad(); },
+        [this](bool isLast) {
+            m_totals.add(Singleton<AIO, AIO>::instance()->latency().closedPeriod());
+            if (isLast) {
                 m_lastReportMade = true;
                 m_stopRequest.request();
-            });
-        finalizer.release();
-        finalizer.reset(last);
-    }
+            }
+        });
+    finalizer.release();
+    finalizer.reset(reports);
     return finalizer;
 }
 
-void Host::stop() {
+void Host::stopLoad() {
+    const WaitNotice notice([this] {
+        return "waiting for " + std::to_string(m_loadGenerator.inFlight()) +
+               " I/Os in flight; a further signal ends at once";
+    });
     m_loadGenerator.stop();
+}
+
+void Host::stop() {
+    stopLoad();
     m_loadEndNs = monotonicNs();
     m_timer.stop();
     if (!m_lastReportMade) {
@@ -159,6 +183,9 @@ void Host::stop() {
     }
     m_scheduler.reset();
     sendMaxima(m_loadGenerator.maxima());
+    const WaitNotice notice([] {
+        return std::string("waiting until the reports are written; a further signal ends at once");
+    });
     m_forwarded = m_forwarder->drain();
     m_tweaksFile.reset();
 }
@@ -167,9 +194,10 @@ int Host::summarize() const {
     const LoadGenerator::Counts ios = m_loadGenerator.counts();
     const u64 lost = m_forwarded.lost + m_outbox.counts().dropped;
     const MemReport memory = MemLedger::report();
-    std::cerr << "analytics-host: " << ios.completed() << " I/Os (" << ios.reads << " reads, "
-              << ios.writes << " writes, " << ios.failed << " failed), " << m_forwarded.written
-              << " parcels written, " << lost << " lost" << rateShortfall(ios) << std::endl;
+    std::cerr << summary().text() << "analytics-host: " << ios.completed() << " I/Os (" << ios.reads
+              << " reads, " << ios.writes << " writes, " << ios.failed << " failed), "
+              << m_forwarded.written << " parcels written, " << lost << " lost"
+              << rateShortfall(ios) << std::endl;
     if (memory.liveBlocks != 0 || memory.badReleases != 0) {
         std::cerr << "analytics-host: the memory ledger is not clean: " << memory << std::endl;
         return exitLost;
@@ -180,13 +208,18 @@ int Host::summarize() const {
     return ios.failed == 0 ? exitDone : exitFailed;
 }
 
-// Where a rate was asked for and not reached, within a twentieth.
+RunSummary Host::summary() const {
+    return {m_totals, (m_loadEndNs - m_loadStartNs) / nsPerMs, m_scratchFile.fileSystem(),
+            m_ioEngine, m_options};
+}
+
+// Where a rate was asked for and not reached, within a twentieth and the I/O that is due next.
 std::string Host::rateShortfall(const LoadGenerator::Counts& ios) const {
     const double seconds = static_cast<double>(m_loadEndNs - m_loadStartNs) / nsPerSecond;
-    const double made = static_cast<double>(ios.completed()) / seconds;
-    if (m_options.rate == 0 || made >= 0.95 * m_options.rate || m_options.maxIos) {
+    const auto made = static_cast<double>(ios.completed());
+    if (m_options.rate == 0 || made + 1 >= 0.95 * m_options.rate * seconds || m_options.maxIos) {
         return "";
     }
-    return "; " + std::to_string(static_cast<u64>(made)) + " of the " +
+    return "; " + std::to_string(static_cast<u64>(made / seconds)) + " of the " +
            std::to_string(m_options.rate) + " I/Os per second that were asked for";
 }

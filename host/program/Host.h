@@ -4,19 +4,19 @@
 #include "host/forwarding/ParcelForwarder.h"
 #include "host/program/LoadGenerator.h"
 #include "host/program/Options.h"
+#include "host/program/RunSummary.h"
 #include "host/program/ScratchFile.h"
 #include "host/program/StopRequest.h"
 #include "host/services/TweaksFile.h"
 
 #include "common/Analytics/PeriodicAnalyticsScheduler.h"
+#include "common/infra/IParcelOutbox.h"
+#include "common/infra/Timer.h"
 #include "common/infra/TrackedAllocation.h"
 
 #include <functional>
 #include <memory>
 #include <string>
-
-class ParcelOutbox;
-class Timer;
 
 // The runnable host: its constructor sets everything up, run() lets it work until it is told to
 // stop.
@@ -36,14 +36,16 @@ public:
     int run();
 
 private:
-    bool showFilling(u64 filledBytes) const;
+    ScratchFile makeScratchFile() const;
     void warnOfFolder() const;
     void start();
     void scheduleReports();
     TrackedPtr<IPeriodicAnalyticsParcelFinalizer>
     makeFinalizer(TrackedPtr<IPeriodicAnalyticsParcelFinalizer> finalizer);
+    void stopLoad();
     void stop();
     int summarize() const;
+    RunSummary summary() const;
     std::string rateShortfall(const LoadGenerator::Counts& ios) const;
 
     const Options m_options;
@@ -53,12 +55,16 @@ private:
     OutputFile m_output;
     StopRequest m_stopRequest;
     std::unique_ptr<TweaksFile> m_tweaksFile;
-    const IoEngine::Kind m_ioEngine; // found out before the scratch file is filled
+    LoadGenerator m_loadGenerator; // before the scratch file is filled, which may take minutes
     ScratchFile m_scratchFile;
-    LoadGenerator m_loadGenerator;
+    IoEngine::Kind m_ioEngine = IoEngine::Kind::Automatic; // the one that makes the I/Os
     std::unique_ptr<ParcelForwarder> m_forwarder;
     std::unique_ptr<PeriodicAnalyticsScheduler> m_scheduler;
-    bool m_lastReportMade = false; // the timer's thread writes it; read when the timer has stopped
+
+    // The timer's thread writes them; read when the timer has stopped.
+    RunTotals m_totals;
+    bool m_lastReportMade = false;
+
     ParcelForwarder::Counts m_forwarded;
     u64 m_loadStartNs = 0;
     u64 m_loadEndNs = 0;

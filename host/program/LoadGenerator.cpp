@@ -4,9 +4,12 @@
 #include "host/services/Clock.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <new>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 
@@ -21,20 +24,36 @@ std::string describe(int result, u32 expected) {
     return "moved " + std::to_string(result) + " bytes of " + std::to_string(expected);
 }
 
+// What the machine does not have at all is not asked for: it might be promised, and the process
+// ended when it uses it.
+AlignedBuffer makeBuffers(const LoadGenerator::Load& load) {
+    const u64 bytes = u64{load.blockSize} * load.queueDepth;
+    const u64 memory =
+        static_cast<u64>(sysconf(_SC_PHYS_PAGES)) * static_cast<u64>(sysconf(_SC_PAGESIZE));
+    try {
+        return AlignedBuffer(bytes <= memory ? bytes : throw std::bad_alloc());
+    } catch (const std::bad_alloc&) {
+        throw std::runtime_error("no memory for " + std::to_string(load.queueDepth) +
+                                 " buffers of " + std::to_string(load.blockSize) +
+                                 " bytes (expected fewer or smaller ones, see --queue-depth and "
+                                 "--block-size)");
+    }
+}
+
 } // namespace
 
-LoadGenerator::LoadGenerator(const Options& options)
-    : m_options(options),
-      m_buffers(std::size_t{options.blockSize} * options.queueDepth),
-      m_slots(options.queueDepth),
+LoadGenerator::LoadGenerator(const Load& load)
+    : m_load(load),
+      m_buffers(makeBuffers(load)),
+      m_slots(load.queueDepth),
       m_random(std::random_device{}()) {
     m_idle.reserve(m_slots.size());
     m_batch.reserve(m_slots.size());
     for (std::size_t i = 0; i < m_slots.size(); ++i) {
         Slot& slot = m_slots[i];
         slot.generator = this;
-        slot.buffer = m_buffers.data() + i * options.blockSize;
-        slot.length = options.blockSize;
+        slot.buffer = m_buffers.data() + i * load.blockSize;
+        slot.length = load.blockSize;
         slot.completed = ioCompleted;
         m_idle.push_back(&slot);
     }
@@ -44,24 +63,29 @@ LoadGenerator::~LoadGenerator() {
     stop();
 }
 
-void LoadGenerator::start() {
-    const std::lock_guard<std::mutex> oneAtATime(m_lifeMutex);
-    m_engine.open({m_options.file, m_options.queueDepth, m_buffers.data(), m_buffers.size(),
-                   m_options.ioEngine});
-    if (m_options.rate != 0) {
+void LoadGenerator::start(int file, u64 fileSize) {
+    const CheckedLock oneAtATime(m_lifeMutex);
+    {
+        const CheckedLock lock(m_mutex);
+        m_blocks = fileSize / m_load.blockSize;
+    }
+    m_engine.open({file, m_load.queueDepth, m_buffers.data(), m_buffers.size(), m_load.ioEngine});
+    if (m_load.rate != 0) {
         m_pacer = std::thread(&LoadGenerator::pace, this);
     } else {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const CheckedLock lock(m_mutex);
         issue(m_slots.size());
     }
 }
 
 void LoadGenerator::stop() {
-    const std::lock_guard<std::mutex> oneAtATime(m_lifeMutex);
-    std::unique_lock<std::mutex> lock(m_mutex);
+    const CheckedLock oneAtATime(m_lifeMutex);
+    CheckedLock lock(m_mutex);
     m_stopping = true;
     m_changed.notify_all();
-    m_changed.wait(lock, [this] { return m_idle.size() == m_slots.size(); });
+    while (!areAllIdle()) {
+        m_changed.wait(lock);
+    }
     std::thread pacer = std::move(m_pacer);
     lock.unlock();
     if (pacer.joinable()) {
@@ -71,17 +95,24 @@ void LoadGenerator::stop() {
 }
 
 void LoadGenerator::waitUntilIdle() {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_changed.wait(lock, [this] { return !mayIssue() && m_idle.size() == m_slots.size(); });
+    CheckedLock lock(m_mutex);
+    while (mayIssue() || !areAllIdle()) {
+        m_changed.wait(lock);
+    }
+}
+
+u64 LoadGenerator::inFlight() const {
+    const CheckedLock lock(m_mutex);
+    return m_slots.size() - m_idle.size();
 }
 
 LoadGenerator::Counts LoadGenerator::counts() const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     return m_counts;
 }
 
 LoadGenerator::Maxima LoadGenerator::maxima() const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     return {m_longestIoUs, m_deepestQueue};
 }
 
@@ -91,16 +122,16 @@ LoadGenerator::Maxima LoadGenerator::maxima() const {
 void LoadGenerator::pace() {
     pthread_setname_np(pthread_self(), "pacer");
     constexpr std::chrono::nanoseconds shortestBeat = std::chrono::milliseconds(1);
-    const auto perIo = std::chrono::nanoseconds(std::chrono::seconds(1)) / m_options.rate;
+    const auto perIo = std::chrono::nanoseconds(std::chrono::seconds(1)) / m_load.rate;
     const auto beat = std::max(perIo, shortestBeat);
-    const double dueAtABeat = std::chrono::duration<double>(beat).count() * m_options.rate;
-    const double mostOwed = std::max(m_options.queueDepth, m_options.rate / 10);
+    const double dueAtABeat = std::chrono::duration<double>(beat).count() * m_load.rate;
+    const double mostOwed = std::max(m_load.queueDepth, m_load.rate / 10);
 
-    std::unique_lock<std::mutex> lock(m_mutex);
+    CheckedLock lock(m_mutex);
     auto next = Clock::now() + beat;
     while (mayIssue()) {
-        if (m_changed.wait_until(lock, next, [this] { return m_stopping; })) {
-            return;
+        if (m_changed.wait_until(lock, next) == std::cv_status::no_timeout) {
+            continue; // stopping, or woken for nothing
         }
         const auto late = (Clock::now() - next) / beat;
         next += (late + 1) * beat;
@@ -109,7 +140,6 @@ void LoadGenerator::pace() {
     }
 }
 
-// With the mutex held.
 void LoadGenerator::issueOwed() {
     if (m_owed >= 1) {
         const u64 issuedBefore = m_issued;
@@ -118,12 +148,11 @@ void LoadGenerator::issueOwed() {
     }
 }
 
-// With the mutex held.
 bool LoadGenerator::mayIssue() const {
-    return !m_stopping && m_issued < m_options.maxIos.value_or(~u64{0});
+    return !m_stopping && m_issued < m_load.maxIos.value_or(~u64{0});
 }
 
-// With the mutex held: hands over up to `count` I/Os.
+// Hands over up to `count` I/Os.
 void LoadGenerator::issue(u64 count) {
     m_batch.clear();
     while (m_batch.size() < count && mayIssue() && !m_idle.empty()) {
@@ -145,12 +174,10 @@ void LoadGenerator::issue(u64 count) {
     m_deepestQueue.update(m_slots.size() - m_idle.size());
 }
 
-// With the mutex held.
 void LoadGenerator::aim(Slot& slot) {
-    const u64 blocks = m_options.fileSize / m_options.blockSize;
-    const bool reads = m_random() % 100 < m_options.readPercent;
+    const bool reads = m_random() % 100 < m_load.readPercent;
     slot.operation = reads ? IoRequest::Read : IoRequest::Write;
-    slot.offset = m_random() % blocks * m_options.blockSize;
+    slot.offset = m_random() % m_blocks * m_load.blockSize;
 }
 
 void LoadGenerator::ioCompleted(IoRequest& request, int result) {
@@ -159,22 +186,21 @@ void LoadGenerator::ioCompleted(IoRequest& request, int result) {
 }
 
 void LoadGenerator::completed(Slot& slot, int result) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const CheckedLock lock(m_mutex);
     countResult(slot, result);
     m_longestIoUs.update(slot.latencyNs / 1'000);
     m_idle.push_back(&slot);
-    m_options.rate == 0 ? issue(1) : issueOwed();
-    if (!mayIssue() && m_idle.size() == m_slots.size()) {
+    m_load.rate == 0 ? issue(1) : issueOwed();
+    if (!mayIssue() && areAllIdle()) {
         m_changed.notify_all();
     }
 }
 
-// With the mutex held.
 void LoadGenerator::countResult(const Slot& slot, int result) {
     const bool isRead = slot.operation == IoRequest::Read;
     ++(isRead ? m_counts.reads : m_counts.writes);
     const u64 nowNs = monotonicNs();
-    if (result == static_cast<int>(slot.length)) {
+    if (!slot.failed) {
         m_failureLog.succeeded(nowNs);
         return;
     }

@@ -3,6 +3,7 @@
 #include "common/infra/Tweaks.h"
 #include "host/program/DayList.h"
 #include "host/program/ExitCodes.h"
+#include "host/services/ReportInterval.h"
 
 #include <CLI/CLI.hpp>
 
@@ -19,8 +20,6 @@
 
 namespace {
 
-// The timer takes milliseconds in 32 bits.
-constexpr u32 maxIntervalSecs = std::numeric_limits<u32>::max() / OneSecondInMs;
 constexpr u32 maxQueueDepth = 4096;
 constexpr u64 sectorSize = 512;
 constexpr u64 maxBlockSize = 16U << 20U;
@@ -42,7 +41,8 @@ const char* const description =
     "writes on a scratch file, and writes each report to standard output. The log\n"
     "goes to standard error. SIGINT or SIGTERM closes and reports the running period;\n"
     "a second signal ends at once. SIGHUP reopens the file of --output; without it,\n"
-    "it stops like SIGTERM.";
+    "it stops like SIGTERM. So does the first report that cannot be written. A\n"
+    "summary of the whole run comes last, on standard error.";
 
 const char* const footer =
     "Exit codes: 0 done; 1 something failed, an I/O or a write; 2 bad command line;\n"
@@ -130,12 +130,12 @@ void addOptions(CLI::App& app, Options& options) {
 }
 
 void addScheduleOptions(CLI::App& app, Options& options) {
-    auto* interval = app.add_option("--interval", options.intervalSecs,
-                                    "Seconds between reports, 1 to 4294967 (default 5, or "
-                                    "t_StorageAnalyticsIntervalSec of "
-                                    "--tweaks)")
-                         ->check(wholeNumber(1, maxIntervalSecs))
-                         ->option_text("SECONDS");
+    auto* interval =
+        app.add_option("--interval", options.intervalSecs,
+                       "Seconds between reports, 1 to " + std::to_string(maxReportIntervalSec) +
+                           " (default 5, or " + reportIntervalName + " of --tweaks)")
+            ->check(wholeNumber(1, maxReportIntervalSec))
+            ->option_text("SECONDS");
     auto* days = app.add_option_function<std::string>(
                         "--days",
                         [&options](const std::string& list) {

@@ -3,6 +3,7 @@
 #include "common/Analytics/FixedDaysSchedulingPolicy.h"
 #include "common/Analytics/FixedFrequencySchedulingPolicy.h"
 #include "common/infra/Tweaks.h"
+#include "host/services/ReportInterval.h"
 
 #include <iomanip>
 #include <ostream>
@@ -11,11 +12,10 @@
 
 namespace {
 
-const char* const intervalTweak = "t_StorageAnalyticsIntervalSec";
 constexpr u32 defaultIntervalSecs = 5; // a demonstration should not take a day
 
 u32 intervalSecs() {
-    return Tweaks::instance()->uintVal(intervalTweak, DefaultTweakValue<unsigned int>());
+    return Tweaks::instance()->uintVal(reportIntervalName, DefaultTweakValue<unsigned int>());
 }
 
 // A policy that reads the given clock in place of the system's.
@@ -57,12 +57,12 @@ void writeMoment(std::ostream& out, time_t moment) {
 } // namespace
 
 std::unique_ptr<TweaksFile> loadTweaks(const Options& options) {
-    Tweaks::instance()->set(intervalTweak,
+    Tweaks::instance()->set(reportIntervalName,
                             std::to_string(options.intervalSecs.value_or(defaultIntervalSecs)));
     if (options.tweaksFile.empty()) {
         return nullptr;
     }
-    const std::vector<std::string> pinned(options.intervalSecs ? 1 : 0, intervalTweak);
+    const std::vector<std::string> pinned(options.intervalSecs ? 1 : 0, reportIntervalName);
     auto file = std::make_unique<TweaksFile>(options.tweaksFile, pinned);
     file->load();
     return file;

@@ -4,12 +4,15 @@
 
 #include <fcntl.h>
 #include <linux/magic.h>
+#include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -49,6 +52,23 @@ bool ScratchFile::isInMemory() const {
     struct statfs fileSystem {};
     return fstatfs(m_descriptor, &fileSystem) == 0 &&
            (fileSystem.f_type == TMPFS_MAGIC || fileSystem.f_type == RAMFS_MAGIC);
+}
+
+// A line of mountinfo: "36 35 98:0 /root /mount options [tag...] - type device options".
+FileSystem ScratchFile::fileSystem() const {
+    struct statx status {};
+    const bool isKnown = ::statx(m_descriptor, "", AT_EMPTY_PATH, STATX_MNT_ID, &status) == 0 &&
+                         (status.stx_mask & STATX_MNT_ID) != 0;
+    std::ifstream mounts("/proc/self/mountinfo");
+    for (std::string line; isKnown && std::getline(mounts, line);) {
+        const std::size_t dash = line.find(" - ");
+        if (dash != std::string::npos && std::stoull(line) == status.stx_mnt_id) {
+            FileSystem fileSystem;
+            std::istringstream(line.substr(dash + 3)) >> fileSystem.type >> fileSystem.device;
+            return fileSystem;
+        }
+    }
+    return {"unknown", "unknown"};
 }
 
 void ScratchFile::checkBlockSize(u64 blockSize) const {

@@ -5,6 +5,12 @@
 #include <functional>
 #include <string>
 
+// What a file is kept on, by the names that the kernel has for them.
+struct FileSystem {
+    std::string type;
+    std::string device;
+};
+
 // A file of the given size, filled with data, for the load generator to read and write. It has no
 // name: it is gone with the process, however that ends.
 class ScratchFile {
@@ -24,6 +30,8 @@ public:
     bool isDirect() const { return m_isDirect; }
     // Whether the file system keeps its files in memory, such as tmpfs: there is no disk behind it.
     bool isInMemory() const;
+    // "unknown" twice where the kernel does not tell.
+    FileSystem fileSystem() const;
     // Throws std::runtime_error if I/Os of this size cannot be made.
     void checkBlockSize(u64 blockSize) const;
 

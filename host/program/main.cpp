@@ -14,6 +14,7 @@
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <new>
 #include <stdexcept>
 
 namespace {
@@ -67,6 +68,8 @@ int main(int argc, char** argv) {
     try {
         log = startLog(*commandLine.options);
         exitCode = run(*commandLine.options);
+    } catch (const std::bad_alloc&) {
+        std::cerr << "analytics-host: not enough memory" << std::endl;
     } catch (const std::exception& error) {
         std::cerr << "analytics-host: " << error.what() << std::endl;
     }

@@ -2,23 +2,22 @@
 
 #include "common/infra/DynamicTweaks.h"
 #include "common/infra/Tweaks.h"
+#include "host/services/ReportInterval.h"
 
 #include <algorithm>
 #include <limits>
 
 namespace {
 
-constexpr const char* intervalName = "t_StorageAnalyticsIntervalSec";
-constexpr unsigned int defaultIntervalSec = 86400;
 constexpr u32 maxU32 = std::numeric_limits<u32>::max();
 
 u32 getInterval() {
     return Singleton<Tweaks, Tweaks>::instance()->uintVal(
-        intervalName, DefaultTweakValue<unsigned int>(defaultIntervalSec));
+        reportIntervalName, DefaultTweakValue<unsigned int>(defaultReportIntervalSec));
 }
 
 void setInterval(u32 value) {
-    Singleton<Tweaks, Tweaks>::instance()->set(intervalName, std::to_string(value));
+    Singleton<Tweaks, Tweaks>::instance()->set(reportIntervalName, std::to_string(value));
 }
 
 template <auto Field>
@@ -40,9 +39,8 @@ constexpr FileTunable micros(const char* name) {
 } // namespace
 
 const std::array<FileTunable, fileTunableCount> fileTunables = {
-    // The timer takes milliseconds in 32 bits.
-    FileTunable{intervalName, TunableKind::Number, 1, maxU32 / OneSecondInMs, false, getInterval,
-                setInterval},
+    FileTunable{reportIntervalName, TunableKind::Number, 1, maxReportIntervalSec, false,
+                getInterval, setInterval},
     FileTunable{"t_disablePeriodicAnalytics", TunableKind::Flag, 0, 1, true,
                 getField<&DynamicTweaks::t_disablePeriodicAnalytics>,
                 setField<&DynamicTweaks::t_disablePeriodicAnalytics>},
@@ -61,7 +59,7 @@ FileTunableValues fileTunablesInForce() {
     return values;
 }
 
-std::string toText(const FileTunable& tunable, u32 value) {
+std::string valueText(const FileTunable& tunable, u32 value) {
     if (tunable.kind == TunableKind::Flag) {
         return value != 0 ? "true" : "false";
     }

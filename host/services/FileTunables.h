@@ -29,4 +29,4 @@ using FileTunableValues = std::array<u32, fileTunableCount>;
 extern const std::array<FileTunable, fileTunableCount> fileTunables;
 
 FileTunableValues fileTunablesInForce();
-std::string toText(const FileTunable& tunable, u32 value);
+std::string valueText(const FileTunable& tunable, u32 value);

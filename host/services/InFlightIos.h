@@ -9,8 +9,8 @@
 #include <array>
 #include <optional>
 
-// The I/Os in flight that are known of: lists through the InFlightIo objects, one list for each
-// thread lane, so that threads rarely meet at a lock. Any thread.
+// The known I/Os in flight: one list of InFlightIo objects for each thread lane, so that threads
+// rarely wait for a lock. Any thread.
 class ANALYTICS_EXPORT InFlightIos {
 public:
     void add(InFlightIo& io);

@@ -7,9 +7,9 @@
 
 // The times in which storage was slow. An episode
 //
-//   begins | at the earliest hand-over known of an I/O that took at least the threshold, but never
+//   begins | at the earliest submission known of an I/O that took at least the threshold, but never
 //          | before the end of the episode before it
-//   ends   | when an I/O that took less, and was handed over after the slow ones, completes
+//   ends   | when an I/O that took less, and was submitted after the slow ones, completes
 //
 // A period that is closed counts an open episode up to that moment if an I/O in flight is slow by
 // then, and what comes after as a new one; with none in flight, the episode ends at the last slow

@@ -15,15 +15,14 @@ struct StorageLimits {
     u32 bounds[4] = {};
 };
 
-// Those that the live tunables hold now.
+// The limits that the live tunables hold now.
 ANALYTICS_EXPORT StorageLimits liveStorageLimits();
 
 // The limits that latencies are compared with. Any thread judges, without waiting, while one
 // replaces them.
 //
-// A replacement goes into the next of a few places and then becomes the one in force, so the limits
-// that a judgement reads stay as they are while it reads them. Only if three replacements come
-// meanwhile does it start anew.
+// replace() writes the next of four places and then puts it in force, so it does not change the
+// place that a judge() reads. A judge() starts again only if three replacements came meanwhile.
 class LimitsInForce {
 public:
     struct Verdict {
@@ -41,7 +40,7 @@ public:
 #pragma GCC unroll 4
             for (std::size_t i = 0; i < boundCount; ++i) {
                 verdict.latencyClass +=
-                    latencyNs > place.boundsNs[i].load(std::memory_order_acquire) ? 1 : 0;
+                    latencyNs > place.boundsNs[i].load(std::memory_order_acquire) ? 1U : 0U;
             }
             if (__builtin_expect(
                     m_version.load(std::memory_order_relaxed) - version < placeCount - 1, 1)) {

@@ -13,7 +13,7 @@ std::atomic<bool> abortsOnAssert{false};
 std::atomic<u64> assertions{0};
 std::atomic<u64> dropped{0};
 
-// Never destroyed: lines are written until the last destructor has run.
+// Never destroyed, because destructors at exit may still log.
 ILogSink& standardError() {
     static ILogSink* sink = SpdlogSink::toStandardError().release();
     return *sink;

@@ -47,7 +47,7 @@ public:
     static u64 droppedCount() noexcept;
 
     static void write(const LogRecord& record) noexcept;
-    // Stands for the write() of a line whose text could not be made.
+    // Called in place of write() for a line whose text could not be made.
     static void drop(LogLevel level) noexcept;
 };
 

@@ -32,9 +32,9 @@ struct BlockInfo {
     unsigned int line;
 };
 
-// The live blocks by address, beside the blocks: to look up a pointer reads no memory that might
-// not be a live block. An address belongs to one of many stripes, each with a lock of its own, so
-// that threads rarely meet at one.
+// The live blocks by address. The table is apart from the blocks, so looking up a pointer never
+// reads through it. Addresses are spread over stripes with a lock each, so threads rarely wait for
+// each other.
 class BlockTable {
 public:
     // Usable before main() and after it, because it is made at the first use and never destroyed.
@@ -118,14 +118,13 @@ private:
 
 std::atomic<u64> badReleases{0};
 
-// The block that this thread's last check reported. The release that follows the check leaves it
-// alone without a second report, even if another thread was given a new block at that address in
-// between. Such a mark has to be the thread's own: the other thread's release of its new block is a
-// good one.
+// The block that this thread's last check reported. The release after the check leaves the block
+// alone and reports nothing, even if another thread has got a new block at that address meanwhile.
+// The mark is per thread: the other thread may release its new block.
 //
-// What remains is a release by two threads at once. Both checks may find the block alive, and if a
-// third thread is given a new block at its address between the two releases, the second one takes
-// that block. A check and a release in one call would be needed to see it.
+// One race remains. Two threads release a block at once, and both checks find it alive. If a third
+// thread gets a new block at its address between the two releases, the second release frees that
+// block. Only a check and a release in one call could detect this.
 thread_local std::optional<const void*> reportedBlock;
 
 // The live block that the pointer points into, past its start.
@@ -209,7 +208,7 @@ bool MemShield::bMemshieldActive = true;
 
 MemShield::MemShield() = default;
 
-// The switch is a plain variable by contract, and read at every deletion while it may be thrown.
+// The interface makes the switch a plain variable, which other threads may set meanwhile.
 bool MemShield::isMemshieldActive() {
     return __atomic_load_n(&bMemshieldActive, __ATOMIC_RELAXED);
 }

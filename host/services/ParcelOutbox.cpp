@@ -53,7 +53,7 @@ private:
 
 // A run of drops begins with a push that finds the outbox full, and ends with the first push that
 // does not, or before it when nothing is held any more.
-struct ParcelOutbox::Impl {
+struct ANALYTICS_HIDDEN ParcelOutbox::Impl {
     explicit Impl(u64 maximum) : maxSize(maximum), parcels(maximum) {}
 
     const u64 maxSize;
@@ -65,14 +65,20 @@ struct ParcelOutbox::Impl {
     u64 waiting ANALYTICS_GUARDED_BY(mutex) = 0; // threads; each of them is woken by a push
     bool waitsAreOver ANALYTICS_GUARDED_BY(mutex) = false;
 
-    u64 endRun() ANALYTICS_REQUIRES(mutex) { return std::exchange(run, 0); }
+    u64 endRun() ANALYTICS_REQUIRES(mutex) { return run == 0 ? 0 : std::exchange(run, 0); }
     std::vector<IParcel*> takeAll() ANALYTICS_REQUIRES(mutex);
     IParcel* takeOldest(u64 popped);
     template <typename Wait>
     bool waitForParcel(Wait wait);
 
     void finishDrop(IParcel* dropped, bool beginsRun) const;
-    static void reportRun(u64 length);
+    // Of no run if the length is 0. Inline, so that most pushes and pops make no call for it.
+    static void reportRun(u64 length) {
+        if (length > 0) {
+            logRun(length);
+        }
+    }
+    __attribute__((noinline, cold)) static void logRun(u64 length);
 };
 
 std::vector<IParcel*> ParcelOutbox::Impl::takeAll() {
@@ -118,12 +124,9 @@ void ParcelOutbox::Impl::finishDrop(IParcel* dropped, bool beginsRun) const {
     }
 }
 
-// Of no run if the length is 0.
-void ParcelOutbox::Impl::reportRun(u64 length) {
-    if (length > 0) {
-        LogItem(LogModuleCommon, InfoLevel, __PRETTY_FUNCTION__, 3)
-            << " parcel outbox is no longer full: dropped=" << length << " " << std::endl;
-    }
+void ParcelOutbox::Impl::logRun(u64 length) {
+    LogItem(LogModuleCommon, InfoLevel, __PRETTY_FUNCTION__, 3)
+        << " parcel outbox is no longer full: dropped=" << length << " " << std::endl;
 }
 
 ParcelOutbox::ParcelOutbox(u64 maxSize) : m_impl(std::make_unique<Impl>(maxSize)) {

@@ -42,7 +42,7 @@ std::string_view withoutLineEnds(std::string_view text) {
 } // namespace
 
 SpdlogSink::SpdlogSink(std::shared_ptr<spdlog::logger> logger) : m_logger(std::move(logger)) {
-    // Which lines are written is the logging service's choice, and what was written must survive a
+    // The logging service chooses which lines are written. Each is flushed, so that it survives a
     // process that is killed.
     m_logger->set_level(spdlog::level::trace);
     m_logger->flush_on(spdlog::level::trace);
@@ -58,7 +58,7 @@ std::unique_ptr<SpdlogSink> SpdlogSink::toStandardError() {
 }
 
 std::unique_ptr<SpdlogSink> SpdlogSink::toFile(const std::string& path) {
-    // The sink below would make the folders of a mistyped path.
+    // spdlog would create the folders of a mistyped path.
     const std::filesystem::path folder = std::filesystem::path(path).parent_path();
     if (!folder.empty() && !std::filesystem::is_directory(folder)) {
         throw std::runtime_error("cannot log to '" + path + "': expected an existing folder '" +

@@ -103,7 +103,7 @@ void StorageLatency::add(unsigned int lane, Counter& counter) {
     }
 }
 
-// The order of the I/Os in an episode is that in which they take the mutex.
+// I/Os enter an episode in the order in which they take the mutex.
 void StorageLatency::noteIfSlow(bool slow, u64 latencyNs) {
     if (!slow && !m_episodeIsOpen.load(std::memory_order_relaxed)) {
         return;
@@ -148,9 +148,9 @@ void StorageLatency::readClasses(StoragePeriod& period) {
     }
 }
 
-// A recording that the reading comes in the middle of is in the histogram of one period and in the
-// class of the next, or its latency is noted as the longest of the period before. So the longest
-// latency is held against the histogram.
+// An I/O that is counted during the reading may be in the histogram of one period and in the class
+// of the next, and its latency may be the longest of either. So the longest latency is limited to
+// the highest bucket of the histogram.
 void StorageLatency::readPercentiles(StoragePeriod& period) {
     LatencyHistogram histogram{};
     for (const Lane& lane : m_lanes) {

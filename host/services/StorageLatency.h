@@ -16,7 +16,7 @@
 #include <cstddef>
 #include <functional>
 
-// All that is known of a counting period.
+// The figures of a counting period.
 struct StoragePeriod {
     StorageAnalyticsCounters counters;
     StorageLimits limits; // in force during the period
@@ -25,8 +25,8 @@ struct StoragePeriod {
     u32 p90Us = 0;
     u32 p99Us = 0;
     u32 p999Us = 0;
-    u32 maxUs = 0; // the longest latency, rounded up; exact but for I/Os that are being counted
-                   // while the period is closed, with which it may be as far off as a percentile
+    u32 maxUs = 0; // the longest latency, rounded up; as inexact as a percentile if I/Os were
+                   // counted while the period was closed
     u64 periodMs = 0;
     u32 episodes = 0; // high-latency episodes, and the sum of their durations
     u64 episodeSumMs = 0;
@@ -35,11 +35,11 @@ struct StoragePeriod {
 // Counters of I/Os and their latencies: those of the process, behind AIO, or a set of a host's own,
 // such as its reads, or one device. StorageSetGenerator reports a set.
 //
-// Any thread. Each of the first threads counts in a lane of its own, by plain additions; further
-// ones share a lane by atomic additions. Counts only grow, and a period is the difference between
-// two readings: an I/O is in exactly one period, however readings and counting interleave. One that
-// is counted while a period is closed may be counted under the limits of that period. A latency is
-// compared with one set of limits, never with a mixture of two.
+// Any thread. The first threads count in a lane each, by plain additions; further ones share a lane
+// by atomic additions. Counts only grow, and a period is the difference between two readings, so an
+// I/O is in exactly one period. An I/O that is counted while a period is closed may be counted
+// under the limits of that period. A latency is compared with one set of limits, never with a
+// mixture of two.
 class ANALYTICS_EXPORT StorageLatency {
 public:
     using LimitsSource = std::function<StorageLimits()>;
@@ -94,14 +94,14 @@ private:
         LatencyHistogram histogram{};
     };
 
-    // Whether more than two additions are due.
+    // Whether the I/O needs more than its two additions.
     bool needsCare(bool slow, u64 latencyNs, unsigned int lane) const {
         return slow || m_episodeIsOpen.load(std::memory_order_relaxed) ||
                latencyNs > m_lanes[lane].longestNs.load(std::memory_order_relaxed);
     }
 
-    // Of a counter that this thread alone writes. Released, so that a reading that sees the last of
-    // a recording's additions sees all of them.
+    // Only for a counter that this thread alone writes. The release orders an I/O's additions: a
+    // reading that sees the last one sees them all.
     static void increment(Counter& counter) {
         counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     }

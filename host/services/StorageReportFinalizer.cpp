@@ -7,7 +7,7 @@
 
 StorageReportFinalizer::StorageReportFinalizer(IPeriodicAnalyticsParcelFinalizer* finalizer)
     : m_finalizer(finalizer) {
-    Singleton<AIO, AIO>::instance(); // its first period begins now, whenever the first I/O comes
+    Singleton<AIO, AIO>::instance(); // its first period begins now, not with the first I/O
 }
 
 StorageReportFinalizer::~StorageReportFinalizer() {

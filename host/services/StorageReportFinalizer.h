@@ -3,8 +3,8 @@
 #include "common/Analytics/IPeriodicAnalyticsParcelFinalizer.h"
 #include "common/infra/Export.h"
 
-// A finalizer round that of the process's storage report. It adds the entries of StorageEntries.h
-// for the period that AIO closed last; what is in the parcel already stays as it is.
+// Wraps the finalizer of the process's storage report. Adds the entries of StorageEntries.h for the
+// period that AIO closed last; the parcel's own entries stay.
 //
 //     auto* generator = TRACKED_NEW(StorageAnalyticsGenerator)();
 //     auto* finalizer = TRACKED_NEW(StorageReportFinalizer)(generator);

@@ -5,6 +5,7 @@
 #include "common/infra/Singleton.h"
 #include "common/infra/TrackedAllocation.h"
 #include "common/infra/Tweaks.h"
+#include "host/services/ReportInterval.h"
 #include "host/services/StorageEntries.h"
 
 #include <array>
@@ -12,7 +13,6 @@
 
 namespace {
 
-constexpr unsigned int defaultIntervalSecs = 86400;
 constexpr std::array<const char*, 5> classKeys = {"cm1", "cm2", "cm3", "cm4", "cm5"};
 
 const char* comparisonKey(u32 ofPeriod, u32 live) {
@@ -43,18 +43,22 @@ StorageSetGenerator::StorageSetGenerator(const std::string& eventName, const std
 
 IAnalyticsSchedulingPolicy* StorageSetGenerator::createPolicy() {
     const u32 intervalSecs = Singleton<Tweaks, Tweaks>::instance()->uintVal(
-        "t_StorageAnalyticsIntervalSec", DefaultTweakValue<unsigned int>(defaultIntervalSecs));
+        reportIntervalName, DefaultTweakValue<unsigned int>(defaultReportIntervalSec));
     return TRACKED_NEW(FixedFrequencySchedulingPolicy)(intervalSecs);
 }
 
 AnalyticsParcel* StorageSetGenerator::finalizeInternal() {
     const u32 liveThreshold =
         Singleton<DynamicTweaks, DynamicTweaks>::instance()->t_StorageAnalyticsLatencyThreshold;
-    const StoragePeriod period = m_set.closePeriod();
+    // Kept until its report is complete: memory may fail on the way.
+    if (!m_unreported) {
+        m_unreported = m_set.closePeriod();
+    }
     TrackedPtr<AnalyticsParcel> parcel(createPeriodicAnalyticsParcel(m_eventName, "storage"),
                                        TRACKED_DELETE);
-    addCounters(*parcel, period.counters, liveThreshold);
-    addStorageEntries(*parcel, period);
+    addCounters(*parcel, m_unreported->counters, liveThreshold);
+    addStorageEntries(*parcel, *m_unreported);
     parcel->addEntry("set", m_setName);
+    m_unreported.reset();
     return parcel.release();
 }

@@ -9,6 +9,6 @@ constexpr char lowerCase(char character) {
     return isUpper ? static_cast<char>(character - 'A' + 'a') : character;
 }
 
-// The text with its control characters as "\x0a", so that none of them ends a log line or steers a
-// terminal.
+// The text with its control characters as "\x0a", so that none of them ends a log line or controls
+// a terminal.
 std::string escaped(std::string_view text);

@@ -7,13 +7,13 @@
 #include <array>
 #include <atomic>
 
-// The number of the latency counters that the calling thread has for itself. It belongs to one
-// living thread at a time, so those counters have one writer and need no atomic exchange. The first
-// threads to ask get a number each, and give it back when they end.
+// The number of the calling thread's own latency counters. It belongs to one living thread at a
+// time, so the counters have one writer and need no atomic exchange. The first threads that ask get
+// a number each, and give it back when they end.
 //
-// A thread gives its number back after the destructors of its thread_local objects, so they still
-// have it. A destructor of thread-specific data (pthread_key_create) may take a number anew, which
-// is given back in the next round of such destructors.
+// A thread gives its number back after the destructors of its thread_local objects, which can still
+// use it. If a destructor of thread-specific data (pthread_key_create) takes a number again, the
+// next round of these destructors gives it back.
 class ANALYTICS_EXPORT ThreadLane {
 public:
     static constexpr unsigned int count = 16;
@@ -54,7 +54,7 @@ private:
         return lane;
     }
 
-    // The thread must not use the lane any more by the time at which another one may take it.
+    // First m_mine, so that the thread has left the lane when another one takes it.
     static void giveBack(void* taken) {
         m_mine = unasked;
         static_cast<std::atomic<bool>*>(taken)->store(false, std::memory_order_release);

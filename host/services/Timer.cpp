@@ -26,7 +26,7 @@ u64 systemMs() {
     return readClockNs(CLOCK_REALTIME) / nsPerMs;
 }
 
-// In the pattern a 0 stands for any digit and everything else for itself.
+// In the pattern, 0 stands for any digit and any other character for itself.
 bool hasForm(const std::string& text, std::string_view pattern) {
     if (text.size() != pattern.size()) {
         return false;
@@ -58,9 +58,9 @@ bool isSameSecond(const tm& left, const tm& right) {
 
 } // namespace
 
-struct Timer::Impl {
-    // Fixed after construction: what makes a time stamp of a reading of the monotonic clock. Both
-    // sums are taken modulo 2^64, so it does not matter which clock is ahead.
+struct ANALYTICS_HIDDEN Timer::Impl {
+    // Fixed after construction. A time stamp is the monotonic clock plus this. The sums wrap modulo
+    // 2^64, so either clock may be ahead.
     const u64 originNs = readClockNs(CLOCK_REALTIME) - monotonicNs();
 
     std::atomic<u64> lastTimestampMs{timestampNs() / nsPerMs};
@@ -86,8 +86,7 @@ struct Timer::Impl {
     static void reportFailure(const Expiry& expiry, const char* reason);
 };
 
-// The last time stamp only grows, and threads that read the clock at the same time write it once a
-// millisecond, not at each reading.
+// The last time stamp only grows. It is written once a millisecond, not at each reading.
 u64 Timer::Impl::readTimestampNs() {
     const u64 nowNs = timestampNs();
     const u64 nowMs = nowNs / nsPerMs;
@@ -245,7 +244,7 @@ bool Timer::utcStringToTm(const std::string& text, tm& result) {
     parsed.tm_min = number(text, 14, 2);
     parsed.tm_sec = number(text, 17, 2);
 
-    // Turns what is no date or time of day, such as February 30, into one that is.
+    // Changes a text that is no date, such as February 30, into another date.
     tm normalised = parsed;
     timegm(&normalised);
     if (!isSameSecond(parsed, normalised)) {
@@ -265,7 +264,7 @@ void Timer::stop() {
             return;
         }
         m_impl->wake.notify_one();
-        // Several threads may stop the service, of which one can join.
+        // Several threads may stop the service, but one alone can join.
         while (m_impl->delivering) {
             m_impl->idle.wait(lock);
         }

@@ -55,7 +55,7 @@ void TimerQueue::clear() noexcept {
     m_takenOut = 0;
 }
 
-// Only with room for it.
+// The heap must have room.
 void TimerQueue::push(Expiry expiry, u64 dueNs) noexcept {
     expiry.dueNs = dueNs;
     expiry.order = m_nextOrder++;

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "common/infra/Defs.h"
-#include "common/infra/Export.h"
 #include "common/infra/Timer.h"
 
 #include <cstddef>
@@ -10,7 +9,7 @@
 #include <vector>
 
 // A callback and the time at which it is due, in nanoseconds of the monotonic clock.
-struct ANALYTICS_EXPORT Expiry {
+struct Expiry {
     u64 dueNs;
     u64 order; // of arming; decides between equal due times
     ITimer::Callback callback;
@@ -19,13 +18,13 @@ struct ANALYTICS_EXPORT Expiry {
     std::uint8_t retrySec; // until the next attempt of a callback that threw; 0: it did not
     bool once;
 
-    // What became of a delivery. Attempts that fail in a row come after 1 s, doubling up to 60 s.
+    // The result of a delivery. After a failure the next attempt comes in 1 s, doubling up to 60 s.
     void returned() { retrySec = 0; }
     void failed();
 };
 
-// The pending expiries of a timer. It reads no clock: every operation is told the time. Adding to
-// many pending expiries moves a few of them, so it costs the same however many there are.
+// The pending expiries of a timer. It reads no clock: the caller passes the time. A heap: adding
+// costs at worst the logarithm of the number of expiries.
 //
 //     queue.add(callback, cookie, 250, true, nowNs);
 //     ...
@@ -36,15 +35,15 @@ struct ANALYTICS_EXPORT Expiry {
 //     }
 //
 // Not synchronised.
-class ANALYTICS_EXPORT TimerQueue {
+class TimerQueue {
 public:
     // True if the new expiry is now the first to come. Throws std::bad_alloc, and adds nothing
     // then.
     bool add(ITimer::Callback callback, ITimer::Cookie cookie, u32 delayMs, bool once, u64 nowNs);
-    // Takes out the expiry that was due first, if any is due: at its due time and later.
+    // Takes out the first expiry, if its due time has come.
     std::optional<Expiry> popDue(u64 nowNs);
-    // Puts an expiry that was taken out back if it is to come again: after its failure, or
-    // periodically. Needs no memory: popDue() and add() keep room for it.
+    // Puts an expiry back that popDue() took out, if it failed or is periodic. Needs no memory:
+    // popDue() and add() keep room for it.
     void rearm(Expiry expiry, u64 nowNs) noexcept;
     // Drops every expiry, also those that are taken out.
     void clear() noexcept;

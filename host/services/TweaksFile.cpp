@@ -15,7 +15,7 @@ namespace {
 constexpr int unlimitedMs = -1;
 constexpr int retryMs = 1000;
 
-// As a whole: what is not live comes first and alone may fail.
+// As a whole: only a tunable that is not live can fail, and these come first.
 void set(const FileTunableValues& before, const FileTunableValues& after) {
     for (std::size_t i = 0; i < after.size(); ++i) {
         if (after[i] != before[i]) {
@@ -64,7 +64,8 @@ void TweaksFile::load() {
     const bool isNews = std::exchange(m_refused, false) || isReset(reading, before, after);
     if (isNews || !changes.empty()) {
         LogItem(LogModuleCommon, isNews ? WarnLevel : InfoLevel, __PRETTY_FUNCTION__, 3)
-            << " " << m_shownPath << ": " << (changes.empty() ? "as before" : changes) << std::endl;
+            << " " << m_shownPath << ": " << (changes.empty() ? "as before" : changes.c_str())
+            << std::endl;
     }
 }
 
@@ -73,7 +74,7 @@ void TweaksFile::follow() {
     m_thread = std::thread(&TweaksFile::followChanges, this);
 }
 
-// The values of what the file does not name, or names in vain.
+// The values of tunables that the file does not name or that are pinned.
 FileTunableValues TweaksFile::unnamed(const FileTunableValues& inForce) const {
     FileTunableValues values = m_defaults;
     for (std::size_t i = 0; i < values.size(); ++i) {
@@ -92,7 +93,7 @@ std::string TweaksFile::describe(const TweaksReading& reading, const FileTunable
         const FileTunable& tunable = fileTunables[i];
         if (after[i] != before[i]) {
             changes += fmt::format("{}{} {} -> {}{}{}", changes.empty() ? "" : ", ", tunable.name,
-                                   toText(tunable, before[i]), toText(tunable, after[i]),
+                                   valueText(tunable, before[i]), valueText(tunable, after[i]),
                                    reading.names(i) ? "" : " (not in the file: the default)",
                                    tunable.isLive || !m_watch ? "" : " (at the next start)");
         }

@@ -26,11 +26,11 @@ class TweaksReading;
 //     t_StorageAnalyticsLatencyVerySlow = 100_000
 //
 // It is a regular file of at most 64 KiB, with at most one tunable in a line and lines of at most
-// 1,024 bytes. The interval goes to Tweaks, the others are fields of DynamicTweaks. What the file
-// does not name has the value that was in force when the TweaksFile was made. A file is applied as
-// a whole or, if anything in it is wrong or memory fails, not at all. What changed is logged in one
-// line: at WarnLevel if a value is reset because the file no longer names it, or if the file was
-// refused before; else at InfoLevel.
+// 1,024 bytes. The interval goes to Tweaks, the others are fields of DynamicTweaks. A tunable
+// that the file does not name has the value that was in force when the TweaksFile was made. A file
+// is applied as a whole or, if anything in it is wrong or memory fails, not at all. What changed is
+// logged in one line: at WarnLevel if a value is reset because the file no longer names it, or if
+// the file was refused before; else at InfoLevel.
 //
 // Used by one thread; once it follows the file, only by its own.
 class ANALYTICS_EXPORT TweaksFile {
@@ -46,10 +46,10 @@ public:
     // Reads the file and applies it. Throws TweaksFileError.
     void load();
 
-    // Starts a thread that loads the file anew whenever it was written, replaced or removed, also
-    // through links and folders on the way to it; at first if it was since load(). A file that
-    // cannot be loaded is logged, and the last good values stay; it is loaded when it changes
-    // again. Where memory or the kernel's watches run out, the thread tries again every second.
+    // Starts a thread that loads the file whenever it was written, replaced or removed, also by a
+    // change of a link or folder on the way to it. Changes since load() count. A file that cannot
+    // be loaded is logged, and the last good values stay until it changes again. While memory or
+    // the kernel's watches are short, the thread tries again every second.
     // Called at most once. Throws TweaksFileError if the file's folder cannot be watched,
     // std::system_error if the kernel has no more watches.
     void follow();

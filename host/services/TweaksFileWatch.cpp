@@ -26,7 +26,7 @@ constexpr int maxLinks = 40; // as in the kernel's own lookup
 // Of the folders on the way.
 constexpr u32 wayEvents = IN_ATTRIB | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
                           IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_MASK_ADD;
-// Of the file's. Not the single writes: a file that is half written is no news yet.
+// Of the file's own folder. Single writes are left out: the file is not whole until it is closed.
 constexpr u32 fileEvents = wayEvents | IN_CLOSE_WRITE;
 
 [[noreturn]] void failWatching(const fs::path& file) {
@@ -47,7 +47,7 @@ std::optional<fs::path> linkTarget(const fs::path& link) {
     return isNoLink ? std::nullopt : std::optional(std::move(target));
 }
 
-// Whether it was created by a writer, who closes it when it is whole. A hard link to another file
+// Whether a writer has created it, who will close it when it is whole. A hard link to another file
 // is whole at once.
 bool isBeingWritten(const fs::path& created) {
     std::error_code error;
@@ -85,7 +85,7 @@ public:
 
     int descriptor() const { return m_inotify.get(); }
 
-    // Whether one of the events that are there concerns the way.
+    // Reads the pending events. True if one of them concerns the way.
     bool takeEvents() const {
         alignas(inotify_event) std::array<char, 4096> buffer;
         const ssize_t length = ::read(m_inotify.get(), buffer.data(), buffer.size());
@@ -121,7 +121,7 @@ private:
         return true;
     }
 
-    // Events without a name are of a folder itself, or tell that events were lost.
+    // An event without a name concerns the folder itself, or says that events were lost.
     bool concerns(const inotify_event& event) const {
         if (event.len == 0) {
             return true;

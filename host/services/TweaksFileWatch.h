@@ -6,12 +6,12 @@
 #include <memory>
 #include <string>
 
-// Sees when a tunables file changes: when it is written or its permissions change, and when
+// Watches a tunables file: it changes when it is written, when its permissions change, and when
 // anything on the way to it is created, replaced or removed. On the way are the folders of its
-// path and, where one of its names is a symbolic link, the way to the link's target.
+// path and, where a name is a symbolic link, the way to the link's target.
 //
-// The kernel does not watch a folder that may be passed but not read: above the file, such a folder
-// is left out. What else happens in a watched folder wakes the waiting thread and is dropped.
+// The kernel cannot watch a folder without read permission. Such a folder above the file's own is
+// left out. Other events in a watched folder wake the waiting thread and are ignored.
 //
 // One thread waits; any may call stop().
 class TweaksFileWatch {
@@ -26,7 +26,7 @@ public:
     // not negative. False after stop(). Throws std::system_error.
     bool wait(int timeoutMs);
 
-    // Looks up the way to the file anew. To be called after each change, before the file is read.
+    // Looks up the way to the file again. Call it after each change, before reading the file.
     // Throws TweaksFileError if the folder of the file, or of a link to it, cannot be watched, and
     // std::system_error if the kernel has no more watches.
     void renew();

@@ -132,8 +132,8 @@ TweaksReading::resolve(const FileTunableValues& defaults,
     return values;
 }
 
-// A line is parsed by itself: the parser destroys nested values by recursion, and what a line can
-// hold does not nest deep enough to exhaust the stack.
+// Each line is parsed alone. The parser destroys nested values by recursion, and a line is too
+// short to nest deep enough to exhaust the stack.
 void TweaksReading::addLine(u32 line, std::string_view text) {
     try {
         for (auto&& [key, node] : toml::parse(text)) {

@@ -30,6 +30,6 @@ const void* ofThePluginsOnly() {
 } // namespace
 
 extern "C" {
-ANALYTICS_EXPORT extern const PluginInstances pluginInstances;
+ANALYTICS_VISIBLE extern const PluginInstances pluginInstances;
 const PluginInstances pluginInstances{ofTheLibrary, ofThePluginsOnly};
 }

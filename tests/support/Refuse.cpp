@@ -6,16 +6,14 @@
 #include <cstdio>
 #include <cstdlib>
 
-// refuse CALL ERRNO PROGRAM [ARGUMENT...]: becomes the program, under that refusal.
+// refuse CALL ERRNO ARGUMENT BITS PROGRAM [ARGUMENT...]: becomes the program, under that refusal.
 int main(int argc, char** argv) {
-    if (argc < 4) {
-        return 2;
-    }
-    const auto call = static_cast<std::uint32_t>(std::strtoul(argv[1], nullptr, 10));
-    const auto error = static_cast<std::uint32_t>(std::strtoul(argv[2], nullptr, 10));
-    if (refuseCall(call, error)) {
-        execv(argv[3], argv + 3);
+    const auto number = [argv](int index) {
+        return static_cast<std::uint32_t>(std::strtoul(argv[index], nullptr, 10));
+    };
+    if (argc >= 6 && refuseCall(number(1), number(2), number(3), number(4))) {
+        execv(argv[5], argv + 5);
     }
     std::perror("refuse");
-    return 1;
+    return 2;
 }

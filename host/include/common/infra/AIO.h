@@ -8,8 +8,8 @@
 #include <memory>
 #include <optional>
 
-// The storage latency of one counting period. ("avr", as "mabe" below, is the interface's own
-// spelling.)
+// The storage latency of one counting period. ("avr", "mabe" below and "Curent" in Timer.h are the
+// interface's own spelling.)
 struct StorageAnalyticsCounters {
     u32 latencyThreshold = 0;              // microseconds; the one in force during the period
     u32 storageLatency[5] = {};            // completed I/Os by latency class, fastest first
@@ -17,11 +17,12 @@ struct StorageAnalyticsCounters {
     u32 maxHighStorageLatencyDuration = 0; // milliseconds; the longest of them
 };
 
-class StorageLatency;
+class ANALYTICS_EXPORT InFlightIos;
+class ANALYTICS_EXPORT StorageLatency;
 
-// The start of an I/O that is in flight, so that a stall is known while it lasts: a period that is
-// closed meanwhile counts it as slow once it is older than the threshold. A thread that makes many
-// I/Os may keep one such object and set it to the oldest of them. Used by one thread at a time.
+// The start of an I/O in flight, by which a stall is known while it lasts: a period that is closed
+// meanwhile counts the I/O as slow once it is older than the threshold. A thread that makes many
+// I/Os may keep one such object, set to the oldest of them. Used by one thread at a time.
 class ANALYTICS_EXPORT InFlightIo {
 public:
     // `startNs` is of the monotonic clock; 0: nothing is in flight. `latency` must outlive this.
@@ -91,7 +92,8 @@ public:
     // the largest u32. Logs a warning if nothing was counted by the first reading.
     void mabeStorageLatencyAnalytics(StorageAnalyticsCounters& counters);
 
-    // Counts an I/O that took so long, from its hand-over to storage until its completion was seen.
+    // Counts an I/O that took so long, from its submission to storage until its completion was
+    // seen.
     void countIo(u64 latencyNs);
     // The same for an I/O that failed: it is in no latency class and no percentile.
     void countFailedIo(u64 latencyNs);

@@ -38,8 +38,8 @@ public:
 // The reference host's outbox: holds at most `maxSize` parcels. A push beyond that makes room by
 // destroying the oldest one: a report that was just made is worth more than one that nobody
 // fetched. What is dropped is counted and logged, one line when a run of drops begins and one when
-// it ends. The room for all parcels is there from the start. No operation but popParcels() and the
-// constructor needs memory, and popParcels() leaves everything in place if it gets none.
+// it ends. The constructor allocates the room for all parcels. After it only popParcels() needs
+// memory, and leaves everything in place if it gets none.
 class ANALYTICS_EXPORT ParcelOutbox final : public IParcelOutbox {
 public:
     struct Counts {
@@ -67,9 +67,9 @@ public:
     // Blocks until a parcel is held, stopWaiting() was called or `limit` has passed. True if a
     // parcel is held.
     bool waitForParcel(std::chrono::milliseconds limit);
-    // Blocks without a limit: false means that waitings are over and nothing is held.
+    // Blocks without a limit. False: waits are over and nothing is held.
     bool waitForParcel();
-    // Ends all waits, the present and the coming ones; pushing and popping go on.
+    // Ends all waits, present and future ones. Pushing and popping still work.
     void stopWaiting();
 
     Counts counts() const;

@@ -135,11 +135,15 @@ private:
     template <typename T>
     void writeToStream(const T& piece) noexcept {
         std::ostream& out = stream();
+#ifdef __cpp_exceptions
         try {
             out << piece;
         } catch (...) {
             m_isCut = true;
         }
+#else
+        out << piece;
+#endif
         m_isCut = m_isCut || !out.good();
         out.clear();
     }

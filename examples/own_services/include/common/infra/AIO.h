@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/infra/Defs.h"
+#include "common/infra/Export.h"
 
 struct StorageAnalyticsCounters {
     u32 latencyThreshold;
@@ -10,7 +11,7 @@ struct StorageAnalyticsCounters {
 };
 
 // Counts I/Os that the program says it has made, in five classes of ten microseconds each.
-class AIO {
+class ANALYTICS_EXPORT AIO {
 public:
     void completed(u32 latencyUs);
     void mabeStorageLatencyAnalytics(StorageAnalyticsCounters& counters);

@@ -1,11 +1,12 @@
 #pragma once
 
 #include "common/infra/Defs.h"
+#include "common/infra/Export.h"
 #include "common/infra/IParcel.h"
 
 #include <deque>
 
-class IParcelOutbox {
+class ANALYTICS_EXPORT IParcelOutbox {
 public:
     enum ParcelType { KEL_ANALYTICS = 0 };
 
@@ -20,7 +21,7 @@ public:
 };
 
 // Drops what goes beyond its maximum.
-class ParcelOutbox final : public IParcelOutbox {
+class ANALYTICS_EXPORT ParcelOutbox final : public IParcelOutbox {
 public:
     ParcelOutbox(u64 maxSize = 5000) : m_maxSize(maxSize) {}
     RcStatus pushParcel(IParcel* parcel, ParcelType type) override;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/infra/Export.h"
+
 #include <ostream>
 #include <sstream>
 
@@ -18,7 +20,7 @@ enum LogLevel {
 };
 
 // A stream whose lines go to the service's log, standard error, at each flush.
-class LogItem : public std::ostream {
+class ANALYTICS_EXPORT LogItem : public std::ostream {
 public:
     LogItem(LogModule module, LogLevel level, const char* function, int detail);
 

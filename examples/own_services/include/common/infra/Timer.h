@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/infra/Defs.h"
+#include "common/infra/Export.h"
 
 #include <cstddef>
 #include <ctime>
@@ -8,7 +9,7 @@
 #include <string>
 #include <utility>
 
-class ITimer {
+class ANALYTICS_EXPORT ITimer {
 public:
     typedef std::size_t Cookie;
     typedef void (*Callback)(Cookie);
@@ -35,7 +36,7 @@ protected:
 };
 
 // This service runs in simulated time: the program says how far.
-class Timer final : public ITimer {
+class ANALYTICS_EXPORT Timer final : public ITimer {
 public:
     void init() override {}
     u64 getTimestampNano() override { return m_nowMs * 1000000; }

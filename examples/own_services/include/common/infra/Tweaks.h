@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/infra/Defs.h"
+#include "common/infra/Export.h"
 #include "common/infra/Singleton.h"
 
 #include <map>
@@ -15,7 +16,7 @@ struct DefaultTweakValue {
     T m_value;
 };
 
-class Tweaks : public Singleton<Tweaks, Tweaks> {
+class ANALYTICS_EXPORT Tweaks : public Singleton<Tweaks, Tweaks> {
 public:
     u32 uintVal(const std::string& name, const DefaultTweakValue<unsigned int>& defaultValue);
 
