@@ -6,7 +6,7 @@
 
 namespace report {
 
-// The figures as one object. docs/reports.md gives its fields.
+// The figures as one object.
 nlohmann::ordered_json jsonOf(const Figures& figures);
 
 // Its text. Bytes that are not UTF-8, as a file's name may have, become U+FFFD.

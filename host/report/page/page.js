@@ -18,6 +18,7 @@
     const duration = (ms) => ms >= 7200e3 ? round(ms / 3600e3, 3) + " h" : ms >= 120e3 ? round(ms / 60e3, 3) + " min"
         : ms >= 1e3 ? round(ms / 1e3, 3) + " s" : round(ms, 3) + " ms";
     const count = (value) => value.toLocaleString("en-GB");
+    const many = (value, one, more) => `${count(value)} ${value === 1 ? one : more}`;
     const percent = (share) => share > 0 && share < 0.0005 ? "<0.1 %" : (100 * share).toFixed(1) + " %";
     const iso = (ms) => new Date(ms).toISOString();
     const moment = (ms) => iso(ms).slice(0, 19).replace("T", " ");
@@ -227,7 +228,7 @@
             element("span", name, card);
         }
         byId("span").textContent = summary.from === null ? "No records in this time"
-            : `${moment(Date.parse(summary.from))} to ${moment(Date.parse(summary.to))} UTC · ${count(summary.reports)} reports · ${count(summary.boots)} processes`;
+            : `${moment(Date.parse(summary.from))} to ${moment(Date.parse(summary.to))} UTC · ${many(summary.reports, "report", "reports")} · ${many(summary.boots, "process", "processes")}`;
         for (const place of document.querySelectorAll(".step")) place.textContent = `A step is ${duration(data.stepMs)}.`;
         byId("heatNote").textContent = heat.left ? `${count(heat.left)} better hosts are left out.` : "";
     }
