@@ -151,6 +151,13 @@ std::string filled(std::string_view page,
     }
 }
 
+// `errno` says why.
+std::runtime_error cannotWrite(const std::string& path) {
+    return std::runtime_error("cannot write the page to " + path + ": " +
+                              std::generic_category().message(errno) +
+                              " (expected a file that can be written, see --html)");
+}
+
 } // namespace
 
 std::string pageOf(const Collector& collector) {
@@ -167,15 +174,20 @@ std::string pageOf(const Collector& collector) {
                                     {"DATA", inScript(textOf(data, -1))}});
 }
 
+void checkPage(const std::string& path) {
+    errno = 0;
+    if (!std::ofstream(path, std::ios::binary | std::ios::app)) {
+        throw cannotWrite(path);
+    }
+}
+
 void writePage(const Collector& collector, const std::string& path) {
     const std::string page = pageOf(collector);
     errno = 0;
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     file << page << std::flush;
     if (!file) {
-        throw std::runtime_error("cannot write the page to " + path + ": " +
-                                 std::generic_category().message(errno) +
-                                 " (expected a file that can be written, see --html)");
+        throw cannotWrite(path);
     }
 }
 

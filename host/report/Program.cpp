@@ -65,6 +65,9 @@ int run(const Options& options) {
     for (const std::string& file : options.files) {
         Input::check(file); // a wrong name is told before anything is read
     }
+    if (!options.html.empty()) {
+        checkPage(options.html);
+    }
     Collector collector(options.choice);
     bool isWhole = true;
     for (const std::string& file : options.files) {
