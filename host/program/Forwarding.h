@@ -12,7 +12,6 @@
 #include <memory>
 #include <optional>
 
-
 // Where the program's reports go, as the options say: to an engine, with the output and Prometheus
 // beside it, or to the output, with Prometheus beside it.
 class Forwarding {
