@@ -13,10 +13,10 @@ namespace {
 
 std::vector<Benchmark> allBenchmarks() {
     std::vector<Benchmark> all;
-    for (const auto& room : {singletonBenchmarks(), recordingBenchmarks(), loggingBenchmarks(),
-                             reportBenchmarks(), timerBenchmarks(), maximumBenchmarks(),
-                             microBenchmarks(), footprintBenchmarks(), engineBenchmarks(),
-                             forwardingBenchmarks()}) {
+    for (const auto& room :
+         {singletonBenchmarks(), recordingBenchmarks(), loggingBenchmarks(), reportBenchmarks(),
+          timerBenchmarks(), maximumBenchmarks(), microBenchmarks(), footprintBenchmarks(),
+          engineBenchmarks(), forwardingBenchmarks()}) {
         all.insert(all.end(), room.begin(), room.end());
     }
     return all;

@@ -14,7 +14,6 @@
 #include <thread>
 #include <vector>
 
-
 // The consumer at the outbox's other end: a thread that forwards what is pushed until it is
 // stopped.
 //
