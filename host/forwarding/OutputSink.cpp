@@ -4,7 +4,6 @@
 
 #include <exception>
 #include <string>
-#include <utility>
 
 void OutputSink::send(const std::vector<const Record*>& batch) {
     Answer answer;
@@ -13,11 +12,7 @@ void OutputSink::send(const std::vector<const Record*>& batch) {
     } catch (const std::exception& error) {
         answer = {0, Fate::Failed, error.what()};
     }
-    std::vector<Answer> answers(batch.size(), answer);
-    for (std::size_t i = 0; i < batch.size(); ++i) {
-        answers[i].ticket = batch[i]->ticket;
-    }
-    m_answers->answer(std::move(answers));
+    m_answers->answerAll(batch, answer);
 }
 
 std::string OutputSink::textOf(const std::vector<const Record*>& batch) const {

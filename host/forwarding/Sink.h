@@ -1,13 +1,12 @@
 #pragma once
 
 #include "common/infra/Defs.h"
+#include "host/forwarding/Record.h"
 
 #include <cstddef>
 #include <string>
 #include <utility>
 #include <vector>
-
-struct Record;
 
 // What becomes of a record that was sent.
 enum class Fate : u32 {
@@ -38,6 +37,15 @@ public:
         std::vector<Answer> one(1);
         one[0] = {ticket, fate, std::move(reason)};
         answer(std::move(one));
+    }
+
+    // `each` for every record of the batch, with the record's ticket.
+    void answerAll(const std::vector<const Record*>& batch, const Answer& each) {
+        std::vector<Answer> all(batch.size(), each);
+        for (std::size_t i = 0; i < batch.size(); ++i) {
+            all[i].ticket = batch[i]->ticket;
+        }
+        answer(std::move(all));
     }
 };
 

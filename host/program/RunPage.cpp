@@ -21,11 +21,7 @@ void RunPage::send(const std::vector<const Record*>& batch) {
     } catch (const std::exception& error) {
         answer = {0, Fate::Failed, error.what()};
     }
-    std::vector<Answer> answers(batch.size(), answer);
-    for (std::size_t i = 0; i < batch.size(); ++i) {
-        answers[i].ticket = batch[i]->ticket;
-    }
-    m_answers->answer(std::move(answers));
+    m_answers->answerAll(batch, answer);
 }
 
 void RunPage::write() const {
