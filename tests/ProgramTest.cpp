@@ -116,6 +116,14 @@ protected:
         }
     }
 
+    // The data of a page.
+    json pageData(const std::string& name) const {
+        const std::string page = read(name);
+        const std::string begin = "id=\"data\">";
+        const std::size_t at = page.find(begin) + begin.size();
+        return json::parse(page.substr(at, page.find("</script>", at) - at), nullptr, false);
+    }
+
     // A call of the tool that refuses: the system call, the error, the argument, its bits.
     static std::string refusing(long call, int error, const std::string& where = "0 0") {
         return REFUSE " " + std::to_string(call) + " " + std::to_string(error) + " " + where + " ";
@@ -198,6 +206,27 @@ TEST_F(ProgramTest, TheSummaryIsOfTheWholeRun) {
     EXPECT_NEAR(std::stod(found[1]), 2, 0.9);
     EXPECT_EQ(std::stoi(found[4]) + std::stoi(found[5]), 250);
     EXPECT_GT(std::stoi(found[4]), std::stoi(found[5]));
+}
+
+TEST_F(ProgramTest, ThePageShowsTheWholeRun) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"--reports 2", "$run >out"},
+        {"", "mkfifo pipe && { env --default-signal=INT $run >pipe & } && "
+             "{ head -n 1; kill -INT $!; cat; } <pipe >out; wait $!"}};
+    for (const auto& [options, around] : rows) {
+        const Outcome outcome = run("--path disk --size 1M --interval 1 --rate 500 --host-id me "
+                                    "--html page " +
+                                        std::string(options),
+                                    around);
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
+        const json summary = pageData("page")["summary"];
+        EXPECT_EQ(summary["ios"], outcome.completedIos()) << summary;
+        EXPECT_EQ(summary["recordsRead"], summary["reports"].get<u64>() + 2)
+            << "those of the maxima and of the account come last";
+        EXPECT_EQ(summary["account"]["addsUp"], true);
+        EXPECT_EQ(summary["missing"], 0);
+        EXPECT_EQ(summary["hostsBySlowShare"][0]["host"], "me") << summary;
+    }
 }
 
 TEST_F(ProgramTest, AReportIsTextByDefault) {
@@ -373,8 +402,8 @@ TEST_F(ProgramTest, TunablesTakeEffectWhileItRuns) {
     EXPECT_GE(outcome.reports.size(), 1U);
     EXPECT_LT(outcome.reports.size(), 3U);
     EXPECT_EQ(outcome.last["eventName"], "HostMaximaParcel");
-    EXPECT_EQ(outcome.account["u64Entries"]["discarded"], 1);
-    EXPECT_EQ(outcome.account["u64Entries"]["pushed"], 1);
+    EXPECT_EQ(outcome.account["u64Entries"]["discarded"], 3 - outcome.reports.size());
+    EXPECT_EQ(outcome.account["u64Entries"]["pushed"], outcome.reports.size() + 1);
 }
 
 // Each row is a run of a second: its exit code, options, what goes round it, what it says.
@@ -387,6 +416,12 @@ TEST_F(ProgramTest, WhatHappenedIsSaid) {
         {0, "--path disk --reports 1 --rate 2", "$run >out", "0 lost\n"},
         {0, "--path disk --reports 1 --rate 100 --max-ios 1", "$run >out", "0 lost\n"},
         {3, "--path disk --output /dev/full", "$run", "cannot write to '/dev/full': No space"},
+        {1, "--path disk --reports 1 --html /dev/full", "$run >out",
+         "cannot write the page to /dev/full: No space"},
+        {3, "--path disk --output /dev/full --html /dev/full", "$run", "cannot write the page to"},
+        {1, "--path disk --reports 1 --shutdown-timeout 1 --html pipe",
+         "mkfifo pipe && exec 9<>pipe && $run >out",
+         "analytics-host: the page is not written: the end took too long\n"},
         {3, "--path disk --reports 1", "$run >&-", "cannot write to standard output"},
         {3, "--path disk --reports 1", "{ $run; echo $? >code; } | true; exit $(cat code)",
          "0 parcels written, 3 lost\n"}};
@@ -436,6 +471,7 @@ TEST_F(ProgramTest, WhatCannotBeDoneIsSaidInOneLine) {
         {1, "--size 4000000G", "$run", "expected room for"},
         {1, "--tweaks bad.toml", "$run", "bad.toml:2: t_StorageAnalyticsIntervalSec"},
         {1, "--log /proc/none/log", "$run", "/proc/none/log"},
+        {1, "--html /proc/none/page", "$run", "cannot write the page to /proc/none/page: No such"},
         {1, "--output /proc/none/out", "$run", "cannot open '/proc/none/out'"},
         {1, "--show-schedule 1", "$run >/dev/full", "cannot write the schedule"},
         // A file as large as this one would be refused, had it come to that.

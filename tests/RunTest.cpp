@@ -1,4 +1,6 @@
+#include "host/forwarding/Record.h"
 #include "host/program/Options.h"
+#include "host/program/RunPage.h"
 #include "host/program/RunSummary.h"
 #include "host/program/Schedule.h"
 #include "host/program/StopRequest.h"
@@ -19,6 +21,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iomanip>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -45,7 +48,7 @@ std::string toText(const Options& o) {
     text << o.path << " " << o.intervalSecs.value_or(0) << " "
          << (o.weekly ? std::to_string(o.weekly->days.size()) + "d" : "-")
          << (o.weekly ? o.weekly->hour : 0) << " " << o.showSchedule << " " << o.reports << " "
-         << (o.format == ParcelFormat::Text ? "text" : "json") << " " << o.outputFile
+         << (o.format == ParcelFormat::Text ? "text" : "json") << " " << o.outputFile << o.htmlFile
          << o.tweaksFile << o.logFile << " " << o.size << " " << o.blockSize << " "
          << static_cast<int>(o.ioEngine) << " " << o.queueDepth << " " << o.readPercent << " "
          << o.rate << " " << o.maxIos.value_or(~u64{0}) << " " << toString(o.logLevel) << " "
@@ -57,9 +60,10 @@ TEST(OptionsTest, EachSetsItsField) {
     const std::pair<const char*, const char*> rows[] = {
         {"", ". 0 -0 0 0 text  67108864 4096 0 8 70 200 18446744073709551615 warn 0"},
         {"--path p --interval 4294967 --show-schedule 10000 --reports 7 --format jsonl --output o "
-         "--tweaks t --log l --size 2G --block-size 16M --io-engine threads --queue-depth 4096 "
-         "--read-percent 100 --rate 10000000 --max-ios 9 --log-level ctr --abort-on-assert",
-         "p 4294967 -0 10000 7 json otl 2147483648 16777216 2 4096 100 10000000 9 ctr 1"},
+         "--html h --tweaks t --log l --size 2G --block-size 16M --io-engine threads "
+         "--queue-depth 4096 --read-percent 100 --rate 10000000 --max-ios 9 --log-level ctr "
+         "--abort-on-assert",
+         "p 4294967 -0 10000 7 json ohtl 2147483648 16777216 2 4096 100 10000000 9 ctr 1"},
         {"--days mon-fri --hour 23 --show-schedule 1 --reports 1 --format text --size 1k "
          "--block-size 1024 --io-engine io_uring --queue-depth 1 --read-percent 0 --rate 0 "
          "--max-ios 0 --log-level assert",
@@ -126,7 +130,7 @@ TEST(OptionsTest, HelpFits80Columns) {
         EXPECT_LE(line.size(), 80U) << line;
         options += line.find("  --") == 0 ? 1 : 0;
     }
-    EXPECT_EQ(options, 20);
+    EXPECT_EQ(options, 38);
 }
 
 class ScheduleTest : public testing::Test {
@@ -258,6 +262,48 @@ TEST(RunSummaryTest, BoundsThatChangedAreNotShown) {
     totals.add(changed);
     totals.add(changed);
     EXPECT_TRUE(totals.limitsChanged);
+}
+
+// Takes the tickets that are answered as delivered.
+struct Delivered : IAnswers {
+    void answer(std::vector<Answer> answers) override {
+        for (const Answer& each : answers) {
+            tickets += each.fate == Fate::Delivered ? std::to_string(each.ticket) + " " : "";
+        }
+    }
+    std::string tickets;
+};
+
+TEST(RunPageTest, ShowsRecordsOfAnyLengthOnceItIsWritten) {
+    const std::string path = testing::TempDir() + "page." + std::to_string(getpid());
+    const auto read = [&] {
+        std::ifstream file(path);
+        return std::string(std::istreambuf_iterator<char>(file), {});
+    };
+    std::ofstream(path) << "before";
+    std::vector<Record> records(3);
+    std::vector<const Record*> batch;
+    for (Record& record : records) {
+        record.ticket = 7 + batch.size();
+        record.line =
+            R"({"schema":1,"host":"h","boot":"b","sequence":)" + std::to_string(batch.size() + 1) +
+            R"(,"forwardedAt":"2026-11-23T12:00:00.000Z","eventName":"Own",)"
+            R"("timeStampMs":1795435200000,"stringEntries":{},"u32Entries":{},"u64Entries":{},)"
+            R"("text":")" +
+            std::string(batch.size() << 20U, 'x') + "\"}\n";
+        batch.push_back(&record);
+    }
+    RunPage page(path);
+    Delivered delivered;
+    page.start(delivered);
+    page.send(batch);
+    EXPECT_EQ(delivered.tickets, "7 8 9 ");
+    EXPECT_EQ(read(), "before");
+    page.write();
+    EXPECT_NE(read().find(R"("recordsRead":3,"duplicates":0,"missing":0,"evicted":0,)"
+                          R"("notUnderstood":0)"),
+              std::string::npos);
+    std::filesystem::remove(path);
 }
 
 class StopRequestTest : public testing::Test {

@@ -38,6 +38,7 @@ std::unique_ptr<ISink> makeEngine(const ForwardingOptions& options) {
 Forwarding::Forwarding(const Options& options)
     : m_options(options),
       m_output(options.outputFile),
+      m_page(options.htmlFile.empty() ? nullptr : std::make_unique<RunPage>(options.htmlFile)),
       m_endpoint(options.forwarding.prometheus.empty()
                      ? nullptr
                      : openPrometheusEndpoint(options.forwarding.prometheus)),
@@ -68,7 +69,8 @@ void Forwarding::start(ParcelOutbox& outbox, const std::function<void()>& onOutp
 
 std::vector<ISink*> Forwarding::beside() {
     std::vector<ISink*> sinks;
-    for (ISink* sink : {m_besideOutput.get(), static_cast<ISink*>(m_endpoint.get())}) {
+    for (ISink* sink : {m_besideOutput.get(), static_cast<ISink*>(m_endpoint.get()),
+                        static_cast<ISink*>(m_page.get())}) {
         if (sink != nullptr) {
             sinks.push_back(sink);
         }
@@ -83,6 +85,12 @@ bool Forwarding::stop(std::chrono::milliseconds limit) {
     const CheckedLock lock(m_mutex);
     m_last = m_forwarder->account().numbers();
     return true;
+}
+
+void Forwarding::writePage() const {
+    if (m_page != nullptr) {
+        m_page->write();
+    }
 }
 
 void Forwarding::close() {

@@ -78,7 +78,8 @@ Host::Host(const Options& options)
                                                : [this] { m_forwarding.requestReopen(); }),
       m_tweaksFile(loadTweaks(options)),
       m_loadGenerator(loadOf(options)),
-      m_scratchFile(makeScratchFile()) {}
+      m_scratchFile(makeScratchFile()),
+      m_owesPage(!options.htmlFile.empty()) {}
 
 Host::~Host() {
     m_loadGenerator.stop(); // it uses the scratch file
@@ -94,7 +95,9 @@ int Host::run() {
     start();
     m_stopRequest.wait();
     stop();
-    return summarize();
+    const bool isPageWritten = writePage();
+    const int exitCode = summarize();
+    return isPageWritten || exitCode != exitDone ? exitCode : exitFailed;
 }
 
 // A signal ends the filling.
@@ -205,7 +208,24 @@ void Host::stop() {
 // Waits for nobody.
 void Host::endAtDeadline() const {
     tellAccount();
-    _exit(m_forwarding.numbers().lost() == 0 ? exitDone : exitLost);
+    if (m_owesPage) {
+        std::cerr << "analytics-host: the page is not written: the end took too long" << std::endl;
+    }
+    const int exitCode = m_owesPage ? exitFailed : exitDone;
+    _exit(m_forwarding.numbers().lost() == 0 ? exitCode : exitLost);
+}
+
+// Answers whether it could be written, and says why not.
+bool Host::writePage() {
+    bool isWritten = true;
+    try {
+        m_forwarding.writePage();
+    } catch (const std::runtime_error& error) {
+        isWritten = false;
+        std::cerr << "analytics-host: " << error.what() << std::endl;
+    }
+    m_owesPage = false;
+    return isWritten;
 }
 
 void Host::tellAccount() const {

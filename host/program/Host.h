@@ -14,6 +14,7 @@
 #include "common/infra/Timer.h"
 #include "common/infra/TrackedAllocation.h"
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -47,6 +48,7 @@ private:
     [[noreturn]] void endAtDeadline() const;
     int summarize() const;
     RunSummary summary() const;
+    bool writePage();
     void tellAccount() const;
     std::string rateShortfall(const LoadGenerator::Counts& ios) const;
 
@@ -66,6 +68,7 @@ private:
     RunTotals m_totals;
     bool m_lastReportMade = false;
 
+    std::atomic<bool> m_owesPage;              // read by the watch
     std::unique_ptr<ShutdownWatch> m_shutdown; // from the stop on
     u64 m_loadStartNs = 0;
     u64 m_loadEndNs = 0;

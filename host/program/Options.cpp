@@ -126,6 +126,9 @@ void addOptions(CLI::App& app, Options& options) {
                    "Append the reports to this file (default: standard output; beside an engine, "
                    "none)")
         ->option_text("FILE");
+    app.add_option("--html", options.htmlFile,
+                   "Write a page with charts of the whole run to this file when the run ends")
+        ->option_text("FILE");
     app.add_option("--tweaks", options.tweaksFile,
                    "TOML file of tunables; the live ones follow it while the program runs")
         ->option_text("FILE");

@@ -43,6 +43,7 @@ struct Options {
     u64 reports = 0;                      // to stop after; 0: none
     ParcelFormat format = ParcelFormat::Text;
     std::string outputFile; // empty: standard output, or none beside an engine
+    std::string htmlFile;   // the page of the run; empty: none
     ForwardingOptions forwarding;
     std::string tweaksFile;    // empty: none
     u64 size = u64{64} << 20U; // bytes of the scratch file
