@@ -50,8 +50,8 @@ private:
 class SilentSink final : public ISink {
 public:
     const char* name() const override { return "engine"; }
-    void start(IAnswers&) override {}
-    void send(const std::vector<const Record*>&) override {}
+    void start(IAnswers& /*answers*/) override {}
+    void send(const std::vector<const Record*>& /*batch*/) override {}
     void purge() override {}
 };
 

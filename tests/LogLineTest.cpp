@@ -10,7 +10,7 @@
 #define EXPANDED 0
 
 struct LogLineSpeaker {
-    static unsigned* speak(const std::string& evaluated, int* size) {
+    static unsigned* speak(const std::string& evaluated, const int* size) {
         LOG_LINE(LogModuleCommon, InfoLevel) << " size=" << *size << " " << std::endl;
         EXPECT_OR_REPORT(size == nullptr) << " size=" << *size << " evaluated=" << evaluated;
         return nullptr;
@@ -35,7 +35,8 @@ TEST(LogLine, NamesItsPlace) {
                                           ": !yes('a') && EXPANDED failed. if1\n");
     log.clear();
     LogLineSpeaker::speak(evaluated, &size);
-    const std::string speak = "static unsigned int*LogLineSpeaker::speak(const std::string&, int*)";
+    const std::string speak =
+        "static unsigned int*LogLineSpeaker::speak(const std::string&, const int*)";
     EXPECT_EQ(toText(log),
               "common info [" + speak + "] 3:  size=7 \n" +
                   failedIn("LogLineTest", speak, "size == nullptr", " size=7 evaluated=abc"));

@@ -28,7 +28,7 @@ inline u64 recordsOfARun() {
 // Sends parcels to an engine, and holds the account against what came of them.
 class Sending {
 public:
-    explicit Sending(std::unique_ptr<ISink> sink, ForwarderOptions options = fast())
+    explicit Sending(std::unique_ptr<ISink> sink, const ForwarderOptions& options = fast())
         : m_forwarder(std::make_unique<Forwarder>(m_outbox, std::move(sink), std::vector<ISink*>{},
                                                   options)) {}
 
@@ -58,7 +58,7 @@ public:
     // Ends the forwarder. The account has one record more than was pushed: its own.
     AccountNumbers end(std::chrono::seconds limit = std::chrono::seconds(20)) {
         EXPECT_TRUE(m_forwarder->stop(limit));
-        const AccountNumbers account = this->account();
+        AccountNumbers account = this->account();
         EXPECT_TRUE(account.addsUp()) << account.text();
         EXPECT_EQ(account.pushed, m_pushed + 1);
         EXPECT_EQ(account.dropped, 0U);

@@ -28,7 +28,7 @@
 // How often; a few times unless the environment says otherwise.
 inline int killsOfARun() {
     const char* text = std::getenv("ANALYTICS_TEST_KILLS");
-    return text == nullptr ? 3 : std::atoi(text);
+    return text == nullptr ? 3 : std::stoi(text);
 }
 
 // The sequences of each process in the order in which they came; lines that a kill has torn are
