@@ -109,7 +109,6 @@ void IoEngine::close() {
     }
     m_open.load()->close();
     m_open = nullptr;
-    m_kind = Kind::Automatic;
 }
 
 IoEngine::Kind IoEngine::kind() const {

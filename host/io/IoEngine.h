@@ -84,7 +84,7 @@ public:
     // a completion.
     void close();
 
-    // The kind in use; Automatic unless open. Call it on the thread that opens and closes.
+    // The kind that the last open() chose; Automatic before it. Any thread.
     Kind kind() const;
 
 private:
@@ -94,6 +94,6 @@ private:
     // Kept when closed, because a late submit() may still use them.
     std::unique_ptr<IoBackend> m_ring;
     std::unique_ptr<IoBackend> m_pool;
-    Kind m_kind = Kind::Automatic;
+    std::atomic<Kind> m_kind{Kind::Automatic};
     std::atomic<IoBackend*> m_open{nullptr}; // one of the two
 };
