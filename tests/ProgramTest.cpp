@@ -108,7 +108,7 @@ protected:
                               "delivered=(\\d+) failed=(\\d+) dropped=(\\d+) evicted=(\\d+) "
                               "waiting=(\\d+)\n");
         if (std::regex_search(errors, found, line)) {
-            const auto sum = [&](std::size_t first, std::size_t last) {
+            const auto sum = [&](std::ptrdiff_t first, std::ptrdiff_t last) {
                 return std::accumulate(found.begin() + first, found.begin() + last + 1, u64{0},
                                        [](u64 so, const auto& each) { return so + stoull(each); });
             };

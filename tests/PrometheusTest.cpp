@@ -228,9 +228,9 @@ TEST(PrometheusTest, ARealPrometheusScrapesWhatTheEndpointIsSent) {
             path += {'%', digits[byte / 16], digits[byte % 16]};
         }
         std::string answer;
-        EXPECT_TRUE(waitUntil([&] {
+        EXPECT_TRUE(waitUntil([&, expected = value] {
             answer = httpGet(port, path);
-            return answer.find(",\"" + std::string(value) + "\"]") != std::string::npos;
+            return answer.find(",\"" + std::string(expected) + "\"]") != std::string::npos;
         })) << query
             << ": " << answer << prometheus.output();
     }

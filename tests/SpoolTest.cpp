@@ -15,13 +15,13 @@
 
 // SQLite's calls come here, so they are exported: how often a file was brought to the disk.
 static std::atomic<int> syncs{0};
-extern "C" __attribute__((visibility("default"))) int fsync(int file) {
+extern "C" __attribute__((visibility("default"))) int fsync(int fd) {
     ++syncs;
-    return static_cast<int>(syscall(SYS_fsync, file));
+    return static_cast<int>(syscall(SYS_fsync, fd));
 }
-extern "C" __attribute__((visibility("default"))) int fdatasync(int file) {
+extern "C" __attribute__((visibility("default"))) int fdatasync(int fildes) {
     ++syncs;
-    return static_cast<int>(syscall(SYS_fdatasync, file));
+    return static_cast<int>(syscall(SYS_fdatasync, fildes));
 }
 
 namespace {

@@ -82,10 +82,10 @@ bool SqliteStatement::next() {
         return true;
     }
     sqlite3* connection = sqlite3_db_handle(m_statement.get());
-    const SqliteError error(sqlite3_errmsg(connection), status & 0xff);
+    const std::string message = sqlite3_errmsg(connection); // before the reset changes it
     sqlite3_reset(m_statement.get());
     if (status != SQLITE_DONE) {
-        throw error;
+        throw SqliteError(message, status & 0xff);
     }
     return false;
 }
