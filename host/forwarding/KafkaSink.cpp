@@ -19,6 +19,11 @@
 #include <utility>
 #include <vector>
 
+// librdkafka's RD_KAFKA_V_ macros check the types of their arguments by this extension.
+#ifdef __clang__
+#pragma clang diagnostic ignored "-Wgnu-statement-expression"
+#endif
+
 namespace {
 
 // Properties that the sink sets, or whose values it relies on.
