@@ -18,12 +18,13 @@ stage() {
     printf '== %s %02d:%02d %s\n' "$release" $((SECONDS / 60)) $((SECONDS % 60)) "$*"
 }
 
-# Runs a command in a root and a process tree of its own.
+# Runs a command in a root, a mount as every root is, and a process tree of its own.
 inside() {
     local root=$1
     shift
     unshare --mount --pid --fork bash -c '
-        mount -t proc proc "$0/proc" && mount --rbind /dev "$0/dev" && exec chroot "$0" "$@"' \
+        mount --bind "$0" "$0" && mount -t proc proc "$0/proc" && mount --rbind /dev "$0/dev" &&
+            exec chroot "$0" "$@"' \
         "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
         DEBIAN_FRONTEND=noninteractive "$@" </dev/null
 }

@@ -21,7 +21,8 @@ apt install --no-install-recommends g++ cmake make pkgconf
 files >/tmp/before
 apt install --no-install-recommends /tmp/packages/*.deb
 analytics-host --path /tmp --interval 1 --reports 1
-for example in count_own_io own_report own_services own_services/smaller_way plain_pkg_config; do
+for example in count_own_io own_report own_services own_services/smaller_way plain_pkg_config \
+    own_kafka_reports; do
     printf -- '-- %s\n' "$example"
     /tmp/try/try.sh "/tmp/try/examples/$example" "/tmp/built/$example" >/tmp/built.log 2>&1 ||
         { cat /tmp/built.log; exit 1; }

@@ -16,7 +16,7 @@ older_compiler() {
 declare -A packages=(
     [build]="g++ cmake ninja-build pkgconf"
     [program]="liburing-dev libspdlog-dev libfmt-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev librdkafka-dev libnats-dev prometheus-cpp-dev libsqlite3-dev libsimdjson-dev zlib1g-dev libzstd-dev libjs-chart.js"
-    [tests]="libgtest-dev libgmock-dev kcat nats-server prometheus python3 python3-jsonschema zstd chromium"
+    [tests]="make libgtest-dev libgmock-dev kcat nats-server prometheus python3 python3-jsonschema zstd chromium"
     [checks]="clang clang-format clang-tidy $(older_compiler)"
     [documents]="doxygen"
     [packages]="dpkg-dev file"
@@ -25,7 +25,7 @@ declare -A packages=(
 declare -A reasons=(
     [build]="compiler and build tools"
     [program]="asynchronous I/O, logging, tunables file, command line, JSON, engines, spool and charts of the programs"
-    [tests]="test framework, the engines to forward to, and a browser for the page of reports"
+    [tests]="what the examples build with, test framework, the engines to forward to, and a browser for the page of reports"
     [checks]="other compilers, formatting check and static analysis"
     [documents]="the headers' reference as pages"
     [packages]="what Debian packages are made with"

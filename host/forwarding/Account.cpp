@@ -23,8 +23,8 @@ void AccountChange::move(Column from, Column to, u64 count) {
 }
 
 void AccountChange::fail(Column from, const std::string& reason, u64 count) {
-    move(from, Failed, count);
     m_failures[reason] += count;
+    move(from, Failed, count);
 }
 
 Account::Account(ParcelOutbox& outbox)
@@ -53,13 +53,16 @@ void Account::addOwn() {
 
 void Account::apply(const AccountChange& change) {
     const CheckedLock lock(m_mutex);
+    if (!change.m_failures.empty()) {
+        std::map<std::string, u64> failures = m_beside.failures;
+        for (const auto& [reason, count] : change.m_failures) {
+            const bool isOther = failures.count(reason) == 0 && failures.size() >= maxReasons;
+            failures[isOther ? "other" : reason] += count;
+        }
+        m_beside.failures.swap(failures);
+    }
     for (std::size_t i = 0; i < m_columns.size(); ++i) {
         m_columns[i] += static_cast<u64>(change.m_columns[i]);
-    }
-    for (const auto& [reason, count] : change.m_failures) {
-        const bool isNew = m_beside.failures.count(reason) == 0;
-        m_beside.failures[isNew && m_beside.failures.size() >= maxReasons ? "other" : reason] +=
-            count;
     }
 }
 
@@ -71,6 +74,12 @@ void Account::addDiscarded() {
 void Account::addOutputLost(u64 count) {
     const CheckedLock lock(m_mutex);
     m_beside.outputLost += count;
+}
+
+u64 Account::waiting() const {
+    const CheckedLock lock(m_mutex);
+    return m_outbox.counts().held + m_columns[AccountChange::Hand] +
+           m_columns[AccountChange::Spool];
 }
 
 AccountNumbers Account::numbers() const {

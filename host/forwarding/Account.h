@@ -45,7 +45,7 @@ public:
     enum Column : std::size_t { Hand, Spool, Delivered, Failed, Evicted };
 
     void move(Column from, Column to, u64 count = 1);
-    // To Failed.
+    // To Failed. A throw leaves the change as it was.
     void fail(Column from, const std::string& reason, u64 count = 1);
 
 private:
@@ -63,18 +63,20 @@ public:
     Account(const Account&) = delete;
     Account& operator=(const Account&) = delete;
 
-    // All parcels of the outbox, which are in hand from then on.
+    // All parcels of the outbox, which are in hand from then on. A throw leaves them there.
     std::vector<IParcel*> take();
     // Records that the spool held at the start.
     void restore(u64 count);
     // A record that the forwarder made itself; it is in hand.
     void addOwn();
+    // A throw leaves everything as it was.
     void apply(const AccountChange& change);
 
     void addDiscarded();
     void addOutputLost(u64 count);
 
     AccountNumbers numbers() const;
+    u64 waiting() const;
 
 private:
     ParcelOutbox& m_outbox;

@@ -4,7 +4,9 @@
 #include "host/forwarding/Sink.h"
 #include "host/forwarding/Wakeup.h"
 
-#include <utility>
+#include <algorithm>
+#include <cstddef>
+#include <iterator>
 #include <vector>
 
 // Where a sink's answers wait for the forwarder's thread. Any thread.
@@ -18,21 +20,27 @@ public:
         {
             const CheckedLock lock(m_mutex);
             wasEmpty = m_answers.empty();
-            if (wasEmpty) {
-                m_answers.swap(answers);
-            } else {
-                m_answers.insert(m_answers.end(), std::make_move_iterator(answers.begin()),
-                                 std::make_move_iterator(answers.end()));
-            }
+            m_answers.insert(m_answers.end(), std::make_move_iterator(answers.begin()),
+                             std::make_move_iterator(answers.end()));
         }
         if (wasEmpty) {
             m_wakeup.wake();
         }
     }
 
-    std::vector<Answer> take() {
+    // From now on so many answers find room without any more memory.
+    void makeRoomFor(std::size_t count) {
         const CheckedLock lock(m_mutex);
-        return std::exchange(m_answers, {});
+        if (m_answers.capacity() < count) {
+            m_answers.reserve(std::max(count, 2 * m_answers.capacity()));
+        }
+    }
+
+    // All that wait, into `answers`, which is empty.
+    void take(std::vector<Answer>& answers) {
+        const CheckedLock lock(m_mutex);
+        answers.reserve(m_answers.capacity()); // the room for those that come next
+        m_answers.swap(answers);
     }
 
 private:

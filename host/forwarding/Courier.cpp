@@ -10,6 +10,7 @@ namespace {
 
 constexpr u64 spoolRetryNs = nsPerSecond;
 constexpr u64 tellPauseNs = nsPerSecond; // between records that tell of evictions
+const std::string noReason = "no reason given";
 const std::string spoolWasDamaged = "the spool was damaged";
 
 u64 inNs(std::chrono::milliseconds time) {
@@ -91,7 +92,11 @@ Courier::Courier(Account& account, AnswerBox& answers, ISink& engine, std::vecto
     }
 }
 
-Courier::~Courier() = default;
+Courier::~Courier() {
+    for (; m_made < m_taken.size(); ++m_made) {
+        TRACKED_DELETE(static_cast<AnalyticsParcel*>(m_taken[m_made]));
+    }
+}
 
 u64 Courier::step(u64 nowNs, u64 epochMs) {
     m_mustAskSpool = false;
@@ -109,7 +114,7 @@ u64 Courier::step(u64 nowNs, u64 epochMs) {
 }
 
 bool Courier::isIdle() const {
-    return m_account.numbers().waiting == 0 && m_change.done.empty();
+    return m_account.waiting() == 0 && m_change.done.empty() && !m_mustTellAccount;
 }
 
 void Courier::hurry() {
@@ -117,31 +122,24 @@ void Courier::hurry() {
     m_spoolNs = 0;
 }
 
-void Courier::addAccount() {
-    m_own.push_back(parcelOf(m_account.numbers()));
-    m_account.addOwn();
-}
-
 void Courier::takeAnswers(u64 nowNs) {
-    AccountChange change;
-    bool hasDelivered = false;
-    bool hasFailed = false;
-    std::string failure;
-    for (const Answer& answer : m_answers.take()) {
-        if (answer.fate == Fate::TryAgain) {
-            putBack(answer, change);
-        } else if (settle(answer, change)) {
-            hasDelivered = hasDelivered || answer.fate == Fate::Delivered;
-            hasFailed = hasFailed || answer.fate == Fate::Failed;
-            failure = answer.fate == Fate::Failed ? answer.reason : failure;
-        }
+    if (m_settled == m_answered.size()) {
+        m_answered.clear();
+        m_settled = 0;
+        m_answers.take(m_answered);
     }
-    m_account.apply(change);
-    if (hasDelivered) {
+    m_change.done.reserve(m_change.done.size() + m_answered.size() - m_settled);
+    for (; m_settled < m_answered.size(); ++m_settled) {
+        const Answer& answer = m_answered[m_settled];
+        answer.fate == Fate::TryAgain ? putBack(answer) : settle(answer);
+    }
+    m_account.apply(m_outcome.change);
+    const Outcome outcome = std::exchange(m_outcome, {});
+    if (outcome.hasDelivered) {
         noteDelivery(nowNs);
     }
-    if (hasFailed) {
-        noteFailure(failure);
+    if (!outcome.failure.empty()) {
+        noteFailure(outcome.failure);
     }
 }
 
@@ -168,31 +166,34 @@ void Courier::noteFailure(const std::string& reason) {
     }
 }
 
-// False: the answer is of no record in flight.
-bool Courier::settle(const Answer& answer, AccountChange& change) {
-    const std::optional<Window::Answered> answered = m_window.settle(answer.ticket);
-    if (!answered) {
-        return false;
-    }
-    const AccountChange::Column place = placeOf(answered->wasEvicted);
-    if (answer.fate == Fate::Delivered) {
-        change.move(place, AccountChange::Delivered);
-    } else {
-        change.fail(place, answer.reason.empty() ? "no reason given" : answer.reason);
-    }
-    if (place == AccountChange::Spool) {
-        m_change.done.push_back(answer.ticket);
-    }
-    return true;
-}
-
-void Courier::putBack(const Answer& answer, AccountChange& change) {
-    const std::optional<Window::Answered> answered = m_window.putBack(answer.ticket);
-    if (!answered) {
+// A failure to note the answer leaves it to the next step.
+void Courier::settle(const Answer& answer) {
+    const std::optional<Window::InFlight> record = m_window.find(answer.ticket);
+    if (!record) {
         return;
     }
-    if (answered->wasEvicted) {
-        change.move(AccountChange::Hand, AccountChange::Evicted);
+    const AccountChange::Column place = placeOf(record->wasEvicted);
+    if (answer.fate == Fate::Delivered) {
+        m_outcome.change.move(place, AccountChange::Delivered);
+        m_outcome.hasDelivered = true;
+    } else {
+        const std::string& reason = answer.reason.empty() ? noReason : answer.reason;
+        m_outcome.failure = reason;
+        m_outcome.change.fail(place, reason);
+    }
+    if (place == AccountChange::Spool) {
+        m_change.done.push_back(answer.ticket); // there is room
+    }
+    m_window.settle(answer.ticket);
+}
+
+void Courier::putBack(const Answer& answer) {
+    const std::optional<Window::InFlight> record = m_window.putBack(answer.ticket);
+    if (!record) {
+        return;
+    }
+    if (record->wasEvicted) {
+        m_outcome.change.move(AccountChange::Hand, AccountChange::Evicted);
     }
     giveUp(answer.reason);
 }
@@ -202,28 +203,44 @@ AccountChange::Column Courier::placeOf(bool wasEvicted) const {
 }
 
 // With a spool, whatever comes is taken: the spool has a bound of its own.
+bool Courier::mayTakeParcels() const {
+    return m_fresh.empty() && (m_spool != nullptr || m_window.hasRoom());
+}
+
 void Courier::takeParcels(u64 epochMs) {
-    if (!m_fresh.empty() || (m_spool == nullptr && !m_window.hasRoom())) {
-        return;
+    if (m_made == m_taken.size() && mayTakeParcels()) {
+        if (m_mustTellAccount) {
+            makeOwnRecord(parcelOf(m_account.numbers()), epochMs);
+            m_mustTellAccount = false;
+        }
+        m_taken = m_account.take();
+        m_made = 0;
     }
-    std::vector<TrackedPtr<AnalyticsParcel>> parcels = std::move(m_own);
-    m_own.clear();
-    for (IParcel* parcel : m_account.take()) {
-        parcels.emplace_back(static_cast<AnalyticsParcel*>(parcel), TRACKED_DELETE);
-    }
-    for (TrackedPtr<AnalyticsParcel>& parcel : parcels) {
-        makeRecord(std::move(parcel), epochMs);
+    m_fresh.reserve(m_fresh.size() + m_taken.size() - m_made);
+    for (; m_made < m_taken.size(); ++m_made) {
+        auto* parcel = static_cast<AnalyticsParcel*>(m_taken[m_made]);
+        Record record = recordOf(*parcel, epochMs);
+        m_fresh.push_back({std::move(record), {parcel, TRACKED_DELETE}});
     }
 }
 
-void Courier::makeRecord(TrackedPtr<AnalyticsParcel> parcel, u64 epochMs) {
-    Record record;
-    record.ticket = ++m_ticket;
-    record.sequence = ++m_sequence;
-    record.origin = m_origin;
-    record.line = m_writer.line(*parcel, record.sequence, epochMs);
-    record.parcel = parcel.get();
+void Courier::makeOwnRecord(TrackedPtr<AnalyticsParcel> parcel, u64 epochMs) {
+    m_fresh.reserve(m_fresh.size() + 1);
+    Record record = recordOf(*parcel, epochMs);
     m_fresh.push_back({std::move(record), std::move(parcel)});
+    m_account.addOwn();
+}
+
+Record Courier::recordOf(const AnalyticsParcel& parcel, u64 epochMs) {
+    Record record;
+    record.ticket = m_ticket + 1;
+    record.sequence = m_sequence + 1;
+    record.origin = m_origin;
+    record.line = m_writer.line(parcel, record.sequence, epochMs);
+    record.parcel = &parcel;
+    ++m_ticket;
+    ++m_sequence;
+    return record;
 }
 
 // While the engine takes records, and without evicting others by it.
@@ -235,9 +252,10 @@ bool Courier::mayTellEvictions() const {
 void Courier::tellEvictions(u64 nowNs, u64 epochMs) {
     m_tellNs = nowNs + tellPauseNs;
     askSpool(nowNs, [&] {
-        for (const EvictedRange& range : m_spool->untold()) {
-            m_account.addOwn();
-            makeRecord(parcelOf(range), epochMs);
+        const std::vector<EvictedRange> ranges = m_spool->untold();
+        m_change.told.reserve(ranges.size());
+        for (const EvictedRange& range : ranges) {
+            makeOwnRecord(parcelOf(range), epochMs);
             m_change.told.emplace_back(range.id, m_ticket);
         }
     });
@@ -245,24 +263,27 @@ void Courier::tellEvictions(u64 nowNs, u64 epochMs) {
 
 // From here on the records are the forwarder's to deliver.
 void Courier::accept(u64 nowNs) {
-    if (m_spool == nullptr || commit(nowNs)) {
-        passOn();
+    passOn(); // what a step that threw has left
+    if (m_spool == nullptr) {
+        m_accepted.records.swap(m_fresh);
+    } else {
+        commit(nowNs);
+    }
+    passOn();
+}
+
+// If it fails, what is fresh stays so.
+void Courier::commit(u64 nowNs) {
+    if (!m_fresh.empty() || !m_change.done.empty()) {
+        askSpool(nowNs, [this] { commitChange(); });
     }
 }
 
-// False: what is fresh stays so.
-bool Courier::commit(u64 nowNs) {
-    if (m_fresh.empty() && m_change.done.empty()) {
-        return true;
-    }
-    return askSpool(nowNs, [this] { commitChange(); });
-}
-
-// False: it was not to be had, and will be asked again.
-bool Courier::askSpool(u64 nowNs, const std::function<void()>& question) {
+// If it is not to be had, it will be asked again.
+void Courier::askSpool(u64 nowNs, const std::function<void()>& question) {
     m_mustAskSpool = true;
     if (nowNs < m_spoolNs) {
-        return false;
+        return;
     }
     try {
         if (m_isSpoolDamaged) {
@@ -270,7 +291,6 @@ bool Courier::askSpool(u64 nowNs, const std::function<void()>& question) {
         }
         question();
         m_mustAskSpool = false;
-        return true;
     } catch (const SpoolDamage& damage) {
         LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3) << damage.what() << std::endl;
         m_isSpoolDamaged = true;
@@ -280,7 +300,6 @@ bool Courier::askSpool(u64 nowNs, const std::function<void()>& question) {
             << error.what() << "; tried again after a second" << std::endl;
         m_spoolNs = nowNs + spoolRetryNs;
     }
-    return false;
 }
 
 void Courier::commitChange() {
@@ -295,6 +314,7 @@ void Courier::commitChange() {
     noteEvicted(evicted, change);
     m_account.apply(change);
     m_change = {};
+    m_accepted.records.swap(m_fresh);
 }
 
 // Begins a new file with what is in memory. All else that was in the old one is lost.
@@ -324,25 +344,31 @@ void Courier::noteEvicted(const std::vector<u64>& tickets, AccountChange& change
     }
 }
 
-// To the sinks beside, and into the window as far as it has room.
+// To the sinks beside, and into the window.
 void Courier::passOn() {
     std::vector<const Record*> batch;
-    for (const Fresh& fresh : m_fresh) {
-        batch.push_back(&fresh.record);
+    for (const Fresh& accepted : m_accepted.records) {
+        batch.push_back(&accepted.record);
     }
-    if (!batch.empty()) {
-        for (ISink* sink : m_beside) {
-            sink->send(batch);
-        }
+    for (; !batch.empty() && m_accepted.sinks < m_beside.size(); ++m_accepted.sinks) {
+        m_beside[m_accepted.sinks]->send(batch);
     }
-    for (Fresh& fresh : m_fresh) {
-        m_hasUnread = m_hasUnread || (m_spool != nullptr && !m_window.hasRoom());
-        if (!m_hasUnread && fresh.record.ticket > m_evictedUpTo) {
-            m_lastLoaded = fresh.record.ticket;
-            m_window.add(std::move(fresh.record), std::move(fresh.parcel));
-        }
+    for (; m_accepted.loaded < m_accepted.records.size(); ++m_accepted.loaded) {
+        load(m_accepted.records[m_accepted.loaded]);
     }
-    m_fresh.clear();
+    m_accepted.records.clear();
+    m_accepted.sinks = 0;
+    m_accepted.loaded = 0;
+}
+
+// As far as the window has room; the spool has the rest.
+void Courier::load(Fresh& accepted) {
+    const u64 ticket = accepted.record.ticket;
+    m_hasUnread = m_hasUnread || (m_spool != nullptr && !m_window.hasRoom());
+    if (!m_hasUnread && ticket > m_evictedUpTo) {
+        m_window.add(std::move(accepted.record), std::move(accepted.parcel));
+        m_lastLoaded = ticket;
+    }
 }
 
 // From the spool, when half of the window is empty.
@@ -353,23 +379,28 @@ void Courier::refill(u64 nowNs) {
 }
 
 void Courier::readOn() {
-    const std::vector<Record> records =
+    std::vector<Record> records =
         m_spool->read(m_lastLoaded, ISink::maxRecords - m_window.size(), ISink::maxBytes / 2);
-    for (const Record& record : records) {
-        m_lastLoaded = record.ticket;
-        m_window.add(record, {nullptr, TRACKED_DELETE});
+    for (Record& record : records) {
+        const u64 ticket = record.ticket;
+        m_window.add(std::move(record), {nullptr, TRACKED_DELETE});
+        m_lastLoaded = ticket;
     }
     m_hasUnread = !records.empty() && m_lastLoaded < m_spool->lastTicket();
 }
 
 void Courier::watch(u64 nowNs) {
-    if (m_gate.isDraining() && m_window.inFlight() == 0) {
-        m_gate.drained(nowNs);
-        m_window.rewind();
-    }
     const u64 oldestNs = m_window.oldestSentNs();
     if (oldestNs != Wakeup::never && oldestNs + m_answerTimeoutNs <= nowNs) {
         giveUp("no answer");
+    }
+    if (m_mustPurge) {
+        m_engine.purge();
+        m_mustPurge = false;
+    }
+    if (m_gate.isDraining() && m_window.inFlight() == 0) {
+        m_gate.drained(nowNs);
+        m_window.rewind();
     }
 }
 
@@ -379,21 +410,36 @@ void Courier::giveUp(const std::string& reason) {
         return;
     }
     m_gate.shut();
+    m_mustPurge = true;
     m_isTaking = false;
     if (m_trouble.empty()) {
         m_trouble = reason;
         LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
             << m_engine.name() << " takes no records: " << reason << std::endl;
     }
-    m_engine.purge();
 }
 
 void Courier::send(u64 nowNs) {
-    if (m_gate.isOpen(nowNs) && m_window.hasUnsent()) {
-        const std::vector<const Record*> batch = m_window.send(nowNs);
-        if (!batch.empty()) {
-            m_engine.send(batch);
+    if (!m_gate.isOpen(nowNs) || !m_window.hasUnsent()) {
+        return;
+    }
+    m_answers.makeRoomFor(m_window.size());
+    const std::vector<const Record*> batch = m_window.send(nowNs);
+    if (!batch.empty()) {
+        sendToEngine(batch);
+    }
+}
+
+// A throw says that none was taken.
+void Courier::sendToEngine(const std::vector<const Record*>& batch) {
+    try {
+        m_engine.send(batch);
+    } catch (...) {
+        for (const Record* record : batch) {
+            m_window.putBack(record->ticket);
         }
+        m_window.rewind();
+        throw;
     }
 }
 

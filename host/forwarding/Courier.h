@@ -50,43 +50,60 @@ public:
     Courier& operator=(const Courier&) = delete;
 
     // Does what there is to do. Returns the moment of the next step, if nothing happens before.
-    // `nowNs` is of the monotonic clock, `epochMs` of the wall clock.
+    // `nowNs` is of the monotonic clock, `epochMs` of the wall clock. A step that throws, for want
+    // of memory, is to be followed by another one, which goes on where it ended.
     u64 step(u64 nowNs, u64 epochMs);
     // Nothing waits, and the spool knows it.
     bool isIdle() const;
     // What backs off is tried again in the next step.
     void hurry();
-    // Makes a record of the account as it is; the next step forwards it.
-    void addAccount();
+    // The next step makes a record of the account, and forwards it.
+    void addAccount() { m_mustTellAccount = true; }
 
 private:
     struct Fresh {
         Record record;
         TrackedPtr<AnalyticsParcel> parcel;
     };
+    // What is to be passed on.
+    struct Accepted {
+        std::vector<Fresh> records;
+        std::size_t sinks = 0;  // so many of those beside have had them
+        std::size_t loaded = 0; // so many were offered to the window
+    };
+    // What a step's answers come to.
+    struct Outcome {
+        AccountChange change;
+        bool hasDelivered = false;
+        std::string failure; // the last one's reason, or empty
+    };
     class Losses;
 
     void takeAnswers(u64 nowNs);
-    bool settle(const Answer& answer, AccountChange& change);
-    void putBack(const Answer& answer, AccountChange& change);
+    void settle(const Answer& answer);
+    void putBack(const Answer& answer);
     void noteDelivery(u64 nowNs);
     void noteFailure(const std::string& reason);
     void takeParcels(u64 epochMs);
-    void makeRecord(TrackedPtr<AnalyticsParcel> parcel, u64 epochMs);
+    bool mayTakeParcels() const;
+    void makeOwnRecord(TrackedPtr<AnalyticsParcel> parcel, u64 epochMs);
+    Record recordOf(const AnalyticsParcel& parcel, u64 epochMs);
     bool mayTellEvictions() const;
     void tellEvictions(u64 nowNs, u64 epochMs);
     void accept(u64 nowNs);
-    bool commit(u64 nowNs);
-    bool askSpool(u64 nowNs, const std::function<void()>& question);
+    void commit(u64 nowNs);
+    void askSpool(u64 nowNs, const std::function<void()>& question);
     void commitChange();
     void restoreSpool();
     void noteEvicted(const std::vector<u64>& tickets, AccountChange& change);
     void passOn();
+    void load(Fresh& accepted);
     void refill(u64 nowNs);
     void readOn();
     void watch(u64 nowNs);
     void giveUp(const std::string& reason);
     void send(u64 nowNs);
+    void sendToEngine(const std::vector<const Record*>& batch);
     u64 nextStepNs(u64 nowNs) const;
     AccountChange::Column placeOf(bool wasEvicted) const;
 
@@ -103,24 +120,31 @@ private:
     RecordWriter m_writer;
     u64 m_sequence = 0;
     u64 m_ticket = 0;
-    std::vector<TrackedPtr<AnalyticsParcel>> m_own; // parcels made here
+    std::vector<IParcel*> m_taken; // out of the outbox
+    std::size_t m_made = 0;        // so many of them are records
+    bool m_mustTellAccount = false;
 
     // Accepts them.
     std::unique_ptr<Spool> m_spool;
     std::vector<Fresh> m_fresh; // not committed yet
-    SpoolChange m_change;       // but for what is fresh
-    u64 m_evictedUpTo = 0;      // ticket
+    Accepted m_accepted;
+    SpoolChange m_change;  // but for what is fresh
+    u64 m_evictedUpTo = 0; // ticket
     bool m_isSpoolDamaged = false;
     bool m_mustAskSpool = false; // it was not to be had
     u64 m_spoolNs = 0;           // not before
     u64 m_tellNs = 0;            // not before
 
-    // Sends them.
+    // Sends them, and settles what is answered.
     Window m_window;
     u64 m_lastLoaded = 0;     // ticket of the record that came into the window last
     bool m_hasUnread = false; // the spool holds later ones
     SendGate m_gate;
-    std::string m_trouble;    // of the engine; empty: none
-    bool m_isTaking = false;  // it has delivered since its last trouble
-    bool m_isFailing = false; // the last answer but TryAgain
+    bool m_mustPurge = false; // the engine
+    std::vector<Answer> m_answered;
+    std::size_t m_settled = 0; // so many of them are
+    Outcome m_outcome;         // of these
+    std::string m_trouble;     // of the engine; empty: none
+    bool m_isTaking = false;   // it has delivered since its last trouble
+    bool m_isFailing = false;  // the last answer but TryAgain
 };

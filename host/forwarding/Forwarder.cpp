@@ -22,8 +22,9 @@ Forwarder::Forwarder(ParcelOutbox& outbox, std::unique_ptr<ISink> engine,
       m_account(outbox),
       m_engine(std::move(engine)),
       m_courier(m_account, m_answers, *m_engine, std::move(beside), options) {
-    m_outbox.setListener([this] { m_wakeup.wake(); });
     m_thread = std::thread(&Forwarder::run, this);
+    m_outbox.setListener([this] { m_wakeup.wake(); });
+    m_wakeup.wake(); // for what was pushed meanwhile
 }
 
 Forwarder::~Forwarder() {

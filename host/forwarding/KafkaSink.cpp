@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cstdint>
 #include <exception>
+#include <new>
 #include <stdexcept>
 #include <string_view>
 #include <thread>
@@ -125,19 +126,11 @@ public:
     }
 
     void send(const std::string& topic, const std::vector<const Record*>& batch) {
+        addInFlight(batch);
         for (const Record* record : batch) {
             const rd_kafka_resp_err_t error = produce(topic, *record);
-            if (error == RD_KAFKA_RESP_ERR_NO_ERROR) {
-                continue;
-            }
-            const bool isLost = isOfTheRecord(error);
-            if (settle(record->ticket)) {
-                m_answers->answerOne(record->ticket, isLost ? Fate::Failed : Fate::TryAgain,
-                                     rd_kafka_err2str(error));
-            }
-            if (!isLost) {
-                const CheckedLock lock(m_mutex);
-                stopProducing();
+            if (error != RD_KAFKA_RESP_ERR_NO_ERROR) {
+                refuse(record->ticket, error);
             }
         }
     }
@@ -146,16 +139,14 @@ public:
 
     // Produces nothing more, and answers what is in flight.
     void giveUp(const std::string& reason) {
-        std::unordered_set<u64> inFlight;
+        std::vector<Answer> answers;
         {
             const CheckedLock lock(m_mutex);
-            inFlight.swap(m_inFlight);
             stopProducing();
-        }
-        std::vector<Answer> answers;
-        answers.reserve(inFlight.size());
-        for (const u64 ticket : inFlight) {
-            answers.push_back({ticket, Fate::TryAgain, reason});
+            answers.reserve(m_inFlight.size());
+            for (const u64 ticket : m_inFlight) {
+                answers.push_back({ticket, Fate::TryAgain, reason});
+            }
         }
         answer(std::move(answers));
     }
@@ -178,15 +169,11 @@ private:
         pthread_setname_np(pthread_self(), "kafka");
         while (!m_isOver) {
             const Event event(rd_kafka_queue_poll(m_queue.get(), -1));
-            switch (rd_kafka_event_type(event.get())) {
-            case RD_KAFKA_EVENT_DR:
-                takeReports(event.get());
-                break;
-            case RD_KAFKA_EVENT_ERROR:
-                takeError(event.get());
-                break;
-            default:
-                break; // woken
+            try {
+                take(event.get());
+            } catch (const std::bad_alloc&) {
+                LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3)
+                    << "Kafka: out of memory; what has no answer is sent again" << std::endl;
             }
         }
         {
@@ -199,11 +186,31 @@ private:
         m_hasEnded = true;
     }
 
-    rd_kafka_resp_err_t produce(const std::string& topic, const Record& record) {
-        {
-            const CheckedLock lock(m_mutex);
-            m_inFlight.insert(record.ticket);
+    void take(rd_kafka_event_t* event) {
+        switch (rd_kafka_event_type(event)) {
+        case RD_KAFKA_EVENT_DR:
+            takeReports(event);
+            break;
+        case RD_KAFKA_EVENT_ERROR:
+            takeError(event);
+            break;
+        default:
+            break; // woken
         }
+    }
+
+    // All or, if it throws, none.
+    void addInFlight(const std::vector<const Record*>& batch) {
+        std::unordered_set<u64> tickets;
+        for (const Record* record : batch) {
+            tickets.insert(record->ticket);
+        }
+        const CheckedLock lock(m_mutex);
+        m_inFlight.reserve(m_inFlight.size() + tickets.size());
+        m_inFlight.merge(tickets);
+    }
+
+    rd_kafka_resp_err_t produce(const std::string& topic, const Record& record) {
         if (m_isBroken) {
             return RD_KAFKA_RESP_ERR__PURGE_QUEUE;
         }
@@ -217,9 +224,18 @@ private:
             RD_KAFKA_V_END);
     }
 
-    bool settle(u64 ticket) {
-        const CheckedLock lock(m_mutex);
-        return m_inFlight.erase(ticket) > 0;
+    // Without the memory to say so, it stays in flight, until the forwarder gives it up.
+    void refuse(u64 ticket, rd_kafka_resp_err_t error) {
+        const bool isLost = isOfTheRecord(error);
+        if (!isLost) {
+            const CheckedLock lock(m_mutex);
+            stopProducing();
+        }
+        try {
+            answer({{ticket, isLost ? Fate::Failed : Fate::TryAgain, rd_kafka_err2str(error)}});
+        } catch (const std::bad_alloc&) {
+            return;
+        }
     }
 
     void takeReports(rd_kafka_event_t* event) {
@@ -228,15 +244,22 @@ private:
         while (const rd_kafka_message_t* message = rd_kafka_event_message_next(event)) {
             const auto ticket =
                 static_cast<u64>(reinterpret_cast<std::uintptr_t>(message->_private));
-            if (settle(ticket)) {
-                answers.push_back(answerOf(ticket, message->err));
-            }
+            answers.push_back(answerOf(ticket, message->err));
         }
         answer(std::move(answers));
     }
 
-    // Not without an answer: with nothing in flight, nobody may listen any more.
+    // For what is in flight. With nothing in flight, nobody may listen any more.
     void answer(std::vector<Answer> answers) {
+        {
+            const CheckedLock lock(m_mutex);
+            const auto end =
+                std::remove_if(answers.begin(), answers.end(), [this](const Answer& each) {
+                    m_mutex.assumeHeld();
+                    return m_inFlight.erase(each.ticket) == 0;
+                });
+            answers.erase(end, answers.end());
+        }
         if (!answers.empty()) {
             m_answers->answer(std::move(answers));
         }

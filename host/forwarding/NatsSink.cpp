@@ -13,9 +13,10 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdlib>
-#include <deque>
 #include <fstream>
+#include <list>
 #include <map>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
@@ -135,6 +136,20 @@ Options makeOptions(const NatsSettings& settings) {
     return options;
 }
 
+// For threads that want of memory must not end. What has no answer then stays in flight, until the
+// forwarder gives it up. False: there was no memory.
+template <typename Operation>
+bool survive(Operation operation) {
+    try {
+        operation();
+        return true;
+    } catch (const std::bad_alloc&) {
+        LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3)
+            << "NATS: out of memory; what has no answer is sent again" << std::endl;
+        return false;
+    }
+}
+
 // What comes from a connection, on the library's threads.
 class IConnectionUser {
 public:
@@ -250,14 +265,16 @@ private:
         const Message answer(received);
         auto& connection = *static_cast<Connection*>(self);
         const std::string_view subject = natsMsg_GetSubject(received);
-        const std::string ticket(subject.substr(subject.rfind('.') + 1));
-        auto [fate, reason] = fateOf(received);
-        connection.m_user.take(connection.m_number, std::strtoull(ticket.c_str(), nullptr, 10),
-                               fate, std::move(reason));
+        const char* ticket = subject.data() + subject.rfind('.') + 1;
+        survive([&] {
+            auto [fate, reason] = fateOf(received);
+            connection.m_user.take(connection.m_number, std::strtoull(ticket, nullptr, 10), fate,
+                                   std::move(reason));
+        });
     }
     static void onClosed(natsConnection* /*closed*/, void* self) {
         auto& connection = *static_cast<Connection*>(self);
-        connection.m_user.lost(connection.m_number);
+        survive([&] { connection.m_user.lost(connection.m_number); });
         connection.countEnd();
     }
     static void onEnd(void* self) { static_cast<Connection*>(self)->countEnd(); }
@@ -347,12 +364,16 @@ public:
     }
 
     void send(const std::vector<const Record*>& batch) override {
+        std::map<u64, u64> inFlight;
+        std::list<Item> items;
+        for (const Record* record : batch) {
+            inFlight.emplace(record->ticket, notPublished);
+            items.push_back({record->ticket, record->id(), record->line});
+        }
         {
             const CheckedLock lock(m_mutex);
-            for (const Record* record : batch) {
-                m_inFlight.emplace(record->ticket, notPublished);
-                m_queue.push_back({record->ticket, record->id(), record->line});
-            }
+            m_inFlight.merge(inFlight);
+            m_queue.splice(m_queue.end(), items);
         }
         m_changed.notify_all();
     }
@@ -381,22 +402,30 @@ private:
     void run() {
         pthread_setname_np(pthread_self(), "nats");
         while (const std::optional<Item> item = next()) {
-            if (!isUsable()) {
-                connect();
-            }
-            if (m_connection->isOpen()) {
-                publish(*item);
-            } else {
-                fail(m_connection->number(), m_connection->error());
+            if (!survive([&] { handle(*item); })) {
+                const CheckedLock lock(m_mutex);
+                m_isHalted = true; // nothing overtakes it
             }
         }
         m_connection.reset();
     }
 
+    void handle(const Item& item) {
+        if (!isUsable()) {
+            connect();
+        }
+        if (m_connection->isOpen()) {
+            publish(item);
+        } else {
+            fail(m_connection->number(), m_connection->error());
+        }
+    }
+
     // Of the present connection, which was not given up.
     bool isUsable() {
         const CheckedLock lock(m_mutex);
-        return m_connection->number() == m_current && m_connection->isOpen();
+        return m_connection != nullptr && m_connection->number() == m_current &&
+               m_connection->isOpen();
     }
 
     // The next to publish, once nothing that was published is overdue.
@@ -433,6 +462,8 @@ private:
     }
 
     void take(u64 connection, u64 ticket, Fate fate, std::string reason) override {
+        std::vector<Answer> answers(1);
+        answers[0] = {ticket, fate, std::move(reason)};
         {
             const CheckedLock lock(m_mutex);
             // What an earlier connection refused is being sent again.
@@ -446,7 +477,7 @@ private:
             m_isProven = m_isProven || (fate == Fate::Delivered && connection == m_current);
         }
         m_changed.notify_all();
-        m_answers->answerOne(ticket, fate, std::move(reason));
+        m_answers->answer(std::move(answers));
     }
 
     void lost(u64 connection) override { fail(connection, "the connection is lost"); }
@@ -502,7 +533,7 @@ private:
     bool m_isProven ANALYTICS_GUARDED_BY(m_mutex) = false; // it has delivered a record
     bool m_isHalted ANALYTICS_GUARDED_BY(m_mutex) = false; // until the next purge
     bool m_isOver ANALYTICS_GUARDED_BY(m_mutex) = false;
-    std::deque<Item> m_queue ANALYTICS_GUARDED_BY(m_mutex);
+    std::list<Item> m_queue ANALYTICS_GUARDED_BY(m_mutex);
     std::map<u64, u64> m_inFlight ANALYTICS_GUARDED_BY(m_mutex); // ticket, when it was published
     std::thread m_thread;
 };

@@ -4,15 +4,18 @@
 
 #include <exception>
 #include <string>
+#include <utility>
+#include <vector>
 
 void OutputSink::send(const std::vector<const Record*>& batch) {
-    Answer answer;
+    std::vector<Answer> answers = deliveredAll(batch);
+    const std::string text = textOf(batch);
     try {
-        m_output.write(textOf(batch));
+        m_output.write(text);
     } catch (const std::exception& error) {
-        answer = {0, Fate::Failed, error.what()};
+        failAll(answers, error.what());
     }
-    m_answers->answerAll(batch, answer);
+    m_answers->answer(std::move(answers));
 }
 
 std::string OutputSink::textOf(const std::vector<const Record*>& batch) const {

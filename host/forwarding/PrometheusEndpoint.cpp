@@ -60,12 +60,11 @@ public:
     void start(IAnswers& answers) override { m_answers = &answers; }
 
     void send(const std::vector<const Record*>& batch) override {
-        std::vector<Answer> answers(batch.size());
-        for (std::size_t i = 0; i < batch.size(); ++i) {
-            if (batch[i]->parcel != nullptr) {
-                m_collector->advance(*batch[i]->parcel);
+        std::vector<Answer> answers = deliveredAll(batch);
+        for (const Record* record : batch) {
+            if (record->parcel != nullptr) {
+                m_collector->advance(*record->parcel);
             }
-            answers[i].ticket = batch[i]->ticket;
         }
         m_answers->answer(std::move(answers));
     }

@@ -4,6 +4,7 @@
 #include "host/forwarding/Record.h"
 
 #include <cstddef>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,8 +30,9 @@ public:
     virtual ~IAnswers() = default;
 
     // Any thread, also within ISink::send() and purge(), and with locks of the sink held: it takes
-    // a lock that is held briefly and never while a sink is called, and it waits for nothing. An
-    // answer of a ticket that is not in flight is ignored.
+    // a lock that is held briefly and never while a sink is called, and it waits for nothing. It
+    // needs no memory for one answer of each record in flight. An answer of a ticket that is not in
+    // flight is ignored.
     virtual void answer(std::vector<Answer> answers) = 0;
 
     void answerOne(u64 ticket, Fate fate, std::string reason = {}) {
@@ -38,16 +40,28 @@ public:
         one[0] = {ticket, fate, std::move(reason)};
         answer(std::move(one));
     }
-
-    // `each` for every record of the batch, with the record's ticket.
-    void answerAll(const std::vector<const Record*>& batch, const Answer& each) {
-        std::vector<Answer> all(batch.size(), each);
-        for (std::size_t i = 0; i < batch.size(); ++i) {
-            all[i].ticket = batch[i]->ticket;
-        }
-        answer(std::move(all));
-    }
 };
+
+// "Delivered" for every record of the batch.
+inline std::vector<Answer> deliveredAll(const std::vector<const Record*>& batch) {
+    std::vector<Answer> answers(batch.size());
+    for (std::size_t i = 0; i < batch.size(); ++i) {
+        answers[i].ticket = batch[i]->ticket;
+    }
+    return answers;
+}
+
+// They have failed for good. Where there is no memory for the reason, none is given.
+inline void failAll(std::vector<Answer>& answers, const char* reason) noexcept {
+    for (Answer& answer : answers) {
+        answer.fate = Fate::Failed;
+        try {
+            answer.reason = reason;
+        } catch (const std::bad_alloc&) {
+            answer.reason.clear();
+        }
+    }
+}
 
 // Where records go: an engine, a file, a registry of metrics. A sink makes one attempt for each
 // record that it is sent. Retry, back-off, order, spool and deadline are the forwarder's.
@@ -87,12 +101,13 @@ public:
     virtual void start(IAnswers& answers) = 0;
 
     // Hands the records over, in order, without waiting for the network. Each of `batch` stays
-    // valid until it is answered. Failures are answers; it does not throw.
+    // valid until it is answered. Failures are answers. It throws only std::bad_alloc, when it has
+    // taken none of the batch.
     virtual void send(const std::vector<const Record*>& batch) = 0;
 
     // Gives up what is in flight. Returns at once; each record in flight is then answered soon:
     // TryAgain, unless an answer of the engine was on its way. With nothing in flight it does
-    // nothing.
+    // nothing. It throws only std::bad_alloc, and is then called again.
     virtual void purge() = 0;
 
     // The destructor ends the sink's threads; after it nothing is answered any more. Records that

@@ -116,6 +116,7 @@ struct Spool::Tables {
 
     u64 idOf(const std::shared_ptr<const Origin>& origin);
     std::shared_ptr<const Origin> origin(u64 id);
+    bool hasUntold() { return database.number("SELECT COUNT(*) FROM evicted WHERE told = 0") > 0; }
 };
 
 u64 Spool::Tables::idOf(const std::shared_ptr<const Origin>& origin) {
@@ -140,6 +141,9 @@ std::shared_ptr<const Origin> Spool::Tables::origin(u64 id) {
         for (readOrigin.bind(1, id); readOrigin.next();) {
             known = std::make_shared<Origin>(Origin{readOrigin.text(0), readOrigin.text(1)});
         }
+    }
+    if (known == nullptr) {
+        throw SqliteError::ofDamage("a record's process is missing");
     }
     return known;
 }
@@ -166,7 +170,7 @@ void Spool::open() {
         m_count = database.number("SELECT COUNT(*) FROM records");
         m_bytes = database.number("SELECT SUM(LENGTH(line)) FROM records") + m_count * rowBytes;
         m_lastTicket = database.number("SELECT MAX(ticket) FROM records");
-        m_hasUntold = database.number("SELECT COUNT(*) FROM evicted WHERE told = 0") > 0;
+        m_hasUntold = m_tables->hasUntold();
     } catch (const SqliteError& error) {
         m_tables.reset();
         passOn(m_options.path, error);
@@ -201,12 +205,12 @@ void Spool::putAside() const {
 std::vector<u64> Spool::commit(const SpoolChange& change) {
     Totals totals{m_count, m_bytes, m_lastTicket, m_hasUntold};
     std::vector<u64> evicted;
+    m_tables->lastAdded = nullptr; // a transaction that failed may have added it
     try {
         SqliteTransaction transaction(m_tables->database);
         evicted = this->change(change, totals);
         transaction.commit();
     } catch (const SqliteError& error) {
-        m_tables->lastAdded = nullptr; // it may have been added by this very transaction
         passOn(m_options.path, error);
     }
     m_count = totals.count;
@@ -226,7 +230,9 @@ std::vector<u64> Spool::change(const SpoolChange& change, Totals& totals) {
         m_tables->tell.bind(2, range);
         m_tables->tell.run();
     }
-    totals.hasUntold = totals.hasUntold && change.told.empty(); // all of them are told
+    if (!change.told.empty()) {
+        totals.hasUntold = m_tables->hasUntold();
+    }
     return evict(totals);
 }
 
@@ -268,6 +274,7 @@ std::vector<u64> Spool::evict(Totals& totals) {
     };
     std::vector<Row> rows;
     u64 bytes = totals.bytes;
+    m_tables->oldest.reset();
     while (bytes > m_options.limitBytes && m_tables->oldest.next()) {
         const SqliteStatement& row = m_tables->oldest;
         rows.push_back({row.number(0), row.number(1), row.number(2), costOf(row.number(3))});
@@ -324,6 +331,7 @@ std::vector<EvictedRange> Spool::untold() {
     std::vector<EvictedRange> ranges;
     try {
         SqliteStatement& rows = m_tables->untold;
+        rows.reset();
         while (m_hasUntold && rows.next()) {
             ranges.push_back({rows.number(0), *m_tables->origin(rows.number(1)), rows.number(2),
                               rows.number(3), rows.number(4)});

@@ -10,6 +10,10 @@ namespace {
 
 } // namespace
 
+SqliteError SqliteError::ofDamage(const std::string& text) {
+    return {text, SQLITE_CORRUPT};
+}
+
 bool SqliteError::isDamage() const {
     return m_code == SQLITE_CORRUPT || m_code == SQLITE_NOTADB;
 }
@@ -64,15 +68,18 @@ void SqliteStatement::Finalize::operator()(sqlite3_stmt* statement) const {
 }
 
 void SqliteStatement::bind(int parameter, u64 value) {
+    reset();
     sqlite3_bind_int64(m_statement.get(), parameter, static_cast<sqlite3_int64>(value));
 }
 
 void SqliteStatement::bind(int parameter, std::string_view value) {
+    reset();
     sqlite3_bind_text64(m_statement.get(), parameter, value.data(), value.size(), SQLITE_STATIC,
                         SQLITE_UTF8);
 }
 
 void SqliteStatement::bindBytes(int parameter, std::string_view value) {
+    reset();
     sqlite3_bind_blob64(m_statement.get(), parameter, value.data(), value.size(), SQLITE_STATIC);
 }
 

@@ -15,6 +15,8 @@ struct sqlite3_stmt;
 class SqliteError : public std::runtime_error {
 public:
     SqliteError(const std::string& text, int code) : std::runtime_error(text), m_code(code) {}
+    // What is read makes no sense.
+    static SqliteError ofDamage(const std::string& text);
 
     // The file is no database, or a damaged one.
     bool isDamage() const;
@@ -49,6 +51,7 @@ class SqliteStatement {
 public:
     SqliteStatement(SqliteDatabase& database, std::string_view sql);
 
+    // A value for the next run; leaves the rows of the last one that are left.
     void bind(int parameter, u64 value);
     // The text has to stay as it is until the statement has been run.
     void bind(int parameter, std::string_view value);

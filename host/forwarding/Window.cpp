@@ -20,13 +20,16 @@ u64 Window::oldestSentNs() const {
     return oldest->sentNs;
 }
 
-void Window::add(Record record, TrackedPtr<AnalyticsParcel> parcel) {
-    m_bytes += record.line.size();
-    m_entries.push_back({std::move(record), std::move(parcel)});
+void Window::add(Record&& record, TrackedPtr<AnalyticsParcel>&& parcel) {
+    Entry& entry = m_entries.emplace_back();
+    entry.record = std::move(record);
+    entry.parcel = std::move(parcel);
+    m_bytes += entry.record.line.size();
 }
 
 std::vector<const Record*> Window::send(u64 nowNs) {
     std::vector<const Record*> batch;
+    batch.reserve(m_entries.size() - m_next);
     for (; m_next < m_entries.size(); ++m_next) {
         Entry& entry = m_entries[m_next];
         if (m_inFlight >= ISink::maxRecords || m_inFlightBytes >= ISink::maxBytes) {
@@ -43,22 +46,23 @@ std::vector<const Record*> Window::send(u64 nowNs) {
     return batch;
 }
 
-std::optional<Window::Answered> Window::settle(u64 ticket) {
-    Entry* entry = findInFlight(ticket);
-    if (entry == nullptr) {
-        return std::nullopt;
-    }
-    const Answered answered{entry->isEvicted};
-    finish(*entry);
-    return answered;
+std::optional<Window::InFlight> Window::find(u64 ticket) {
+    const Entry* entry = findInFlight(ticket);
+    return entry != nullptr ? std::optional<InFlight>({entry->isEvicted}) : std::nullopt;
 }
 
-std::optional<Window::Answered> Window::putBack(u64 ticket) {
+void Window::settle(u64 ticket) {
+    if (Entry* entry = findInFlight(ticket)) {
+        finish(*entry);
+    }
+}
+
+std::optional<Window::InFlight> Window::putBack(u64 ticket) {
     Entry* entry = findInFlight(ticket);
     if (entry == nullptr) {
         return std::nullopt;
     }
-    const Answered answered{entry->isEvicted};
+    const InFlight record{entry->isEvicted};
     if (entry->isEvicted) {
         finish(*entry);
     } else {
@@ -66,11 +70,11 @@ std::optional<Window::Answered> Window::putBack(u64 ticket) {
         --m_inFlight;
         m_inFlightBytes -= entry->record.line.size();
     }
-    return answered;
+    return record;
 }
 
 Window::Eviction Window::evict(u64 ticket) {
-    Entry* entry = find(ticket);
+    Entry* entry = entryOf(ticket);
     if (entry == nullptr) {
         return Eviction::NotHere;
     }
@@ -92,7 +96,7 @@ std::vector<const Record*> Window::kept() const {
     return records;
 }
 
-Window::Entry* Window::find(u64 ticket) {
+Window::Entry* Window::entryOf(u64 ticket) {
     const auto found =
         std::lower_bound(m_entries.begin(), m_entries.end(), ticket,
                          [](const Entry& entry, u64 value) { return entry.record.ticket < value; });
@@ -102,7 +106,7 @@ Window::Entry* Window::find(u64 ticket) {
 }
 
 Window::Entry* Window::findInFlight(u64 ticket) {
-    Entry* entry = find(ticket);
+    Entry* entry = entryOf(ticket);
     return entry != nullptr && entry->state == State::InFlight ? entry : nullptr;
 }
 

@@ -13,9 +13,8 @@
 // thread at a time.
 class Window {
 public:
-    // A record that was answered.
-    struct Answered {
-        bool wasEvicted; // its place in the spool was given up while it was in flight
+    struct InFlight {
+        bool wasEvicted; // its place in the spool was given up since
     };
     enum class Eviction { NotHere, Waiting, InFlight };
 
@@ -27,15 +26,18 @@ public:
     // When the oldest record in flight was sent; Wakeup::never if none is.
     u64 oldestSentNs() const;
 
-    // Its ticket is higher than all others. `parcel` is the record's, or null.
-    void add(Record record, TrackedPtr<AnalyticsParcel> parcel);
+    // Its ticket is higher than all others. `parcel` is the record's, or null. Both stay the
+    // caller's if it throws.
+    void add(Record&& record, TrackedPtr<AnalyticsParcel>&& parcel);
     // The next records to send, up to the limits of what may be in flight; they are in flight from
-    // then on. They stay where they are until they are answered.
+    // then on. They stay where they are until they are answered. A throw leaves all as it was.
     std::vector<const Record*> send(u64 nowNs);
-    // Takes a record in flight out. Nothing for a ticket that is not in flight.
-    std::optional<Answered> settle(u64 ticket);
-    // A record in flight waits again; what was evicted meanwhile is taken out.
-    std::optional<Answered> putBack(u64 ticket);
+    // The record in flight with this ticket, if there is one.
+    std::optional<InFlight> find(u64 ticket);
+    // Takes it out.
+    void settle(u64 ticket);
+    // It waits again, or is taken out if it was evicted. Returns what it was, if there is one.
+    std::optional<InFlight> putBack(u64 ticket);
     // The next record to send is the oldest that waits.
     void rewind() { m_next = 0; }
     // The spool gave its place up: takes it out, unless it is in flight.
@@ -48,13 +50,13 @@ private:
     enum class State { Waiting, InFlight, Done };
     struct Entry {
         Record record;
-        TrackedPtr<AnalyticsParcel> parcel;
+        TrackedPtr<AnalyticsParcel> parcel{nullptr, TRACKED_DELETE};
         State state = State::Waiting;
         bool isEvicted = false;
         u64 sentNs = 0;
     };
 
-    Entry* find(u64 ticket);
+    Entry* entryOf(u64 ticket);
     Entry* findInFlight(u64 ticket);
     void finish(Entry& entry);
 

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <exception>
 #include <utility>
+#include <vector>
 
 RunPage::RunPage(std::string path)
     : m_path(std::move(path)), m_collector({}), m_lines(m_collector.linesOf("this run")) {
@@ -13,15 +14,15 @@ RunPage::RunPage(std::string path)
 }
 
 void RunPage::send(const std::vector<const Record*>& batch) {
-    Answer answer;
+    std::vector<Answer> answers = deliveredAll(batch);
     try {
         for (const Record* record : batch) {
             add(record->line);
         }
     } catch (const std::exception& error) {
-        answer = {0, Fate::Failed, error.what()};
+        failAll(answers, error.what());
     }
-    m_answers->answerAll(batch, answer);
+    m_answers->answer(std::move(answers));
 }
 
 void RunPage::write() const {
