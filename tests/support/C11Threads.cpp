@@ -42,6 +42,7 @@ pthread_cond_t* posix(cnd_t* condition) {
 
 } // namespace
 
+#pragma GCC visibility push(default) // librdkafka is to find them
 extern "C" {
 
 int thrd_create(thrd_t* thread, thrd_start_t function, void* argument) {
@@ -106,3 +107,4 @@ void cnd_destroy(cnd_t* condition) {
 }
 
 } // extern "C"
+#pragma GCC visibility pop
