@@ -37,9 +37,9 @@ TEST(LogLine, NamesItsPlace) {
     LogLineSpeaker::speak(evaluated, &size);
     const std::string speak =
         "static unsigned int*LogLineSpeaker::speak(const std::string&, const int*)";
-    EXPECT_EQ(toText(log),
-              "common info [" + speak + "] 3:  size=7 \n" +
-                  failedIn("LogLineTest", speak, "size == nullptr", " size=7 evaluated=abc"));
+    EXPECT_EQ(toText(log), "common info [" + speak + "] 3:  size=7 \nkel assert [" + speak +
+                               "] 3:  LogLineTest.cpp N: size == nullptr failed.  size=7 "
+                               "evaluated=abc\n");
 }
 
 } // namespace

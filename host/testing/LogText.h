@@ -31,9 +31,17 @@ inline std::string toText(const RecordingLog& log) {
     return result;
 }
 
-// The line of an assertion that failed in `source`.
-inline std::string failedIn(const std::string& source, const std::string& function,
-                            const std::string& condition, const std::string& details = "") {
-    return "kel assert [" + function + "] 3:  " + source + ".cpp N: " + condition + " failed. " +
-           details + "\n";
+// All lines together, shorter: the function's name stands for its signature, the detail is left
+// out, and the text is in quotes with its line ends escaped: kel info getNextSchedule "text \n".
+inline std::string toBriefText(const RecordingLog& log) {
+    std::string result;
+    for (const RecordingLog::Line& line : log.lines()) {
+        std::smatch name;
+        std::regex_search(line.function, name, std::regex("(\\w+)\\("));
+        result += std::string(toString(line.module)) + " " + toString(line.level) + " " +
+                  name.str(1) + " \"" +
+                  std::regex_replace(withoutLineNumbers(line.text), std::regex("\n"), "\\n") +
+                  "\"\n";
+    }
+    return result;
 }
