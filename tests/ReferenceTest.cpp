@@ -26,21 +26,18 @@ std::string withoutLineEnds(const std::string& text) {
 }
 
 // All sources of the product, one after the other.
-const std::string& sources() {
-    static const std::string all = [] {
-        std::string text;
-        for (const char* const room : {"common", "host"}) {
-            for (const auto& entry : fs::recursive_directory_iterator(fs::path(ROOT) / room)) {
-                const std::string name = entry.path().string();
-                const bool isTest = name.find("/testing/") != std::string::npos;
-                if (!isTest && std::regex_search(name, std::regex("\\.(h|cpp)$"))) {
-                    text += read(entry.path());
-                }
+std::string readSources() {
+    std::string text;
+    for (const char* const room : {"common", "host"}) {
+        for (const auto& entry : fs::recursive_directory_iterator(fs::path(ROOT) / room)) {
+            const std::string name = entry.path().string();
+            const bool isTest = name.find("/testing/") != std::string::npos;
+            if (!isTest && std::regex_search(name, std::regex("\\.(h|cpp)$"))) {
+                text += read(entry.path());
             }
         }
-        return std::regex_replace(text, std::regex("(^|\n) *//[^\n]*"), "\n");
-    }();
-    return all;
+    }
+    return std::regex_replace(text, std::regex("(^|\n) *//[^\n]*"), "\n");
 }
 
 // What the first group of the pattern matches in a text, without repetition.
@@ -54,11 +51,11 @@ std::set<std::string> matches(const std::string& text, const std::string& patter
 }
 
 // The texts of the log lines: the literals that are streamed into them.
-std::set<std::string> logTexts() {
+std::set<std::string> logTexts(const std::string& sources) {
     const std::string literal = R"("(?:\\.|[^"\\])*")";
     std::set<std::string> texts;
     for (const std::string& line : matches(
-             sources(), R"(((?:LogItem(?: item)?|LOG_LINE)\(\w+, (?:[^;"]|)" + literal + ")*);")) {
+             sources, R"(((?:LogItem(?: item)?|LOG_LINE)\(\w+, (?:[^;"]|)" + literal + ")*);")) {
         for (const std::string& text : matches(line, "(" + literal + ")")) {
             texts.insert(
                 std::regex_replace(text.substr(1, text.size() - 2), std::regex("\\\\(.)"), "$1"));
@@ -67,30 +64,22 @@ std::set<std::string> logTexts() {
     return texts;
 }
 
-void expectListed(const std::set<std::string>& names, std::size_t atLeast,
-                  const std::string& quote = "") {
-    static const std::string document = withoutLineEnds(read(fs::path(ROOT) / "docs/reference.md"));
-    EXPECT_GE(names.size(), atLeast) << "the sources were not read as they should be";
-    for (const std::string& name : names) {
-        EXPECT_NE(document.find(quote + withoutLineEnds(name) + quote), std::string::npos)
-            << "missing: " << name;
+TEST(Reference, ListsWhatTheSourcesHave) {
+    const std::string sources = readSources();
+    const std::tuple<std::set<std::string>, std::size_t, std::string> rows[] = {
+        // names, how many of them at least, and what stands around each
+        {matches(sources, R"(\b(t_[A-Za-z]\w+))"), 7, ""},
+        {logTexts(sources), 40, ""},
+        {matches(sources, R"(\bEXPECT_OR_REPORT\(([^;\n]*?)\)(?:;|\n| <<))"), 10, ""},
+        {matches(sources, R"(addEntry\(\s*"(\w+)\")"), 15, "`"}};
+    const std::string document = withoutLineEnds(read(fs::path(ROOT) / "docs/reference.md"));
+    for (const auto& [names, atLeast, quote] : rows) {
+        EXPECT_GE(names.size(), atLeast) << "the sources were not read as they should be";
+        for (const std::string& name : names) {
+            EXPECT_NE(document.find(quote + withoutLineEnds(name) + quote), std::string::npos)
+                << "missing: " << name;
+        }
     }
-}
-
-TEST(Reference, ListsEveryTunable) {
-    expectListed(matches(sources(), R"(\b(t_[A-Za-z]\w+))"), 7);
-}
-
-TEST(Reference, ListsEveryLogText) {
-    expectListed(logTexts(), 40);
-}
-
-TEST(Reference, ListsEveryBrokenExpectation) {
-    expectListed(matches(sources(), R"(\bEXPECT_OR_REPORT\(([^;\n]*?)\)(?:;|\n| <<))"), 10);
-}
-
-TEST(Reference, ListsEveryParcelKey) {
-    expectListed(matches(sources(), R"(addEntry\(\s*"(\w+)\")"), 15, "`");
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include "host/testing/RecordingLog.h"
 
 #include <regex>
+#include <sstream>
 #include <string>
 
 // Log lines as texts to compare: "kel info [virtual u64 Policy::getNextSchedule()] 3: text\n".
@@ -44,4 +45,11 @@ inline std::string toBriefText(const RecordingLog& log) {
                   "\"\n";
     }
     return result;
+}
+
+// The text with a name in the place of an address.
+inline std::string withName(const std::string& text, const void* address, const std::string& name) {
+    std::ostringstream digits;
+    digits << address;
+    return std::regex_replace(text, std::regex(digits.str()), name);
 }
