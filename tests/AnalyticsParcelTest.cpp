@@ -1,12 +1,7 @@
 #include "common/Analytics/AnalyticsParcel.h"
 
 #include "common/Analytics/AnalyticsParcelSender.h"
-#include "host/testing/FakeServices.h"
-#include "host/testing/LogText.h"
-#include "host/testing/ParcelText.h"
-#include "tests/support/FailingMemory.h"
-
-#include <gtest/gtest.h>
+#include "tests/support/LibraryTest.h"
 
 #include <functional>
 #include <limits>
@@ -17,10 +12,7 @@ using Parcel = AnalyticsParcel;
 
 constexpr double lowest = std::numeric_limits<double>::lowest();
 
-struct AnalyticsParcelTest : testing::Test {
-    FakeServices services;
-    RecordingLog log;
-};
+using AnalyticsParcelTest = LibraryTest;
 
 TEST_F(AnalyticsParcelTest, HoldsWhatItWasGivenLast) {
     services.timer.advanceTo(1'700'000'000'123);

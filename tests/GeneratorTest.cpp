@@ -1,12 +1,7 @@
 #include "common/Analytics/StorageAnalyticsGenerator.h"
 #include "host/testing/FakeAio.h"
-#include "host/testing/FakeServices.h"
 #include "host/testing/FakeTweaks.h"
-#include "host/testing/LogText.h"
-#include "host/testing/ParcelText.h"
-#include "tests/support/FailingMemory.h"
-
-#include <gtest/gtest.h>
+#include "tests/support/LibraryTest.h"
 
 namespace {
 
@@ -21,14 +16,10 @@ struct SlowGenerator : StorageAnalyticsGenerator {
     FakeTimer& timer;
 };
 
-struct GeneratorTest : testing::Test {
-    void TearDown() override { EXPECT_EQ(services.memShield.live(), 0U); }
-
+struct GeneratorTest : LibraryTest {
     TrackedPtr<AnalyticsParcel> report() { return {generator.finalizeParcel(), TRACKED_DELETE}; }
 
-    FakeServices services;
     const int fired = services.timer.advanceTo(100); // when the first period begins
-    RecordingLog log;
     SlowGenerator generator{services.timer};
 };
 

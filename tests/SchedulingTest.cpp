@@ -1,10 +1,7 @@
 #include "common/Analytics/PeriodicAnalyticsScheduler.h"
 
 #include "common/Analytics/FixedFrequencySchedulingPolicy.h"
-#include "host/testing/FakeServices.h"
-#include "host/testing/LogText.h"
-
-#include <gtest/gtest.h>
+#include "tests/support/LibraryTest.h"
 
 #include <cstdlib>
 #include <functional>
@@ -47,7 +44,7 @@ TEST(IAnalyticsSchedulingPolicy, TellsTheTimeInUtcWhateverTheTimeZone) {
 
 // A policy and a finalizer that note in a journal when they are used and released, together with
 // how many parcels were pushed by then, what was armed, and how many tracked objects live.
-struct SchedulerTest : testing::Test {
+struct SchedulerTest : LibraryTest {
     struct Policy : IAnalyticsSchedulingPolicy {
         ~Policy() override { test->note("~policy"); }
         u64 getNextSchedule() override { return test->note("policy"), test->nextDelay(); }
@@ -58,10 +55,6 @@ struct SchedulerTest : testing::Test {
     };
 
     SchedulerTest() { test = this; }
-    void TearDown() override {
-        services.outbox.freeAndRemoveAllParcels();
-        EXPECT_EQ(services.memShield.live(), 0U);
-    }
     std::string progress() {
         std::string text = std::to_string(services.outbox.pushes().size()) + " pushed,";
         for (const FakeTimer::Expiry& expiry : services.timer.armed()) {
@@ -76,8 +69,6 @@ struct SchedulerTest : testing::Test {
     }
 
     inline static SchedulerTest* test = nullptr;
-    FakeServices services;
-    RecordingLog log;
     std::string journal;
     std::function<u64()> nextDelay = [] { return 60'000; };
     std::function<AnalyticsParcel*()> make = [] { return TRACKED_NEW(AnalyticsParcel)(); };

@@ -1,27 +1,19 @@
 #include "common/Analytics/StorageAnalyticsGenerator.h"
-#include "host/services/LogService.h"
 #include "host/services/StorageReportFinalizer.h"
 #include "host/services/StorageSetGenerator.h"
-#include "host/testing/FakeServices.h"
-#include "host/testing/ParcelText.h"
-#include "tests/support/FailingMemory.h"
-
-#include <gtest/gtest.h>
+#include "tests/support/LibraryTest.h"
 
 namespace {
 
 constexpr u64 us = 1'000;
 constexpr u64 ms = 1'000'000;
 
-class StorageReportTest : public testing::Test {
+class StorageReportTest : public LibraryTest {
 protected:
-    void TearDown() override { EXPECT_EQ(services.memShield.live(), 0U); }
-
     static TrackedPtr<AnalyticsParcel> report(IPeriodicAnalyticsParcelFinalizer& finalizer) {
         return {finalizer.finalizeParcel(), TRACKED_DELETE};
     }
 
-    FakeServices services;
     AIO aio;
     Installed<AIO, AIO> installedAio{aio};
     u64 nowNs = 1'000 * ms;
