@@ -10,7 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <optional>
 
 namespace {
@@ -139,11 +138,14 @@ TEST_F(ParcelOutboxTest, AWaitHasALimit) {
 TEST_F(ParcelOutboxTest, EveryWaiterIsWoken) {
     constexpr u32 rounds = 200;
     for (u32 round = 0; round <= rounds && !HasFailure(); ++round) {
-        std::atomic<int> begun{0};
+        std::atomic<u32> begun{0};
         const auto wait = [&](milliseconds limit) { return ++begun, outbox->waitForParcel(limit); };
-        std::array waits{std::async(std::launch::async, wait, milliseconds::max()),
-                         std::async(std::launch::async, wait, milliseconds::max())};
-        for (u32 turn = 0; begun < 2 || turn < round; ++turn) { // so that they mostly wait by then
+        std::vector<std::future<bool>> waits(1 + round % 2);
+        for (auto& each : waits) {
+            each = std::async(std::launch::async, wait, milliseconds::max());
+        }
+        for (u32 turn = 0; begun < waits.size() || turn < round;
+             ++turn) { // so that they mostly wait by then
             std::this_thread::yield();
         }
         round < rounds ? push(round, round) : outbox->stopWaiting();

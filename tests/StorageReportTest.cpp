@@ -50,18 +50,16 @@ TEST_F(StorageReportTest, TheFirstPeriodBeginsWithTheFinalizer) {
 
 TEST_F(StorageReportTest, ASetIsReportedLikeTheProcess) {
     // Of the latencies beyond the last bound, two are of slow I/Os, each of an episode.
-    u64 latencyUs = 4;
-    for (const u32 ios : {7, 6, 5, 3}) {
-        for (u32 i = 0; i < ios; ++i) {
+    for (const auto& [latencyUs, ios] : {std::pair(4, 7), {14, 6}, {24, 5}, {34, 3}}) {
+        for (int i = 0; i < ios; ++i) {
             set.countIo(latencyUs * us);
         }
-        latencyUs += 10;
     }
     for (const u64 slowMs : {40, 100}) {
         nowNs += slowMs * ms;
         set.countIo(slowMs * ms);
         nowNs += 50 * ms;
-        set.countIo(latencyUs * us);
+        set.countIo(44 * us);
     }
     set.countFailedIo(1 * us);
     nowNs += 3 * ms;

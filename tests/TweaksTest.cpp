@@ -4,7 +4,7 @@
 #include "common/infra/StringUtils.h"
 #include "host/services/TweaksFile.h"
 #include "host/testing/Installed.h"
-#include "host/testing/RecordingLog.h"
+#include "host/testing/LogText.h"
 #include "tests/support/FailingMemory.h"
 
 #include <gtest/gtest.h>
@@ -36,34 +36,36 @@ TEST(StringUtilsTest, SplitsAtEachSeparatorAndFindsWhateverTheLetterCase) {
 TEST(TweaksTest, LooksUpByNameAndType) {
     RecordingLog log;
     Tweaks tweaks;
-    const auto answers = [&] { // as each type
-        std::ostringstream all;
-        all << tweaks.longVal("t_Name", DefaultTweakValue<s64>(-7)) << " "
-            << tweaks.intVal("t_name", DefaultTweakValue<int>(-8)) << " "
-            << tweaks.uintVal("T_NAME", DefaultTweakValue<u32>(9)) << " "
-            << tweaks.boolVal("t_Name", DefaultTweakValue<bool>(true)) << " "
-            << tweaks.stringVal("t_Name", DefaultTweakValue<std::string>("none"));
-        return all.str();
+    std::ostringstream told;
+    const auto tellAnswers = [&](const std::string& text) { // as each type
+        told << text << ": " << tweaks.longVal("t_Name", DefaultTweakValue<s64>(-7)) << " "
+             << tweaks.intVal("t_name", DefaultTweakValue<int>(-8)) << " "
+             << tweaks.uintVal("T_NAME", DefaultTweakValue<u32>(9)) << " "
+             << tweaks.boolVal("t_Name", DefaultTweakValue<bool>(true)) << " "
+             << tweaks.stringVal("t_Name", DefaultTweakValue<std::string>("none")) << "\n";
     };
-    EXPECT_EQ(answers(), "-7 -8 9 1 none");
-    DefaultTweakValue<u32> invalid(9);
-    invalid.m_valid = false;
-    EXPECT_EQ(tweaks.uintVal("t_Name", invalid), 0U);
-    // A text, and the answers to it as all types but a text.
-    for (const std::string row :
-         {"-9223372036854775808 -9223372036854775808 -8 9 1", "9223372036854775808 -7 -8 9 1",
-          "4294967295 4294967295 -8 4294967295 1", "-1 -1 -1 9 1", "0x12 -7 -8 9 1",
-          "false -7 -8 9 0", "true -7 -8 9 1", " -7 -8 9 1"}) {
-        const std::string text = row.substr(0, row.find(' '));
+    tellAnswers("\nnot set");
+    for (const char* text : {"-9223372036854775808", "9223372036854775808", "4294967295", "-1",
+                             "0x12", "false", "true", ""}) {
         tweaks.set("t_Name", text);
-        EXPECT_EQ(text + " " + answers(), row + " " + text);
+        tellAnswers(text);
     }
+    EXPECT_EQ(told.str(), R"(
+not set: -7 -8 9 1 none
+-9223372036854775808: -9223372036854775808 -8 9 1 -9223372036854775808
+9223372036854775808: -7 -8 9 1 9223372036854775808
+4294967295: 4294967295 -8 4294967295 1 4294967295
+-1: -1 -1 9 1 -1
+0x12: -7 -8 9 1 0x12
+false: -7 -8 9 0 false
+true: -7 -8 9 1 true
+: -7 -8 9 1 )"
+                          "\n");
     log.clear();
     tweaks.set("t_Name", "12 \n\x7f");
-    EXPECT_EQ(tweaks.uintVal("T_NAME", DefaultTweakValue<u32>(9)), 9U);
-    EXPECT_EQ(log.texts(ErrorLevel),
-              Texts{" tunable=T_NAME text=\"12 \\x0a\\x7f\" expected a whole "
-                    "number from 0 to 4294967295\n"});
+    EXPECT_EQ(tweaks.uintVal("T_NAME", DefaultTweakValue<u32>()), 0U); // no default
+    EXPECT_EQ(toBriefText(log), "common error lookUp \" tunable=T_NAME text=\"12 \\x0a\\x7f\" "
+                                "expected a whole number from 0 to 4294967295\\n\"\n");
 }
 
 // A tunables file in a folder of its own, on fresh services.
@@ -112,26 +114,22 @@ protected:
 };
 
 TEST_F(TweaksFileTest, LogsEachChange) {
-    const std::string rows[][3] = {{interval, "86400", "4294967"},
-                                   {flag, "false", "true"},
-                                   {threshold, "50000", "0"},
-                                   {"t_StorageAnalyticsLatencyFast", "1000", "1"},
-                                   {"t_StorageAnalyticsLatencyModerate", "5000", "2"},
-                                   {"t_StorageAnalyticsLatencySlow", "20000", "3"},
-                                   {"t_StorageAnalyticsLatencyVerySlow", "100000", "4294967295"}};
-    std::string content, there, back;
-    for (const auto& [name, before, after] : rows) {
-        content.append("T").append(name, 1).append(" = ").append(after).append("\n");
-        there += (there.empty() ? " " : ", ") + name + " " + before + " -> " + after;
-        back += (back.empty() ? " " : ", ") + name + " " + after + " -> " + before +
-                " (not in the file: the default)";
-    }
-    load(content);
+    load(R"(
+T_StorageAnalyticsIntervalSec = 4294967
+t_DISABLEPeriodicAnalytics = true
+t_StorageAnalyticsLatencyThreshold = 0
+t_StorageAnalyticsLatencyFast = 1
+t_StorageAnalyticsLatencyModerate = 2
+t_StorageAnalyticsLatencySlow = 3
+t_StorageAnalyticsLatencyVerySlow = 4294967295
+)");
     file->load(); // changes nothing
     write("");
     file->load();
-    EXPECT_EQ(log.texts(InfoLevel), Texts{" " + path + ":" + there + "\n"});
-    EXPECT_EQ(log.texts(WarnLevel), Texts{" " + path + ":" + back + "\n"});
+    EXPECT_EQ("\n" + std::regex_replace(toBriefText(log), std::regex(path), "PATH"), R"(
+common info load " PATH: t_StorageAnalyticsIntervalSec 86400 -> 4294967, t_disablePeriodicAnalytics false -> true, t_StorageAnalyticsLatencyThreshold 50000 -> 0, t_StorageAnalyticsLatencyFast 1000 -> 1, t_StorageAnalyticsLatencyModerate 5000 -> 2, t_StorageAnalyticsLatencySlow 20000 -> 3, t_StorageAnalyticsLatencyVerySlow 100000 -> 4294967295\n"
+common warn load " PATH: t_StorageAnalyticsIntervalSec 4294967 -> 86400 (not in the file: the default), t_disablePeriodicAnalytics true -> false (not in the file: the default), t_StorageAnalyticsLatencyThreshold 0 -> 50000 (not in the file: the default), t_StorageAnalyticsLatencyFast 1 -> 1000 (not in the file: the default), t_StorageAnalyticsLatencyModerate 2 -> 5000 (not in the file: the default), t_StorageAnalyticsLatencySlow 3 -> 20000 (not in the file: the default), t_StorageAnalyticsLatencyVerySlow 4294967295 -> 100000 (not in the file: the default)\n"
+)");
     EXPECT_EQ(live.t_StorageAnalyticsLatencyModerate, 5'000U);
 }
 
@@ -271,7 +269,7 @@ TEST_F(TweaksFileTest, IsFollowedOnWhenMemoryFailed) {
     EXPECT_TRUE(log.waitFor("1 -> 2"));
     write(threshold + "=3");
     EXPECT_TRUE(log.waitFor(path + ": std::bad_alloc; tried again in a second"));
-    EXPECT_TRUE(log.waitFor("2 -> 3"));
+    EXPECT_TRUE(log.waitFor("2 -> 3")) << toText(log);
 }
 
 } // namespace
