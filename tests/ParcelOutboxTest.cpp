@@ -93,12 +93,12 @@ TEST_F(ParcelOutboxTest, DropsTheOldest) {
     EXPECT_EQ(counts(), (Numbers{17, 8, 6, 3, 0}));
     push(1, 6);
     outbox.reset();
-    const std::string begin = "common warn finishDrop \" parcel outbox is full, the oldest parcels "
+    const std::string begin = "common warn logBegin \" parcel outbox is full, the oldest parcels "
                               "are dropped: maxSize=3 \\n\"\n";
     std::string lines;
     for (const char* dropped : {"2", "1", "1", "2", "3"}) {
         lines += begin +
-                 "common info logRun \" parcel outbox is no longer full: dropped=" + dropped +
+                 "common info logLength \" parcel outbox is no longer full: dropped=" + dropped +
                  " \\n\"\n";
     }
     EXPECT_EQ(toBriefText(log), lines);

@@ -221,7 +221,12 @@ TEST(LatencyBucketsTest, BucketsJoin) {
 TEST_F(StorageLatencyTest, NothingIsLostBetweenReadingAndCounting) {
     constexpr u64 perThread = 4'000;
     constexpr unsigned int threadCount = ThreadLane::count + 2; // so that some have no lane
+    std::atomic<unsigned int> ready{0};
     auto threads = startTogether(threadCount, [&] {
+        ThreadLane::mine();
+        for (++ready; ready < threadCount;) { // each has what it gets before one gives it back
+            std::this_thread::yield();
+        }
         for (u64 i = 0; i < perThread; ++i) {
             latency.countIo(i % 50 * us);
             latency.countIo(200 * us);

@@ -6,6 +6,7 @@
 #include "host/testing/Installed.h"
 #include "host/testing/LogText.h"
 #include "tests/support/FailingMemory.h"
+#include "tests/support/Together.h"
 
 #include <gtest/gtest.h>
 
@@ -261,6 +262,7 @@ TEST_F(TweaksFileTest, IsAppliedAsAWholeWhenMemoryFails) {
     EXPECT_TRUE(live.t_disablePeriodicAnalytics);
 }
 
+// What goes on beside the file must not put the next attempt off.
 TEST_F(TweaksFileTest, IsFollowedOnWhenMemoryFailed) {
     load(threshold + "=1");
     write(threshold + "=2");
@@ -269,7 +271,14 @@ TEST_F(TweaksFileTest, IsFollowedOnWhenMemoryFailed) {
     EXPECT_TRUE(log.waitFor("1 -> 2"));
     write(threshold + "=3");
     EXPECT_TRUE(log.waitFor(path + ": std::bad_alloc; tried again in a second"));
+    std::atomic<bool> over{false};
+    const auto busy = startTogether(1, [&] {
+        while (!over) {
+            std::ofstream(folder / "other");
+        }
+    });
     EXPECT_TRUE(log.waitFor("2 -> 3")) << toText(log);
+    over = true;
 }
 
 } // namespace
