@@ -11,6 +11,7 @@
 #include <iomanip>
 #include <limits>
 #include <locale>
+#include <map>
 
 namespace {
 
@@ -163,6 +164,21 @@ trace qem [void f()] two  {}
 info common [void f()] two  {}
 )");
     std::filesystem::remove(path);
+}
+
+TEST(SpdlogSinkTest, AFileOf10MiBIsReplacedAndThreeOlderOnesStay) {
+    const std::string folder = testing::TempDir() + "logs." + std::to_string(getpid());
+    std::filesystem::create_directory(folder);
+    const auto sink = SpdlogSink::toFile(folder + "/log");
+    for (int line = 0; line < 46; ++line) { // 9 of them fit into a file
+        sink->write({LogModuleKel, InfoLevel, "f", 3, std::string(1U << 20U, 'x')});
+    }
+    std::map<std::string, std::uintmax_t> sizes; // in MiB
+    for (const auto& file : std::filesystem::directory_iterator(folder)) {
+        sizes[file.path().filename()] = file.file_size() >> 20U;
+    }
+    EXPECT_EQ(sizes, (decltype(sizes){{"log", 1}, {"log.1", 9}, {"log.2", 9}, {"log.3", 9}}));
+    std::filesystem::remove_all(folder);
 }
 
 TEST(SpdlogSinkTest, AFileThatCannotBeWrittenIsRefusedWithTheReason) {

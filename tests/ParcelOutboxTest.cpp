@@ -124,6 +124,19 @@ TEST_F(ParcelOutboxTest, ParcelsChangeHandsWithoutMemory) {
     LogService::setLevel(InfoLevel);
 }
 
+TEST_F(ParcelOutboxTest, TheListenerHearsWhenSomethingIsHeldAgain) {
+    int heard = 0;
+    outbox->setListener([&] { ++heard; });
+    push(1, 4);
+    popAll();
+    push(5, 6);
+    EXPECT_EQ(heard, 2);
+    popAll();
+    outbox->setListener(nullptr);
+    push(7, 7);
+    EXPECT_EQ(heard, 2);
+}
+
 TEST_F(ParcelOutboxTest, AWaitHasALimit) {
     EXPECT_FALSE(outbox->waitForParcel(milliseconds(1)));
     EXPECT_FALSE(outbox->waitForParcel(milliseconds::min()));
