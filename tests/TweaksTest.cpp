@@ -205,8 +205,9 @@ TEST_F(TweaksFileTest, FollowsTheFile) {
                             "4294967295; the values in force stay"));
     write(threshold + "=2\n");
     EXPECT_TRUE(log.waitFor(path + ": as before"));
-    write(threshold + "=4\n" + interval + "=60\n");
-    EXPECT_TRUE(log.waitFor("Sec 86400 -> 60 (at the next start), " + threshold + " 2 -> 4\n"));
+    write(threshold + "=4\n" + interval + "=60\n" + flag + "=true\n");
+    EXPECT_TRUE(log.waitFor("Sec 86400 -> 60 (at the next start), " + flag + " false -> true, " +
+                            threshold + " 2 -> 4\n"));
     EXPECT_EQ(log.texts(ErrorLevel).size(), 1U);
     EXPECT_EQ(log.texts(WarnLevel).size(), 1U); // the first after a refusal
 }
