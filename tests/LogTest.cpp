@@ -73,6 +73,12 @@ TEST_F(LogTest, PiecesReadAsOnAnyStandardStream) {
         check(std::string(length / 2, 'x'), 1.5, std::string(length - length / 2, 'y'));
     }
     std::locale::global(previous);
+    struct {
+        LogItem item{LogModuleKel, InfoLevel, "f", 3};
+        char behind = '.';
+    } line;
+    line.item << std::string(513, 'x');
+    EXPECT_EQ(line.behind, '.');
 }
 
 TEST_F(LogTest, WhatCannotBeWrittenIsDroppedAndCounted) {

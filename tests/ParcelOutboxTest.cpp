@@ -84,6 +84,7 @@ TEST_F(ParcelOutboxTest, DropsTheOldest) {
     EXPECT_TRUE(log.lines().empty());
     push(5, 6);
     EXPECT_EQ(pop(), 4U);
+    EXPECT_EQ(log.lines().size(), 1U) << "a pop of some ends no run";
     push(7, 8);
     EXPECT_EQ(popAll(), (Numbers{6, 7, 8}));
     push(1, 4);

@@ -220,7 +220,7 @@ TEST(LatencyBucketsTest, BucketsJoin) {
 
 TEST_F(StorageLatencyTest, NothingIsLostBetweenReadingAndCounting) {
     constexpr u64 perThread = 4'000;
-    constexpr unsigned int threadCount = ThreadLane::count + 2; // so that some have no lane
+    constexpr unsigned int threadCount = ThreadLane::count + 8; // so that some have no lane
     std::atomic<unsigned int> ready{0};
     auto threads = startTogether(threadCount, [&] {
         ThreadLane::mine();
@@ -228,7 +228,7 @@ TEST_F(StorageLatencyTest, NothingIsLostBetweenReadingAndCounting) {
             std::this_thread::yield();
         }
         for (u64 i = 0; i < perThread; ++i) {
-            latency.countIo(i % 50 * us);
+            latency.countIo(100 * us);
             latency.countIo(200 * us);
             latency.countFailedIo(us);
         }
@@ -238,11 +238,13 @@ TEST_F(StorageLatencyTest, NothingIsLostBetweenReadingAndCounting) {
         if (i == 1'000) {
             threads.clear();
         }
-        limits.threshold = i % 2 == 0 ? 100 : 1'000;
+        limits = i % 2 == 0 ? StorageLimits{100, {10, 20, 30, 40}}
+                            : StorageLimits{1'000, {1'000, 2'000, 3'000, 4'000}};
         const StoragePeriod period = latency.closePeriod();
         const u32(&ios)[5] = period.counters.storageLatency;
         total += std::accumulate(std::begin(ios), std::end(ios), period.failedIos);
         EXPECT_LE(period.maxUs, 200U);
+        EXPECT_EQ(ios[1] + ios[2] + ios[3], 0U) << "a mixture of two limits";
     }
     EXPECT_EQ(total, 3 * threadCount * perThread);
 }

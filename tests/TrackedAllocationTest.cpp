@@ -8,7 +8,6 @@ namespace {
 
 struct Base {
     virtual ~Base() = default;
-    int unused = 0;
 };
 struct OtherBase {
     virtual ~OtherBase() = default;
