@@ -63,7 +63,9 @@ TEST(TweaksTest, LooksUpByNameAndType) {
 '' -7 -8 9 1)");
     log.clear();
     tweaks.set("t_Name", "12 \n\x7f");
-    EXPECT_EQ(tweaks.uintVal("T_NAME", DefaultTweakValue<u32>()), 0U); // no default
+    DefaultTweakValue<u32> invalid(9);
+    invalid.m_valid = false;
+    EXPECT_EQ(tweaks.uintVal("T_NAME", invalid), 0U);
     EXPECT_EQ(toBriefText(log), "common error lookUp \" tunable=T_NAME text=\"12 \\x0a\\x7f\" "
                                 "expected a whole number from 0 to 4294967295\\n\"\n");
 }
