@@ -74,7 +74,9 @@ TEST_F(StorageReportTest, ASetIsReportedLikeTheProcess) {
               "u64:periodMs=243");
     for (const auto& [live, text] : {std::pair(9'000, "[eq=9000]"), {8'999, "[gt=8999]"}}) {
         services.dynamicTweaks.t_StorageAnalyticsLatencyThreshold = live;
-        EXPECT_EQ(report(generator)->getText(), std::string("[Latency Threshold=9000]") + text);
+        const auto parcel = report(generator);
+        EXPECT_EQ(parcel->getText(), std::string("[Latency Threshold=9000]") + text);
+        EXPECT_EQ(parcel->getU64Entries().at("failedIos"), 0U) << "of the next period";
     }
 }
 
