@@ -10,34 +10,18 @@ namespace {
 
 TEST(Defs, HaveTheNumbersOfTheInterface) {
     EXPECT_EQ(INVALID_IP_ADDRESS, "0.0.0.0");
-    int number = 0; // of every other status, so that no two neighbours can be swapped
-    for (const RcStatus status : {RC_SUCCESS,
-                                  RC_WAIT,
-                                  RC_EMPTY,
-                                  RC_OBJECT_UNDER_DESTRUCTION,
-                                  RC_OBJECT_ALREADY_EXISTS,
-                                  RC_OBJECT_NEED_TO_SKIP,
-                                  RC_NO_RESOURCES,
-                                  RC_NET_ERROR,
-                                  RC_SHOULD_RETRY,
-                                  RC_STOP_EXCLUDE_CURRENT,
-                                  RC_VOLUME_RESTRICTED,
-                                  RC_CORRUPTED_OBJECT,
-                                  RC_IN_QUIESCE,
-                                  RC_PENDING,
-                                  RC_WRONG_OBJECT_STATE,
-                                  RC_DISABLED,
-                                  RC_LTR_CBT_PERM_DISABLED,
-                                  RC_ORCHESTRATOR_GENERAL_ERROR,
-                                  RC_INNER_ERROR,
-                                  RC_RESTART_REQUIRED,
-                                  RC_PRE_PROCESSED,
-                                  RC_LTR_OLDER_THAN_PREV_BACKUP_CP,
-                                  RC_DNS_NOT_CONFIGURED,
-                                  RC_BAD_PARAMETERS,
-                                  RC_YIELD}) {
-        EXPECT_EQ(status, 2 * number++);
-    }
+    const auto numbers = [](auto... each) { return std::vector<int>{each...}; };
+    // Every other status, so that no two neighbours can be swapped.
+    EXPECT_EQ(numbers(RC_SUCCESS, RC_WAIT, RC_EMPTY, RC_OBJECT_UNDER_DESTRUCTION,
+                      RC_OBJECT_ALREADY_EXISTS, RC_OBJECT_NEED_TO_SKIP, RC_NO_RESOURCES,
+                      RC_NET_ERROR, RC_SHOULD_RETRY, RC_STOP_EXCLUDE_CURRENT, RC_VOLUME_RESTRICTED,
+                      RC_CORRUPTED_OBJECT, RC_IN_QUIESCE, RC_PENDING, RC_WRONG_OBJECT_STATE,
+                      RC_DISABLED, RC_LTR_CBT_PERM_DISABLED, RC_ORCHESTRATOR_GENERAL_ERROR,
+                      RC_INNER_ERROR, RC_RESTART_REQUIRED, RC_PRE_PROCESSED,
+                      RC_LTR_OLDER_THAN_PREV_BACKUP_CP, RC_DNS_NOT_CONFIGURED, RC_BAD_PARAMETERS,
+                      RC_YIELD),
+              numbers(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30, 32, 34, 36, 38, 40,
+                      42, 44, 46, 48));
 }
 
 TEST(FixedFrequencySchedulingPolicy, AnswersItsInterval) {
