@@ -42,7 +42,7 @@ u64 hoursByWalking(const Numbers& chosen, int targetHour, int now) {
 
 // Every set of days, in no order and one of them twice, some target hours, every hour of the week.
 TEST(FixedDays, AgreesWithAWalkThroughTheWeek) {
-    LogService::setLevel(AssertLevel);
+    const RecordingLog quiet;
     for (unsigned daySet = 1; daySet < 1U << 7 && !HasFailure(); ++daySet) {
         Numbers chosen = {5, 1, 6, 1, 3, 0, 2, 4};
         chosen.erase(std::remove_if(chosen.begin(), chosen.end(),
@@ -57,74 +57,60 @@ TEST(FixedDays, AgreesWithAWalkThroughTheWeek) {
             }
         }
     }
-    LogService::setLevel(InfoLevel);
 }
 
-const std::string source = "FixedDaysSchedulingPolicy";
-
-std::string noName(int day) {
-    return failedIn(source, "static std::string " + source + "::toString(Days)", "false",
-                    " day=" + std::to_string(day) + " ");
+// What is logged by a policy that is asked once.
+std::string logOf(const Numbers& numbers, u64 hour, int askedOn, int askedAt) {
+    RecordingLog log;
+    AskedPolicy(days(numbers), hour).askOn(askedOn, askedAt);
+    return "\n" + toBriefText(log);
 }
 
-TEST(FixedDays, ReportsBadInputAtConstruction) {
-    const std::string constructor = source + "::" + source + "(const std::vector<Days>&, u64)";
-    const auto check = [&](const Numbers& numbers, u64 hour, const std::string& assertions,
-                           const std::string& schedule) {
-        RecordingLog log;
-        Policy policy(days(numbers), hour);
-        EXPECT_EQ(toText(log),
-                  assertions + "kel info [" + constructor + "] 3: Days: " + schedule + " \n");
-    };
-    const auto bad = [&](const std::string& details) {
-        return failedIn(source, constructor, "!days.empty() && hour <= MAX_HOUR", details);
-    };
-    const auto tooHigh = [&](int day) {
-        const std::string details = " day=" + std::to_string(day) + " ";
-        return failedIn(source, constructor, "day <= SATURDAY", details) + noName(day);
-    };
-    check({5, 1, 1}, 23, "", "FRIDAYMONDAYMONDAY m_hour=23");
-    check({}, 0, bad(" days.size()=0  hour=0 "), " m_hour=0");
-    check({0, 2, 3, 4, 6}, 24, bad(" days.size()=5  hour=24 "),
-          "SUNDAYTUESDAYWEDNESDAYTHURSDAYSATURDAY m_hour=24");
-    check({7, INT_MAX, -1, INT_MIN}, 5,
-          tooHigh(7) + tooHigh(INT_MAX) + noName(-1) + noName(INT_MIN), " m_hour=5");
+TEST(FixedDays, LogsDaysAndAnswer) {
+    EXPECT_EQ(logOf({3, 1, 0, 6, 2, 5, 4, 1}, 23, 6, 23), R"(
+kel info FixedDaysSchedulingPolicy "Days: WEDNESDAYMONDAYSUNDAYSATURDAYTUESDAYFRIDAYTHURSDAYMONDAY m_hour=23 \n"
+kel info getNextSchedule "currentDay:SATURDAY currentHour=23  m_hour=23 days:SUNDAY; MONDAY; MONDAY; TUESDAY; WEDNESDAY; THURSDAY; FRIDAY; SATURDAY;  nextScheduleMs=86400000 \n"
+)");
 }
 
-TEST(FixedDays, LogsEachAnswer) {
-    const std::string function = "virtual u64 FixedDaysSchedulingPolicy::getNextSchedule()";
-    const auto check = [&](AskedPolicy policy, int day, int hour, const std::string& before,
-                           const std::string& answer, const std::string& after) {
-        RecordingLog log;
-        const u64 delayMs = policy.askOn(day, hour);
-        EXPECT_EQ(toText(log),
-                  before + "kel info [" + function + "] 3: currentDay:" + answer + " \n" + after);
-        EXPECT_EQ(answer.substr(answer.rfind('=') + 1), std::to_string(delayMs));
-    };
-    check({days({3, 1}), 5}, 1, 10, "",
-          "MONDAY currentHour=10  m_hour=5 days:MONDAY; WEDNESDAY;  nextScheduleMs=154800000", "");
-    check({days({}), 5}, 1, 10, failedIn(source, function, "!m_days.empty()"),
-          "MONDAY currentHour=10  m_hour=5 days: nextScheduleMs=604800000", "");
-    check({days({-1, 7, 1}), 5}, 6, 5, noName(7) + noName(-1),
-          "SATURDAY currentHour=5  m_hour=5 days:MONDAY; ; ;  nextScheduleMs=86400000", "");
-    check({days({1}), 5}, 0, 29,
-          failedIn(source, function, "currentHour <= MAX_HOUR", " currentHour=29 "),
-          "SUNDAY currentHour=29  m_hour=5 days:MONDAY;  nextScheduleMs=0",
-          failedIn(source, function, "nextScheduleMs > 0"));
+TEST(FixedDays, ReportsAndKeepsWhatIsBad) {
+    EXPECT_EQ(logOf({}, 0, 1, 10), R"(
+kel assert FixedDaysSchedulingPolicy " FixedDaysSchedulingPolicy.cpp N: !days.empty() && hour <= MAX_HOUR failed.  days.size()=0  hour=0 \n"
+kel info FixedDaysSchedulingPolicy "Days:  m_hour=0 \n"
+kel assert getNextSchedule " FixedDaysSchedulingPolicy.cpp N: !m_days.empty() failed. \n"
+kel info getNextSchedule "currentDay:MONDAY currentHour=10  m_hour=0 days: nextScheduleMs=604800000 \n"
+)");
+    EXPECT_EQ(logOf({7, -1, INT_MIN, 1}, 24, 6, 5), R"(
+kel assert FixedDaysSchedulingPolicy " FixedDaysSchedulingPolicy.cpp N: !days.empty() && hour <= MAX_HOUR failed.  days.size()=4  hour=24 \n"
+kel assert FixedDaysSchedulingPolicy " FixedDaysSchedulingPolicy.cpp N: day <= SATURDAY failed.  day=7 \n"
+kel assert toString " FixedDaysSchedulingPolicy.cpp N: false failed.  day=7 \n"
+kel assert toString " FixedDaysSchedulingPolicy.cpp N: false failed.  day=-1 \n"
+kel assert toString " FixedDaysSchedulingPolicy.cpp N: false failed.  day=-2147483648 \n"
+kel info FixedDaysSchedulingPolicy "Days: MONDAY m_hour=24 \n"
+kel assert toString " FixedDaysSchedulingPolicy.cpp N: false failed.  day=7 \n"
+kel assert toString " FixedDaysSchedulingPolicy.cpp N: false failed.  day=-2147483648 \n"
+kel assert toString " FixedDaysSchedulingPolicy.cpp N: false failed.  day=-1 \n"
+kel info getNextSchedule "currentDay:SATURDAY currentHour=5  m_hour=24 days:MONDAY; ; ; ;  nextScheduleMs=154800000 \n"
+)");
+    EXPECT_EQ(logOf({1}, 5, 0, 29), R"(
+kel info FixedDaysSchedulingPolicy "Days: MONDAY m_hour=5 \n"
+kel assert getNextSchedule " FixedDaysSchedulingPolicy.cpp N: currentHour <= MAX_HOUR failed.  currentHour=29 \n"
+kel info getNextSchedule "currentDay:SUNDAY currentHour=29  m_hour=5 days:MONDAY;  nextScheduleMs=0 \n"
+kel assert getNextSchedule " FixedDaysSchedulingPolicy.cpp N: nextScheduleMs > 0 failed. \n"
+)");
 }
 
 TEST(FixedDays, ParsesDayLists) {
-    const std::string list = "6,fri,,1,thursday,monsun, tue,Wed,0, 1,-1,7,10,xyz,sat,2,3,4,5,";
     RecordingLog log;
-    EXPECT_EQ(Policy::createDaysFromString(list), days({6, 5, 1, 4, 0, 2, 3, 0, 6, 2, 3, 4, 5}));
-    std::string lines;
-    for (const char* token : {" 1", "-1", "7", "10", "xyz"}) {
-        lines += failedIn(source,
-                          "static std::vector<Days> " + source +
-                              "::createDaysFromString(const std::string&)",
-                          "false", "bad day '" + std::string(token) + "'  in string: " + list);
-    }
-    EXPECT_EQ(toText(log), lines);
+    EXPECT_EQ(Policy::createDaysFromString("6,fri,,1,thursday,monsun, tue,Wed,0,2,3,4,5,sat,"),
+              days({6, 5, 1, 4, 0, 2, 3, 0, 2, 3, 4, 5, 6}));
+    EXPECT_EQ(Policy::createDaysFromString("7, 1,10,xyz"), days({}));
+    EXPECT_EQ("\n" + toBriefText(log), R"(
+kel assert createDaysFromString " FixedDaysSchedulingPolicy.cpp N: false failed. bad day '7'  in string: 7, 1,10,xyz\n"
+kel assert createDaysFromString " FixedDaysSchedulingPolicy.cpp N: false failed. bad day ' 1'  in string: 7, 1,10,xyz\n"
+kel assert createDaysFromString " FixedDaysSchedulingPolicy.cpp N: false failed. bad day '10'  in string: 7, 1,10,xyz\n"
+kel assert createDaysFromString " FixedDaysSchedulingPolicy.cpp N: false failed. bad day 'xyz'  in string: 7, 1,10,xyz\n"
+)");
 }
 
 } // namespace

@@ -19,6 +19,11 @@ struct LogLineSpeaker {
 
 namespace {
 
+TEST(LogLine, NamesAFileWithoutItsFolder) {
+    EXPECT_STREQ(fileBaseName("/a/b.cpp"), "b.cpp");
+    EXPECT_STREQ(fileBaseName("b.cpp"), "b.cpp");
+}
+
 // An assertion stands in an if without braces, takes a comma, and evaluates details on failure.
 TEST(LogLine, NamesItsPlace) {
     RecordingLog log;
@@ -37,9 +42,9 @@ TEST(LogLine, NamesItsPlace) {
     LogLineSpeaker::speak(evaluated, &size);
     const std::string speak =
         "static unsigned int*LogLineSpeaker::speak(const std::string&, const int*)";
-    EXPECT_EQ(toText(log),
-              "common info [" + speak + "] 3:  size=7 \n" +
-                  failedIn("LogLineTest", speak, "size == nullptr", " size=7 evaluated=abc"));
+    EXPECT_EQ(toText(log), "common info [" + speak + "] 3:  size=7 \nkel assert [" + speak +
+                               "] 3:  LogLineTest.cpp N: size == nullptr failed.  size=7 "
+                               "evaluated=abc\n");
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 #include "common/infra/Log.h"
 #include "host/services/SpdlogSink.h"
-#include "host/testing/RecordingLog.h"
+#include "host/testing/LogText.h"
 #include "tests/support/FailingMemory.h"
 
 #include <gtest/gtest.h>
@@ -11,7 +11,7 @@
 #include <iomanip>
 #include <limits>
 #include <locale>
-#include <sstream>
+#include <map>
 
 namespace {
 
@@ -73,72 +73,64 @@ TEST_F(LogTest, PiecesReadAsOnAnyStandardStream) {
         check(std::string(length / 2, 'x'), 1.5, std::string(length - length / 2, 'y'));
     }
     std::locale::global(previous);
+    struct {
+        LogItem item{LogModuleKel, InfoLevel, "f", 3};
+        char behind = '.';
+    } line;
+    line.item << std::string(513, 'x');
+    EXPECT_EQ(line.behind, '.');
 }
 
-TEST_F(LogTest, ANullTextIsNamed) {
-    LogItem item(LogModuleKel, InfoLevel, "f", 3);
-    item << static_cast<const char*>(nullptr) << std::dec << static_cast<char*>(nullptr);
-    item.flush();
-    EXPECT_EQ(log.texts(InfoLevel), Texts{"(null)(null)"});
-}
-
-TEST_F(LogTest, ALineThatLacksAPieceIsDropped) {
+TEST_F(LogTest, WhatCannotBeWrittenIsDroppedAndCounted) {
     for (const bool isThrown : {false, true}) {
         log.clear();
         LogItem item(LogModuleKel, AssertLevel, "f", 3);
         item << "cut " << Unprintable{isThrown} << " cut" << std::endl << "whole" << std::endl;
         EXPECT_EQ(log.texts(AssertLevel), Texts{"whole\n"});
     }
-    EXPECT_EQ(LogService::droppedCount(), droppedBefore + 2);
-    EXPECT_EQ(LogService::assertionCount(), assertionsBefore + 4);
-}
-
-TEST_F(LogTest, WithoutMemoryALineIsWrittenWholeOrDropped) {
-    const std::string longText(2'000, 'x');
-    LogItem item(LogModuleKel, InfoLevel, "f", 3);
-    int failures = 0;
-    for (; log.lines().empty(); ++failures) {
-        allocationsLeft = failures;
-        item << "a" << longText << longText << std::endl;
-        allocationsLeft = unlimitedAllocations;
-    }
-    EXPECT_EQ(log.texts(InfoLevel), Texts{"a" + longText + longText + "\n"});
-    EXPECT_EQ(LogService::droppedCount() - droppedBefore, failures - 1U);
-}
-
-TEST_F(LogTest, ALineThatTheSinkRefusesIsDropped) {
     struct : ILogSink {
         void write(const LogRecord& /*record*/) override { throw 42; }
     } refusing;
     EXPECT_EQ(LogService::setSink(&refusing), &log);
     LogItem(LogModuleKel, AssertLevel, "f", 3) << "lost" << std::endl;
     LogService::setSink(&log);
-    EXPECT_EQ(LogService::droppedCount(), droppedBefore + 1);
-    EXPECT_EQ(LogService::assertionCount(), assertionsBefore + 1);
+    EXPECT_EQ(LogService::droppedCount(), droppedBefore + 3);
+    EXPECT_EQ(LogService::assertionCount(), assertionsBefore + 5);
+}
+
+TEST_F(LogTest, WithoutMemoryALineIsWrittenWholeOrDropped) {
+    const std::string longText(2'000, 'x');
+    LogItem item(LogModuleKel, InfoLevel, "f", 3);
+    u64 failures = 0;
+    for (log.clear(); log.lines().empty(); ++failures) {
+        allocationsLeft = static_cast<int>(failures);
+        item << "a" << longText << longText << std::endl;
+        allocationsLeft = unlimitedAllocations;
+    }
+    EXPECT_EQ(log.texts(InfoLevel), Texts{"a" + longText + longText + "\n"});
+    EXPECT_EQ(LogService::droppedCount() - droppedBefore, failures - 1);
 }
 
 TEST_F(LogTest, TextArrivesAtEachFlush) {
     {
         LogItem item(LogModuleCommon, WarnLevel, "void f()", 2);
-        item << "first" << std::endl << "second";
-        EXPECT_EQ(log.texts(WarnLevel), Texts{"first\n"});
-        static_cast<std::ostream&>(item) << " " << 2 << std::endl;
+        item << "first" << std::endl << static_cast<const char*>(nullptr);
+        EXPECT_EQ(toText(log), "common warn [void f()] 2: first\n");
+        static_cast<std::ostream&>(item) << " " << 2;
+        item << static_cast<char*>(nullptr) << std::endl;
         item << "never flushed";
     }
-    EXPECT_EQ(log.texts(WarnLevel), (Texts{"first\n", "second 2\n"}));
-    const RecordingLog::Line line = log.lines()[0];
-    EXPECT_EQ(std::tie(line.module, line.function, line.detail),
-              std::tuple(LogModuleCommon, "void f()", 2));
+    EXPECT_EQ(log.texts(WarnLevel), (Texts{"first\n", "(null) 2(null)\n"}));
 }
 
 TEST_F(LogTest, TheLevelAndWhatIsMoreSevereIsWritten) {
+    EXPECT_TRUE(LogService::isEnabled(InfoLevel) && !LogService::isEnabled(DebugLevel));
     std::string written;
     for (const LogLevel least : {AssertLevel, WarnLevel, InfoLevel}) {
+        LogService::setLevel(least);
         for (int level = AssertLevel; level < LevelsCount; ++level) {
-            LogService::setLevel(least);
-            LogItem item(LogModuleKel, static_cast<LogLevel>(level), "f", 3);
+            LogItem item(LogModuleQem, static_cast<LogLevel>(level), "f", 3);
             static_cast<std::ostream&>(item) << std::endl;
-            LogService::setLevel(InfoLevel);
         }
     }
     for (const RecordingLog::Line& line : log.lines()) {
@@ -150,7 +142,6 @@ TEST_F(LogTest, TheLevelAndWhatIsMoreSevereIsWritten) {
 }
 
 TEST_F(LogTest, AnAssertionCanEndTheProcess) {
-    EXPECT_TRUE(LogService::isEnabled(InfoLevel) && !LogService::isEnabled(DebugLevel));
     EXPECT_DEATH(LogService::setSink(nullptr); LogService::setAbortOnAssert(true);
                  LogItem(LogModuleKel, AssertLevel, "f", 3) << "x failed. " << std::endl;
                  , "error *[0-9]+ kel \\[f\\] x failed");
@@ -160,20 +151,40 @@ TEST(SpdlogSinkTest, ALineCanBeReadOnceItIsWritten) {
     std::filesystem::current_path(testing::TempDir());
     const std::string path = "analytics-log-test." + std::to_string(getpid());
     const auto sink = SpdlogSink::toFile(path);
-    const char* const names[] = {"error", "critical", "error", "warning",
-                                 "info",  "debug",    "trace", "info"};
     std::ifstream file(path);
+    std::string line, lines = "\n";
     for (int level = AssertLevel; level < LevelsCount; ++level) {
         const auto module = static_cast<LogModule>(level % LogModulesCount);
-        sink->write({module, static_cast<LogLevel>(level), "void f()", 3, "two  {} \n\n"});
-        const Texts modules = {"invalid", "kel", "qem", "common"};
-        std::string line;
+        sink->write({module, static_cast<LogLevel>(level), "void f()", 3, "two  {}\n\n"});
         ASSERT_TRUE(std::getline(file, line));
-        EXPECT_NE(line.find(names[level]), std::string::npos) << line;
-        const std::string end = " " + modules[module] + " [void f()] two  {} ";
-        EXPECT_EQ(line.substr(line.size() - end.size()), end);
+        lines += line + "\n";
     }
+    EXPECT_EQ(std::regex_replace(lines, std::regex("20\\S+ (\\w+) +[0-9]+"), "$1"), R"(
+error invalid [void f()] two  {}
+critical kel [void f()] two  {}
+error qem [void f()] two  {}
+warning common [void f()] two  {}
+info invalid [void f()] two  {}
+debug kel [void f()] two  {}
+trace qem [void f()] two  {}
+info common [void f()] two  {}
+)");
     std::filesystem::remove(path);
+}
+
+TEST(SpdlogSinkTest, AFileOf10MiBIsReplacedAndThreeOlderOnesStay) {
+    const std::string folder = testing::TempDir() + "logs." + std::to_string(getpid());
+    std::filesystem::create_directory(folder);
+    const auto sink = SpdlogSink::toFile(folder + "/log");
+    for (int line = 0; line < 46; ++line) { // 9 of them fit into a file
+        sink->write({LogModuleKel, InfoLevel, "f", 3, std::string(1U << 20U, 'x')});
+    }
+    std::map<std::string, std::uintmax_t> sizes; // in MiB
+    for (const auto& file : std::filesystem::directory_iterator(folder)) {
+        sizes[file.path().filename()] = file.file_size() >> 20U;
+    }
+    EXPECT_EQ(sizes, (decltype(sizes){{"log", 1}, {"log.1", 9}, {"log.2", 9}, {"log.3", 9}}));
+    std::filesystem::remove_all(folder);
 }
 
 TEST(SpdlogSinkTest, AFileThatCannotBeWrittenIsRefusedWithTheReason) {

@@ -1,8 +1,9 @@
 #include "host/services/MemLedger.h"
 
 #include "common/infra/MemShield.h"
-#include "host/testing/RecordingLog.h"
+#include "host/testing/LogText.h"
 #include "tests/support/FailingMemory.h"
+#include "tests/support/Together.h"
 
 #include <gtest/gtest.h>
 #include <malloc.h>
@@ -10,10 +11,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <atomic>
-#include <future>
-#include <sstream>
 
 namespace {
 
@@ -24,22 +21,29 @@ protected:
     const MemReport before = MemLedger::report();
 
     void* allocate(unsigned long size = 32, const char* type = "Thing", unsigned int line = 7) {
-        return memShield.allocAndRegister(size, 0, type, "Maker.cpp", line);
+        return memShield.allocAndRegister(size, 0, type, "Maker.cc", line);
     }
     void release(void* block) {
         if (memShield.isMemshieldActive()) {
-            memShield.verifyPtr(block, "User.cpp", 12);
-            memShield.freeAndUnregister(block, "User.cpp", 12);
+            memShield.verifyPtr(block, "User.cc", 12);
+            memShield.freeAndUnregister(block, "User.cc", 12);
         } else {
             memShield.freeAndCount(block);
         }
     }
-    u64 live() const { return MemLedger::report().liveBlocks - before.liveBlocks; }
+    void releaseAll(const std::vector<void*>& blocks) {
+        std::for_each(blocks.begin(), blocks.end(), [this](void* block) { release(block); });
+    }
+    std::vector<void*> allocateMany() { // enough to lie all over the ledger
+        std::vector<void*> blocks(1'000);
+        std::generate(blocks.begin(), blocks.end(), [this] { return allocate(); });
+        return blocks;
+    }
     u64 bad() const { return MemLedger::report().badReleases - before.badReleases; }
 
     void TearDown() override {
         MemLedger::setTracking(true);
-        EXPECT_EQ(live(), 0U);
+        EXPECT_EQ(MemLedger::report().liveBlocks, before.liveBlocks);
     }
 };
 
@@ -48,52 +52,50 @@ TEST_F(MemLedgerTest, ABadReleaseIsRefused) {
     void* released = allocate();
     release(released);
     const auto start = reinterpret_cast<std::uintptr_t>(block);
-    std::ostringstream expected;
-    u64 reported = 0;
+    std::string told = "\n";
     for (const std::uintptr_t address : {0UL, start + 1, start + 31, start + 32}) {
-        void* pointer = reinterpret_cast<void*>(address);
-        for (const bool tracking : {true, false}) {
-            MemLedger::setTracking(tracking);
-            release(pointer);
-            EXPECT_EQ(bad(), ++reported);
-            expected << " Bad release of block=" << pointer
-                     << (tracking ? " at User.cpp:12" : " (place unknown: tracking is off)")
-                     << ", which is left alone: expected the start of a block that is allocated "
-                        "and not yet released";
-            if (address == start + 1 || address == start + 31) {
-                expected << ", and this one points into the Thing at " << block
-                         << ", allocated at Maker.cpp:7";
-            }
-            expected << "\n";
-        }
+        void* const pointer = reinterpret_cast<void*>(address);
+        log.clear();
+        release(pointer);
+        MemLedger::setTracking(false);
+        release(pointer);
+        MemLedger::setTracking(true);
+        told += withName(withName(toBriefText(log), pointer, "POINTER"), block, "BLOCK");
     }
-    std::string told;
-    for (const std::string& line : log.texts(ErrorLevel)) {
-        told += line;
-    }
-    EXPECT_EQ(told, expected.str());
+    EXPECT_EQ(told, R"(
+common error verifyPtr " Bad release of block=POINTER at User.cc:12, which is left alone: expected the start of a block that is allocated and not yet released\n"
+common error freeAndCount " Bad release of block=POINTER (place unknown: tracking is off), which is left alone: expected the start of a block that is allocated and not yet released\n"
+common error verifyPtr " Bad release of block=POINTER at User.cc:12, which is left alone: expected the start of a block that is allocated and not yet released, and this one points into the Thing at BLOCK, allocated at Maker.cc:7\n"
+common error freeAndCount " Bad release of block=POINTER (place unknown: tracking is off), which is left alone: expected the start of a block that is allocated and not yet released, and this one points into the Thing at BLOCK, allocated at Maker.cc:7\n"
+common error verifyPtr " Bad release of block=POINTER at User.cc:12, which is left alone: expected the start of a block that is allocated and not yet released, and this one points into the Thing at BLOCK, allocated at Maker.cc:7\n"
+common error freeAndCount " Bad release of block=POINTER (place unknown: tracking is off), which is left alone: expected the start of a block that is allocated and not yet released, and this one points into the Thing at BLOCK, allocated at Maker.cc:7\n"
+common error verifyPtr " Bad release of block=POINTER at User.cc:12, which is left alone: expected the start of a block that is allocated and not yet released\n"
+common error freeAndCount " Bad release of block=POINTER (place unknown: tracking is off), which is left alone: expected the start of a block that is allocated and not yet released\n"
+)");
     // A check that is not followed by its release leaves nothing behind.
-    memShield.verifyPtr(released, "User.cpp", 12);
-    memShield.verifyPtr(block, "User.cpp", 12);
-    memShield.freeAndUnregister(released, "User.cpp", 12);
-    memShield.freeAndUnregister(block, "User.cpp", 13);
-    EXPECT_EQ(bad(), reported + 2);
+    memShield.verifyPtr(released, "User.cc", 12);
+    memShield.verifyPtr(block, "User.cc", 12);
+    memShield.freeAndUnregister(released, "User.cc", 12);
+    memShield.freeAndUnregister(block, "User.cc", 13);
+    EXPECT_EQ(bad(), 10U);
 }
 
 TEST_F(MemLedgerTest, ReportsLiveBlocksByTypeAndPlaceMostBytesFirst) {
     EXPECT_TRUE(memShield.isMemshieldActive()) << "from the start";
     const std::string otherLiteral = "Small";
-    void* const blocks[] = {allocate(500, "Small", 1), allocate(501, otherLiteral.c_str(), 1),
-                            allocate(300, "Small", 2), allocate(70'000, "Big", 1), allocate()};
-    release(blocks[4]);
+    const std::vector<void*> blocks = {allocate(500, "Small", 1),
+                                       allocate(501, otherLiteral.c_str(), 1),
+                                       allocate(300, "Small", 2), allocate(70'000, "Big", 1)};
+    release(allocate());
     std::ostringstream text;
     text << MemLedger::report();
-    EXPECT_EQ(text.str(), "live: 4 blocks, 71301 bytes; allocations: 5, releases: 1, bad "
-                          "releases: 0\n"
-                          "       70000 bytes in        1 blocks of Big from Maker.cpp:1\n"
-                          "        1001 bytes in        2 blocks of Small from Maker.cpp:1\n"
-                          "         300 bytes in        1 blocks of Small from Maker.cpp:2\n");
-    std::for_each(std::begin(blocks), blocks + 4, [this](void* block) { release(block); });
+    EXPECT_EQ(text.str(),
+              R"(live: 4 blocks, 71301 bytes; allocations: 5, releases: 1, bad releases: 0
+       70000 bytes in        1 blocks of Big from Maker.cc:1
+        1001 bytes in        2 blocks of Small from Maker.cc:1
+         300 bytes in        1 blocks of Small from Maker.cc:2
+)");
+    releaseAll(blocks);
 }
 
 // A block of this size is a mapping of its own.
@@ -111,31 +113,16 @@ TEST_F(MemLedgerTest, EveryBlockIsGivenBack) {
 }
 
 TEST_F(MemLedgerTest, ABlockIsReleasedByOneOfManyThreads) {
-    constexpr u64 threads = 4;
-    std::vector<void*> made(1'500);
-    std::generate(made.begin(), made.end(), [&] { return allocate(); });
-    std::atomic<u64> waiting{threads};
-    const auto releaseAll = [&] {
-        for (--waiting; waiting > 0;) {
-            std::this_thread::yield();
-        }
-        for (void* block : made) {
-            memShield.freeAndCount(block);
-        }
-    };
-    std::vector<std::future<void>> running;
-    for (u64 i = 0; i < threads; ++i) {
-        running.push_back(std::async(std::launch::async, releaseAll));
-    }
-    running.clear();
-    EXPECT_EQ(bad(), (threads - 1) * made.size());
+    const std::vector<void*> blocks = allocateMany();
+    MemLedger::setTracking(false);
+    startTogether(4, [&] { releaseAll(blocks); });
+    EXPECT_EQ(bad(), 3 * blocks.size());
 }
 
 TEST_F(MemLedgerTest, AForkedChildFindsNothingLocked) {
     std::atomic<bool> over{false};
-    std::array<void*, 200> blocks{}; // enough to lie all over the ledger
-    std::generate(blocks.begin(), blocks.end(), [&] { return allocate(); });
-    auto busy = std::async(std::launch::async, [&] {
+    const std::vector<void*> blocks = allocateMany();
+    auto busy = startTogether(1, [&] {
         while (!over) {
             release(allocate());
         }
@@ -144,8 +131,7 @@ TEST_F(MemLedgerTest, AForkedChildFindsNothingLocked) {
         const pid_t child = fork();
         if (child == 0) {
             alarm(10); // ends a child that is stuck
-            std::for_each(blocks.begin(), blocks.end(),
-                          [&](void* each) { memShield.verifyPtr(each, "User.cpp", 12); });
+            releaseAll(blocks);
             _exit(0);
         }
         int status = -1;
@@ -153,8 +139,8 @@ TEST_F(MemLedgerTest, AForkedChildFindsNothingLocked) {
         EXPECT_EQ(status, 0) << round;
     }
     over = true;
-    busy.get();
-    std::for_each(blocks.begin(), blocks.end(), [&](void* each) { release(each); });
+    busy.clear();
+    releaseAll(blocks);
 }
 
 } // namespace

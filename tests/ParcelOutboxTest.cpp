@@ -1,35 +1,24 @@
 #include "common/infra/IParcelOutbox.h"
 
 #include "common/Analytics/AnalyticsParcel.h"
-#include "common/infra/TrackedAllocation.h"
+#include "host/services/HostServices.h"
 #include "host/services/MemLedger.h"
-#include "host/testing/RecordingLog.h"
+#include "host/testing/FakeServices.h"
+#include "host/testing/LogText.h"
 #include "tests/support/FailingMemory.h"
+#include "tests/support/Together.h"
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <atomic>
-#include <functional>
-#include <future>
 #include <optional>
-#include <thread>
-#include <utility>
 
 namespace {
 
 using std::chrono::milliseconds;
 using Numbers = std::vector<u64>;
-using Texts = std::vector<std::string>;
 
 constexpr auto analytics = IParcelOutbox::KEL_ANALYTICS;
 constexpr auto unknown = static_cast<IParcelOutbox::ParcelType>(1);
-const std::string beginOfRun =
-    " parcel outbox is full, the oldest parcels are dropped: maxSize=3 \n";
-
-std::string endOfRun(u64 dropped) {
-    return " parcel outbox is no longer full: dropped=" + std::to_string(dropped) + " \n";
-}
 
 class ParcelOutboxTest : public testing::Test {
 protected:
@@ -59,10 +48,11 @@ protected:
     }
     u64 pop() { return consume({outbox->popParcel(analytics)})[0]; }
     Numbers popAll() { return consume(outbox->popParcels(analytics)); }
-    // Parcels that were pushed, popped, dropped, and are there.
+    // Parcels that were pushed, popped, dropped, freed, and are there.
     Numbers counts() {
         const ParcelOutbox::Counts counts = outbox->counts();
-        return {counts.pushed, counts.popped, counts.dropped, outbox->size()};
+        EXPECT_EQ(outbox->size(), counts.held);
+        return {counts.pushed, counts.popped, counts.dropped, counts.freed, counts.held};
     }
 };
 
@@ -74,38 +64,45 @@ TEST_F(ParcelOutboxTest, RefusesWhatItCannotHold) {
     push(1, 1);
     EXPECT_EQ(outbox->popParcel(unknown), nullptr);
     EXPECT_TRUE(outbox->popParcels(unknown).empty());
-    EXPECT_EQ(counts(), (Numbers{1, 0, 0, 1}));
+    EXPECT_EQ(counts(), (Numbers{1, 0, 0, 0, 1}));
     EXPECT_THROW(ParcelOutbox{0}, std::invalid_argument);
     EXPECT_EQ(ParcelOutbox().getMaxSize(), 5000U);
 }
 
+TEST(HostServicesTest, ServicesOfAnotherKindAreRefused) {
+    const FakeServices services;
+    EXPECT_THROW(hostTimer(), std::bad_cast);
+    EXPECT_THROW(hostOutbox(), std::bad_cast);
+    EXPECT_THROW(takeParcel(), std::bad_cast);
+}
+
+// A run of drops ends with a push that finds room, or when nothing is held any more.
 TEST_F(ParcelOutboxTest, DropsTheOldest) {
     push(1, 3);
     EXPECT_EQ(pop(), 1U);
     push(4, 4);
     EXPECT_TRUE(log.lines().empty());
     push(5, 6);
-    EXPECT_EQ(log.texts(WarnLevel), Texts{beginOfRun});
     EXPECT_EQ(pop(), 4U);
-    EXPECT_EQ(log.texts(InfoLevel), Texts{});
+    EXPECT_EQ(log.lines().size(), 1U) << "a pop of some ends no run";
     push(7, 8);
-    EXPECT_EQ(log.texts(WarnLevel), (Texts{beginOfRun, beginOfRun}));
     EXPECT_EQ(popAll(), (Numbers{6, 7, 8}));
-    EXPECT_EQ(log.texts(InfoLevel), (Texts{endOfRun(2), endOfRun(1)}));
-    EXPECT_EQ(counts(), (Numbers{8, 5, 3, 0}));
-}
-
-TEST_F(ParcelOutboxTest, ARunOfDropsEndsWhenNothingIsHeldAnyMore) {
-    const std::function<void()> endings[] = {[this] { pop(), pop(), pop(); },
-                                             [this] { outbox->freeAndRemoveAllParcels(); },
-                                             [this] { outbox.reset(); }};
-    for (const auto& end : endings) {
-        log.clear();
-        push(1, 7);
-        end();
-        EXPECT_EQ(log.texts(InfoLevel), Texts{endOfRun(4)});
-        EXPECT_EQ(MemLedger::report().liveBlocks, before.liveBlocks);
+    push(1, 4);
+    pop(), pop(), pop();
+    push(1, 5);
+    outbox->freeAndRemoveAllParcels();
+    EXPECT_EQ(counts(), (Numbers{17, 8, 6, 3, 0}));
+    push(1, 6);
+    outbox.reset();
+    const std::string begin = "common warn logBegin \" parcel outbox is full, the oldest parcels "
+                              "are dropped: maxSize=3 \\n\"\n";
+    std::string lines;
+    for (const char* dropped : {"2", "1", "1", "2", "3"}) {
+        lines += begin +
+                 "common info logLength \" parcel outbox is no longer full: dropped=" + dropped +
+                 " \\n\"\n";
     }
+    EXPECT_EQ(toBriefText(log), lines);
 }
 
 TEST_F(ParcelOutboxTest, ParcelsChangeHandsWithoutMemory) {
@@ -128,6 +125,19 @@ TEST_F(ParcelOutboxTest, ParcelsChangeHandsWithoutMemory) {
     LogService::setLevel(InfoLevel);
 }
 
+TEST_F(ParcelOutboxTest, TheListenerHearsWhenSomethingIsHeldAgain) {
+    int heard = 0;
+    outbox->setListener([&] { ++heard; });
+    push(1, 4);
+    popAll();
+    push(5, 6);
+    EXPECT_EQ(heard, 2);
+    popAll();
+    outbox->setListener(nullptr);
+    push(7, 7);
+    EXPECT_EQ(heard, 2);
+}
+
 TEST_F(ParcelOutboxTest, AWaitHasALimit) {
     EXPECT_FALSE(outbox->waitForParcel(milliseconds(1)));
     EXPECT_FALSE(outbox->waitForParcel(milliseconds::min()));
@@ -142,11 +152,14 @@ TEST_F(ParcelOutboxTest, AWaitHasALimit) {
 TEST_F(ParcelOutboxTest, EveryWaiterIsWoken) {
     constexpr u32 rounds = 200;
     for (u32 round = 0; round <= rounds && !HasFailure(); ++round) {
-        std::atomic<int> begun{0};
+        std::atomic<u32> begun{0};
         const auto wait = [&](milliseconds limit) { return ++begun, outbox->waitForParcel(limit); };
-        std::array waits{std::async(std::launch::async, wait, milliseconds::max()),
-                         std::async(std::launch::async, wait, milliseconds::max())};
-        for (u32 turn = 0; begun < 2 || turn < round; ++turn) { // so that they mostly wait by then
+        std::vector<std::future<bool>> waits(1 + round % 2);
+        for (auto& each : waits) {
+            each = std::async(std::launch::async, wait, milliseconds::max());
+        }
+        for (u32 turn = 0; begun < waits.size() || turn < round;
+             ++turn) { // so that they mostly wait by then
             std::this_thread::yield();
         }
         round < rounds ? push(round, round) : outbox->stopWaiting();
@@ -158,26 +171,26 @@ TEST_F(ParcelOutboxTest, EveryWaiterIsWoken) {
     }
 }
 
+// Takes in order what is held when the waiting has ended.
 TEST_F(ParcelOutboxTest, NothingIsLostBetweenThreads) {
+    const Installed<IParcelOutbox, ParcelOutbox> installed(*outbox);
     constexpr u32 pushes = 3000;
-    const auto run = [this](u32 number) { push(number * pushes, (number + 1) * pushes - 1); };
-    std::array pushers{std::async(std::launch::async, run, 0),
-                       std::async(std::launch::async, run, 1),
-                       std::async(std::launch::async, run, 2)};
-    auto last = std::async(std::launch::async, [&] {
-        for (auto& pusher : pushers) {
-            pusher.get();
+    std::atomic<u32> begun{0}, ended{0};
+    auto threads = startTogether(3, [&] {
+        const u32 first = begun++ * pushes;
+        push(first, first + pushes - 1);
+        if (++ended == 3) {
+            hostOutbox().stopWaiting();
         }
-        outbox->stopWaiting();
     });
     Numbers next{0, pushes, 2 * pushes}; // the least that may come from each
     u64 popped = 0;
-    for (; outbox->waitForParcel(); ++popped) {
-        const u64 value = pop();
+    for (; const auto parcel = takeParcel(); ++popped) {
+        const u64 value = parcel->getValue();
         EXPECT_GE(value, std::exchange(next[value / pushes], value + 1));
     }
-    last.get();
-    EXPECT_EQ(counts(), (Numbers{3 * pushes, popped, 3 * pushes - popped, 0}));
+    threads.clear();
+    EXPECT_EQ(counts(), (Numbers{3 * pushes, popped, 3 * pushes - popped, 0, 0}));
 }
 
 } // namespace

@@ -3,97 +3,147 @@
 #include "common/infra/DynamicTweaks.h"
 #include "common/infra/Singleton.h"
 #include "host/testing/Installed.h"
-#include "host/testing/RecordingLog.h"
+#include "host/testing/LogText.h"
+#include "tests/support/Together.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
-#include <algorithm>
-#include <atomic>
-#include <future>
-#include <memory>
+#include <cmath>
+#include <map>
 #include <numeric>
 #include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 namespace {
 
 constexpr u64 us = 1'000;
 constexpr u64 ms = 1'000'000;
 
-using Numbers = std::vector<u64>;
-
-Numbers classesOf(const StoragePeriod& period) {
-    const u32(&counts)[5] = period.counters.storageLatency;
-    return {std::begin(counts), std::end(counts)};
+// The figures of a period but for those groups that are all zero. Its limits, if they are not
+// usual.
+std::string toText(const StoragePeriod& period) {
+    const StorageAnalyticsCounters& counters = period.counters;
+    const u32(&ios)[5] = counters.storageLatency;
+    const u32(&bounds)[4] = period.limits.bounds;
+    std::string text;
+    const auto add = [&](const char* name, const std::vector<u64>& figures) {
+        if (std::accumulate(figures.begin(), figures.end(), u64{0}) != 0) {
+            text += name;
+            for (const u64 figure : figures) {
+                text += std::to_string(figure) + " ";
+            }
+        }
+    };
+    add("classes ", {std::begin(ios), std::end(ios)});
+    add("us ", {period.p50Us, period.p90Us, period.p99Us, period.p999Us, period.maxUs});
+    add("failed ", {period.failedIos});
+    add("episodes ", {period.episodes, period.episodeSumMs, counters.avrHighStorageLatencyDuration,
+                      counters.maxHighStorageLatencyDuration}); // the sum, mean, longest in ms
+    add("ms ", {period.periodMs});
+    if (period.limits.threshold != 100) {
+        add("limits ", {counters.latencyThreshold, bounds[0], bounds[1], bounds[2], bounds[3]});
+    }
+    return text;
 }
 
-Numbers percentilesOf(const StoragePeriod& period) {
-    return {period.p50Us, period.p90Us, period.p99Us, period.p999Us, period.maxUs};
-}
-
-// Their number, sum, mean and longest, in milliseconds.
-Numbers episodesOf(const StoragePeriod& period) {
-    return {period.episodes, period.episodeSumMs, period.counters.avrHighStorageLatencyDuration,
-            period.counters.maxHighStorageLatencyDuration};
-}
-
-Numbers limitsOf(const StorageLimits& limits) {
-    Numbers all{limits.threshold};
-    all.insert(all.end(), std::begin(limits.bounds), std::end(limits.bounds));
-    return all;
-}
-
-// A set of counters whose clock and limits the test sets.
 class StorageLatencyTest : public testing::Test {
 protected:
-    StorageLimits limits{100, {10, 20, 30, 40}}; // microseconds
-    std::atomic<u64> nowNs{1'000 * ms};
-    StorageLatency latency{[this] { return limits; }, [this] { return nowNs.load(); }};
+    void io(double latencyUs, int count = 1) {
+        for (; count > 0; --count) {
+            latency.countIo(static_cast<u64>(std::llround(latencyUs * 1000)));
+        }
+    }
+    std::string closed() {
+        const std::string text = toText(latency.closePeriod());
+        EXPECT_EQ(toText(latency.closedPeriod()), text);
+        return text;
+    }
+
+    StorageLimits limits{100, {10, 20, 30, 40}};
+    u64 nowNs = 1'000 * ms;
+    StorageLatency latency{[this] { return limits; }, [this] { return nowNs; }};
 };
 
-TEST_F(StorageLatencyTest, AClassHoldsWhatTookUpToItsBound) {
-    for (const u64 latencyNs :
-         {0 * us, 10 * us, 10 * us + 1, 20 * us, 30 * us, 40 * us, 40 * us + 1, ~u64{0}}) {
-        latency.countIo(latencyNs);
+TEST_F(StorageLatencyTest, APeriodTellsWhatCompletedInIt) {
+    io(10), io(10.001, 2), io(20), io(30, 4), io(40, 5), io(40.001, 6); // a bound is of its class
+    EXPECT_EQ(closed(), "classes 1 3 4 5 6 us 40 40 40 40 41 ");
+    io(5), latency.countFailedIo(50 * us);
+    std::thread([&] { latency.countFailedIo(1 * us); }).join();
+    EXPECT_EQ(closed(), "classes 1 0 0 0 0 us 5 5 5 5 5 failed 2 ");
+    io(0);
+    EXPECT_EQ(closed(), "classes 1 0 0 0 0 ");
+    for (const double roundedUp : {0.001, 0.992, 1.0}) {
+        io(roundedUp);
+        EXPECT_EQ(closed(), "classes 1 0 0 0 0 us 1 1 1 1 1 ") << roundedUp;
     }
-    EXPECT_EQ(classesOf(latency.closePeriod()), (Numbers{2, 2, 1, 1, 2}));
-    EXPECT_EQ(classesOf(latency.closePeriod()), (Numbers{0, 0, 0, 0, 0}));
+    io(1.001);
+    EXPECT_EQ(closed(), "classes 1 0 0 0 0 us 2 2 2 2 2 ");
+    EXPECT_EQ(closed(), "");
 }
 
-TEST_F(StorageLatencyTest, AFailedIoIsInNoClass) {
-    latency.countIo(5 * us);
-    latency.countFailedIo(50 * us);
-    std::thread([&] { latency.countFailedIo(1 * us); }).join();
-    const StoragePeriod period = latency.closePeriod();
-    EXPECT_EQ(classesOf(period), (Numbers{1, 0, 0, 0, 0}));
-    EXPECT_EQ(period.failedIos, 2U);
-    EXPECT_EQ(period.maxUs, 5U);
-    EXPECT_EQ(latency.closePeriod().failedIos, 0U);
+// They are told as the middles of their buckets.
+TEST_F(StorageLatencyTest, APercentileIsOfTheNearestRank) {
+    for (const auto& [longest, told] :
+         {std::pair(1, "classes 0 0 0 0 1000 us 101 304 1000 2950 10000 episodes 1 10 10 10 "),
+          {2, "classes 0 0 0 0 1001 us 304 1000 2950 10000 10000 "}}) {
+        io(99.999, 500), io(300, 400), io(1'000, 90), io(3'000, 9), io(10'000, longest);
+        EXPECT_EQ(closed(), told);
+    }
 }
 
 TEST_F(StorageLatencyTest, APeriodHasTheLimitsThatItBeganWith) {
-    const StorageLimits narrow = limits;
-    const StorageLimits wide{7, {1'000, 2'000, 3'000, 4'000}};
-    for (const auto& [next, inForce, countedIn] :
-         {std::tuple(wide, narrow, 2), {narrow, wide, 0}, {wide, narrow, 2}}) {
-        limits = next;
-        latency.countIo(25 * us);
-        nowNs += 2 * ms - 1;
-        const StoragePeriod period = latency.closePeriod();
-        EXPECT_EQ(period.counters.storageLatency[countedIn], 1U);
-        EXPECT_EQ(period.counters.latencyThreshold, inForce.threshold);
-        EXPECT_EQ(limitsOf(period.limits), limitsOf(inForce));
-        EXPECT_EQ(limitsOf(latency.closedPeriod().limits), limitsOf(inForce));
-        EXPECT_EQ(period.periodMs, 1U);
+    const StorageLimits narrow = std::exchange(limits, {7, {1'000, 2'000, 3'000, 4'000}});
+    io(25);
+    nowNs += 2 * ms - 1;
+    EXPECT_EQ(closed(), "classes 0 0 1 0 0 us 25 25 25 25 25 ms 1 ");
+    limits = narrow;
+    io(6), io(2'000);
+    EXPECT_EQ(closed(), "classes 1 1 0 0 0 us 7 1999 1999 1999 2000 episodes 1 2 2 2 limits 7 1000 "
+                        "2000 3000 4000 ");
+    io(25);
+    EXPECT_EQ(closed(), "classes 0 0 1 0 0 us 25 25 25 25 25 ");
+}
+
+TEST_F(StorageLatencyTest, AnEpisodeIsOfTheIosThatReachTheThreshold) {
+    const std::tuple<double, bool, double> ios[] = {
+        // the time passing before, whether it fails, its latency: microseconds
+        {0, false, 99.999},      {10'000, true, 4'000}, // from 6 ms on
+        {11'000, false, 12'000}, {5'000, false, 20},    // ends it at 26 ms
+        {40'000, false, 30'000}, {9'999, true, 99},     {1'000, false, 100}};
+    for (const auto& [passing, fails, latencyUs] : ios) {
+        nowNs += static_cast<u64>(passing) * us;
+        fails ? latency.countFailedIo(static_cast<u64>(latencyUs) * us) : io(latencyUs);
     }
+    EXPECT_EQ(closed(),
+              "classes 0 1 0 0 4 us 101 29885 29885 29885 30000 failed 2 episodes 3 60 20 "
+              "39 ms 76 ");
+    latency.countIo(~u64{0}); // longer than the clock has run
+    nowNs += 5 * ms;
+    io(0);
+    EXPECT_EQ(closed(), "classes 1 0 0 0 1 us 0 4294967295 4294967295 4294967295 4294967295 "
+                        "episodes 1 5 5 5 ms 5 ");
+}
+
+TEST_F(StorageLatencyTest, AnIoInFlightIsSlowOnceItIsAsOldAsTheThreshold) {
+    const InFlightIo idle(latency, 0);
+    InFlightIo old(latency, 1);
+    old.setStart(nowNs);
+    for (const auto& [passingNs, told] : {std::pair(100 * us - 1, ""),
+                                          {1, "episodes 1 0 0 0 "},
+                                          {1'000 * ms, "episodes 1 1000 1000 1000 ms 1000 "}}) {
+        nowNs += passingNs;
+        EXPECT_EQ(closed(), told);
+    }
+    old.setStart(0);
+    nowNs += 1'000 * ms;
+    EXPECT_EQ(closed(), "ms 1000 ");
 }
 
 TEST_F(StorageLatencyTest, TheLiveLimitsAreTheTunables) {
     DynamicTweaks tweaks;
     const Installed<DynamicTweaks, DynamicTweaks> installed(tweaks);
-    EXPECT_EQ(limitsOf(liveStorageLimits()), (Numbers{50'000, 1'000, 5'000, 20'000, 100'000}));
+    StorageLatency live(liveStorageLimits, [] { return u64{0}; });
+    EXPECT_EQ(toText(live.closePeriod()), "limits 50000 1000 5000 20000 100000 ");
 }
 
 // Each row is told in milliseconds: completions as "slow|fast handed-over completed", readings as
@@ -139,57 +189,18 @@ TEST(LatencyEpisodesTest, AnEpisodeIsTheTimeInWhichStorageWasSlow) {
     }
 }
 
-TEST_F(StorageLatencyTest, AnEpisodeIsOfTheIosThatReachTheThreshold) {
-    latency.countIo(100 * us - 1);
-    nowNs += 10 * ms;
-    latency.countFailedIo(4 * ms); // a stall that ends in an error: from 6 ms on
-    nowNs += 11 * ms;
-    latency.countIo(12 * ms); // slow as well
-    nowNs += 5 * ms;
-    latency.countIo(20 * us); // ends it at 26 ms
-    nowNs += 40 * ms;
-    latency.countIo(30 * ms);
-    nowNs += 9 * ms + 999 * us;
-    latency.countFailedIo(99 * us);
-    nowNs += 1 * ms;
-    latency.countIo(100 * us);
-    EXPECT_EQ(episodesOf(latency.closePeriod()), (Numbers{3, 60, 20, 39}));
-    latency.countIo(u64{1} << 62U); // longer than the clock has run
-    nowNs += 5 * ms;
-    latency.countIo(0);
-    EXPECT_EQ(episodesOf(latency.closePeriod()), (Numbers{1, 5, 5, 5}));
-}
-
-TEST_F(StorageLatencyTest, AnIoInFlightIsSlowOnceItIsAsOldAsTheThreshold) {
-    const InFlightIo idle(latency, 0);
-    auto old = std::make_unique<InFlightIo>(latency, 1);
-    old->setStart(nowNs);
-    nowNs += 100 * us - 1;
-    EXPECT_EQ(episodesOf(latency.closePeriod()), (Numbers{0, 0, 0, 0}));
-    nowNs += 1;
-    EXPECT_EQ(episodesOf(latency.closePeriod()), (Numbers{1, 0, 0, 0}));
-    nowNs += 1'000 * ms;
-    EXPECT_EQ(episodesOf(latency.closePeriod()), (Numbers{1, 1'000, 1'000, 1'000}));
-    old.reset();
-    nowNs += 1'000 * ms;
-    EXPECT_EQ(episodesOf(latency.closePeriod()), (Numbers{0, 0, 0, 0}));
-}
-
 TEST_F(StorageLatencyTest, TheOldestIoInFlightIsKnown) {
-    InFlightIos& inFlight = latency.inFlight();
-    const auto make = [&](u64 start) { return std::make_unique<InFlightIo>(latency, start); };
-    auto first = make(5), second = make(3), third = make(9);
-    EXPECT_EQ(inFlight.oldestStartNs(), 3U);
-    second.reset();
-    EXPECT_EQ(inFlight.oldestStartNs(), 5U);
-    first.reset();
-    EXPECT_EQ(inFlight.oldestStartNs(), 9U);
-    auto last = make(7);
-    EXPECT_EQ(inFlight.oldestStartNs(), 7U);
-    std::thread([&] { last.reset(); }).join();
-    EXPECT_EQ(inFlight.oldestStartNs(), 9U);
-    third.reset();
-    EXPECT_EQ(inFlight.oldestStartNs(), std::nullopt);
+    std::map<int, std::unique_ptr<InFlightIo>> ios;
+    // The start of an I/O, or with a minus that of one that ends on another thread.
+    for (const auto& [start, oldest] :
+         {std::pair(5, 5U), {3, 3U}, {9, 3U}, {-3, 5U}, {-5, 9U}, {7, 7U}, {-7, 9U}, {-9, 0U}}) {
+        if (start > 0) {
+            ios[start] = std::make_unique<InFlightIo>(latency, start);
+        } else {
+            std::thread([&, ended = -start] { ios.erase(ended); }).join();
+        }
+        EXPECT_EQ(latency.inFlight().oldestStartNs().value_or(0), oldest) << start;
+    }
 }
 
 TEST(LatencyBucketsTest, BucketsJoin) {
@@ -207,81 +218,69 @@ TEST(LatencyBucketsTest, BucketsJoin) {
     EXPECT_EQ(LatencyBuckets::shortest(LatencyBuckets::count - 1), u64{31} << 39U);
 }
 
-TEST_F(StorageLatencyTest, APercentileIsOfTheNearestRank) {
-    const Numbers latenciesUs{100, 300, 1'000, 3'000, 10'000};
-    const Numbers shownUs{101, 304, 1'000, 2'950, 10'000}; // the middles of their buckets
-    for (const auto& [longest, ranks] :
-         {std::pair(1, Numbers{0, 1, 2, 3, 4}), {2, {1, 2, 3, 4, 4}}}) {
-        const int counts[] = {500, 400, 90, 9, longest};
-        Numbers expected;
-        for (std::size_t i = 0; i < latenciesUs.size(); ++i) {
-            for (int io = 0; io < counts[i]; ++io) {
-                latency.countIo(latenciesUs[i] * us);
-            }
-            expected.push_back(shownUs[ranks[i]]);
-        }
-        EXPECT_EQ(percentilesOf(latency.closePeriod()), expected);
-    }
-}
-
-TEST_F(StorageLatencyTest, MicrosecondsRoundUp) {
-    constexpr u64 top = ~u32{0};
-    for (const auto& [ns, expectedUs] :
-         {std::pair(~u64{0}, top), {0, 0}, {1, 1}, {992, 1}, {1'000, 1}, {1'001, 2}}) {
-        latency.countIo(ns);
-        EXPECT_EQ(percentilesOf(latency.closePeriod()), Numbers(5, expectedUs)) << ns;
-    }
-    EXPECT_EQ(percentilesOf(latency.closePeriod()), Numbers(5, 0)) << "no I/O";
-}
-
 TEST_F(StorageLatencyTest, NothingIsLostBetweenReadingAndCounting) {
-    constexpr u64 perThread = 12'000;
-    constexpr unsigned int threadCount = ThreadLane::count + 2; // so that some have no lane
-    std::atomic<unsigned int> waiting{threadCount};
-    const auto count = [&] {
+    constexpr u64 perThread = 32'000;
+    constexpr unsigned int threadCount = ThreadLane::count + 8; // so that some have no lane
+    std::atomic<unsigned int> ready{0};
+    auto threads = startTogether(threadCount, [&] {
         ThreadLane::mine();
-        for (--waiting; waiting > 0;) {
+        for (++ready; ready < threadCount;) { // each has what it gets before one gives it back
             std::this_thread::yield();
         }
-        for (u64 i = 0; i < perThread; i += 3) {
-            latency.countIo(i % 50 * us);
+        for (u64 i = 0; i < perThread; ++i) {
+            latency.countIo(100 * us);
             latency.countIo(200 * us);
             latency.countFailedIo(us);
         }
-    };
-    std::vector<std::future<void>> threads(threadCount);
-    for (auto& thread : threads) {
-        thread = std::async(std::launch::async, count);
-    }
+    });
     u64 total = 0;
-    u64 failed = 0;
     for (int i = 0; i <= 1'000; ++i) {
         if (i == 1'000) {
             threads.clear();
         }
-        limits.threshold = i % 2 == 0 ? 100 : 1'000;
+        limits = {i < 100 ? 100U : 1'000U, {10, 20, 30, 40}}; // at first all are slow
+        if (i % 3 == 0) {
+            limits = {limits.threshold, {1'000, 2'000, 3'000, 4'000}};
+        }
         const StoragePeriod period = latency.closePeriod();
-        const Numbers classes = classesOf(period);
-        total += std::accumulate(classes.begin(), classes.end(), u64{0});
-        failed += period.failedIos;
-        EXPECT_TRUE(period.maxUs <= 200) << period.maxUs;
+        const u32(&ios)[5] = period.counters.storageLatency;
+        total += std::accumulate(std::begin(ios), std::end(ios), period.failedIos);
+        EXPECT_LE(period.maxUs, 200U);
+        EXPECT_EQ(ios[1] + ios[2] + ios[3], 0U) << "a mixture of two limits";
     }
-    EXPECT_EQ(total, threadCount * perThread / 3 * 2);
-    EXPECT_EQ(failed, threadCount * perThread / 3);
+    EXPECT_EQ(total, 3 * threadCount * perThread);
 }
 
-class AioTest : public testing::Test {
-protected:
-    RecordingLog log;
-    AIO aio;
-    Installed<AIO, AIO> installed{aio};
-    StorageAnalyticsCounters counters;
-};
+TEST(ThreadLaneTest, IsOneThreadsUntilItEnds) {
+    const unsigned int mine = ThreadLane::mine();
+    EXPECT_LT(mine, ThreadLane::count);
+    for (unsigned int i = 0; i < 2 * ThreadLane::count; ++i) {
+        const unsigned int others = std::async(std::launch::async, ThreadLane::mine).get();
+        EXPECT_LT(others, ThreadLane::count);
+        EXPECT_NE(others, mine);
+    }
+    EXPECT_EQ(ThreadLane::mine(), mine);
+}
 
-TEST_F(AioTest, EveryWayOfCountingReachesTheProcess) {
+TEST(ThreadLaneTest, IsGivenBackThoughItWasTakenInAThreadsLastDestructors) {
+    pthread_key_t key{};
+    ASSERT_EQ(pthread_key_create(&key, [](void*) { ThreadLane::mine(); }), 0);
+    for (unsigned int i = 0; i < 2 * ThreadLane::count; ++i) {
+        std::thread([&] { EXPECT_EQ(pthread_setspecific(key, &key), 0); }).join();
+    }
+    EXPECT_LT(std::async(std::launch::async, ThreadLane::mine).get(), ThreadLane::count);
+    pthread_key_delete(key);
+}
+
+TEST(AioTest, EveryWayOfCountingReachesTheProcess) {
+    const RecordingLog log;
+    AIO aio, unused, failing;
+    const Installed<AIO, AIO> installed(aio);
+    StorageAnalyticsCounters counters;
     StorageLatency writes;
     aio.countIo(~u64{0});
     aio.countFailedIo(1);
+    failing.countFailedIo(1);
     AIO::Measure{}; // NOLINT(bugprone-unused-raii)
     for (const bool fails : {true, false, false}) {
         AIO::Measure io(writes);
@@ -291,12 +290,20 @@ TEST_F(AioTest, EveryWayOfCountingReachesTheProcess) {
     }
     EXPECT_EQ(writes.closePeriod().failedIos, 1U);
     EXPECT_EQ(writes.closedPeriod().counters.storageLatency[0], 2U);
-    aio.mabeStorageLatencyAnalytics(counters);
+    for (AIO* const each : {&unused, &unused, &failing, &aio}) {
+        each->mabeStorageLatencyAnalytics(counters);
+    }
     EXPECT_EQ(aio.latency().closedPeriod().failedIos, 2U);
     EXPECT_EQ(counters.storageLatency[0] + 10 * counters.storageLatency[4], 13U);
+    EXPECT_EQ(toBriefText(log),
+              "common warn mabeStorageLatencyAnalytics \"no I/O was ever counted: "
+              "code that makes I/Os counts them by AIO::countIo(), "
+              "AIO::countFailedIo() or an AIO::Measure\\n\"\n");
 }
 
-TEST_F(AioTest, AMeasureIsInFlightWhileItLasts) {
+TEST(AioTest, AMeasureIsInFlightWhileItLasts) {
+    AIO aio;
+    const Installed<AIO, AIO> installed(aio);
     StorageLatency reads([] { return StorageLimits{1, {1, 2, 3, 4}}; });
     const u64 startNs = monotonicNs();
     {
@@ -310,21 +317,6 @@ TEST_F(AioTest, AMeasureIsInFlightWhileItLasts) {
     EXPECT_GE(reads.closePeriod().maxUs, 1'900U);
     EXPECT_LE(reads.closedPeriod().maxUs, (monotonicNs() - startNs) / us + 1);
     EXPECT_EQ(reads.inFlight().oldestStartNs(), std::nullopt);
-}
-
-TEST_F(AioTest, AFirstReportWithoutAnyIoIsWarnedOf) {
-    const std::function<void(AIO&)> ways[] = {[](AIO&) {}, [](AIO& fresh) { fresh.countIo(1); },
-                                              [](AIO& fresh) { fresh.countFailedIo(1); }};
-    for (const auto& count : ways) {
-        AIO fresh;
-        count(fresh);
-        fresh.mabeStorageLatencyAnalytics(counters);
-        fresh.mabeStorageLatencyAnalytics(counters);
-    }
-    EXPECT_EQ(log.texts(WarnLevel),
-              std::vector<std::string>{
-                  "no I/O was ever counted: code that makes I/Os counts them by AIO::countIo(), "
-                  "AIO::countFailedIo() or an AIO::Measure\n"});
 }
 
 } // namespace

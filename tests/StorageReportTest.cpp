@@ -1,32 +1,19 @@
 #include "common/Analytics/StorageAnalyticsGenerator.h"
-#include "host/services/LogService.h"
-#include "host/services/StorageEntries.h"
 #include "host/services/StorageReportFinalizer.h"
 #include "host/services/StorageSetGenerator.h"
-#include "host/testing/FakeServices.h"
-#include "host/testing/ParcelText.h"
-#include "host/testing/RecordingLog.h"
-#include "tests/support/FailingMemory.h"
-
-#include <gtest/gtest.h>
-
-#include <string>
+#include "tests/support/LibraryTest.h"
 
 namespace {
 
 constexpr u64 us = 1'000;
 constexpr u64 ms = 1'000'000;
 
-class StorageReportTest : public testing::Test {
+class StorageReportTest : public LibraryTest {
 protected:
-    void TearDown() override { EXPECT_EQ(services.memShield.live(), 0U); }
-
     static TrackedPtr<AnalyticsParcel> report(IPeriodicAnalyticsParcelFinalizer& finalizer) {
         return {finalizer.finalizeParcel(), TRACKED_DELETE};
     }
 
-    FakeServices services;
-    RecordingLog log;
     AIO aio;
     Installed<AIO, AIO> installedAio{aio};
     u64 nowNs = 1'000 * ms;
@@ -63,18 +50,16 @@ TEST_F(StorageReportTest, TheFirstPeriodBeginsWithTheFinalizer) {
 
 TEST_F(StorageReportTest, ASetIsReportedLikeTheProcess) {
     // Of the latencies beyond the last bound, two are of slow I/Os, each of an episode.
-    u64 latencyUs = 4;
-    for (const u32 ios : {7, 6, 5, 3}) {
-        for (u32 i = 0; i < ios; ++i) {
+    for (const auto& [latencyUs, ios] : {std::pair(4, 7), {14, 6}, {24, 5}, {34, 3}}) {
+        for (int i = 0; i < ios; ++i) {
             set.countIo(latencyUs * us);
         }
-        latencyUs += 10;
     }
     for (const u64 slowMs : {40, 100}) {
         nowNs += slowMs * ms;
         set.countIo(slowMs * ms);
         nowNs += 50 * ms;
-        set.countIo(latencyUs * us);
+        set.countIo(44 * us);
     }
     set.countFailedIo(1 * us);
     nowNs += 3 * ms;
@@ -87,12 +72,11 @@ TEST_F(StorageReportTest, ASetIsReportedLikeTheProcess) {
               "u32:cm5=4 u32:cm6=150 u32:episodes=2 u32:maxUs=100000 u32:p50Us=15 u32:p90Us=45 "
               "u32:p999Us=98567 u32:p99Us=98567 u64:cd11=3 u64:episodeSumMs=240 u64:failedIos=1 "
               "u64:periodMs=243");
-}
-
-TEST_F(StorageReportTest, TheTextComparesThePeriodWithTheTunable) {
     for (const auto& [live, text] : {std::pair(9'000, "[eq=9000]"), {8'999, "[gt=8999]"}}) {
         services.dynamicTweaks.t_StorageAnalyticsLatencyThreshold = live;
-        EXPECT_EQ(report(generator)->getText(), std::string("[Latency Threshold=9000]") + text);
+        const auto parcel = report(generator);
+        EXPECT_EQ(parcel->getText(), std::string("[Latency Threshold=9000]") + text);
+        EXPECT_EQ(parcel->getU64Entries().at("failedIos"), 0U) << "of the next period";
     }
 }
 
@@ -105,18 +89,21 @@ TEST_F(StorageReportTest, TheSetsPolicyHasTheIntervalOfTheTunable) {
     }
 }
 
-TEST_F(StorageReportTest, AReportThatMemoryFailsLeaksNothing) {
+TEST_F(StorageReportTest, AReportThatMemoryFailsIsMadeByTheNextAttempt) {
     LogService::setLevel(AssertLevel); // a log line without memory is dropped: no failure
     StorageReportFinalizer finalizer(TRACKED_NEW(StorageAnalyticsGenerator)());
-    for (IPeriodicAnalyticsParcelFinalizer* each :
+    TrackedPtr<AnalyticsParcel> parcel(nullptr, TRACKED_DELETE);
+    set.countIo(1);
+    for (IPeriodicAnalyticsParcelFinalizer* const each :
          {static_cast<IPeriodicAnalyticsParcelFinalizer*>(&finalizer),
           static_cast<IPeriodicAnalyticsParcelFinalizer*>(&generator)}) {
+        parcel.reset();
         const std::size_t owned = services.memShield.live();
-        TrackedPtr<AnalyticsParcel> parcel(nullptr, TRACKED_DELETE);
         EXPECT_GT(failEachAllocation([&] { parcel = report(*each); },
                                      [&] { EXPECT_EQ(services.memShield.live(), owned); }),
                   25);
     }
+    EXPECT_EQ(parcel->getU32Entries().at("cm1"), 1U); // none is lost with the failed reports
     LogService::setLevel(InfoLevel);
 }
 

@@ -49,10 +49,38 @@ private:
     u64 m_size = 0;
 };
 
+// A run of drops begins with a push that finds the outbox full, and ends with the first push that
+// does not, or before it when nothing is held any more. Not synchronised, but its log functions.
+class DropRun {
+public:
+    // Counts a drop. True if it begins a run.
+    bool add() { return ++m_length == 1; }
+    // The length of the run that ends now, 0 if there is none.
+    u64 end() { return m_length == 0 ? 0 : std::exchange(m_length, 0); }
+
+    static void logBegin(u64 maxSize) {
+        LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
+            << " parcel outbox is full, the oldest parcels are dropped: maxSize=" << maxSize << " "
+            << std::endl;
+    }
+    // Of no run if the length is 0. Inline, so that most pushes and pops make no call for it.
+    static void logEnd(u64 length) {
+        if (length > 0) {
+            logLength(length);
+        }
+    }
+
+private:
+    __attribute__((noinline, cold)) static void logLength(u64 length) {
+        LogItem(LogModuleCommon, InfoLevel, __PRETTY_FUNCTION__, 3)
+            << " parcel outbox is no longer full: dropped=" << length << " " << std::endl;
+    }
+
+    u64 m_length = 0;
+};
+
 } // namespace
 
-// A run of drops begins with a push that finds the outbox full, and ends with the first push that
-// does not, or before it when nothing is held any more.
 struct ANALYTICS_HIDDEN ParcelOutbox::Impl {
     explicit Impl(u64 maximum) : maxSize(maximum), parcels(maximum) {}
 
@@ -61,25 +89,15 @@ struct ANALYTICS_HIDDEN ParcelOutbox::Impl {
     mutable CheckedMutex mutex;
     ParcelRing parcels ANALYTICS_GUARDED_BY(mutex);
     Counts counts ANALYTICS_GUARDED_BY(mutex);
-    u64 run ANALYTICS_GUARDED_BY(mutex) = 0;     // parcels dropped in the present run
+    DropRun run ANALYTICS_GUARDED_BY(mutex);
     u64 waiting ANALYTICS_GUARDED_BY(mutex) = 0; // threads; each of them is woken by a push
     bool waitsAreOver ANALYTICS_GUARDED_BY(mutex) = false;
     std::function<void()> listener ANALYTICS_GUARDED_BY(mutex);
 
-    u64 endRun() ANALYTICS_REQUIRES(mutex) { return run == 0 ? 0 : std::exchange(run, 0); }
     std::vector<IParcel*> takeAll() ANALYTICS_REQUIRES(mutex);
     IParcel* takeOldest(u64 Counts::*column);
     template <typename Wait>
     bool waitForParcel(Wait wait);
-
-    void finishDrop(IParcel* dropped, bool beginsRun) const;
-    // Of no run if the length is 0. Inline, so that most pushes and pops make no call for it.
-    static void reportRun(u64 length) {
-        if (length > 0) {
-            logRun(length);
-        }
-    }
-    __attribute__((noinline, cold)) static void logRun(u64 length);
 };
 
 std::vector<IParcel*> ParcelOutbox::Impl::takeAll() {
@@ -98,10 +116,10 @@ IParcel* ParcelOutbox::Impl::takeOldest(u64 Counts::*column) {
     }
     IParcel* parcel = parcels.pop();
     ++(counts.*column);
-    const u64 endedRun = parcels.isEmpty() ? endRun() : 0;
+    const u64 endedRun = parcels.isEmpty() ? run.end() : 0;
     lock.unlock();
 
-    reportRun(endedRun);
+    DropRun::logEnd(endedRun);
     return parcel;
 }
 
@@ -114,20 +132,6 @@ bool ParcelOutbox::Impl::waitForParcel(Wait wait) {
     }
     --waiting;
     return !parcels.isEmpty();
-}
-
-void ParcelOutbox::Impl::finishDrop(IParcel* dropped, bool beginsRun) const {
-    destroy(dropped);
-    if (beginsRun) {
-        LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
-            << " parcel outbox is full, the oldest parcels are dropped: maxSize=" << maxSize << " "
-            << std::endl;
-    }
-}
-
-void ParcelOutbox::Impl::logRun(u64 length) {
-    LogItem(LogModuleCommon, InfoLevel, __PRETTY_FUNCTION__, 3)
-        << " parcel outbox is no longer full: dropped=" << length << " " << std::endl;
 }
 
 ParcelOutbox::ParcelOutbox(u64 maxSize) : m_impl(std::make_unique<Impl>(maxSize)) {
@@ -151,8 +155,8 @@ RcStatus ParcelOutbox::pushParcel(IParcel* parcel, ParcelType type) {
     m_impl->parcels.push(parcel);
     ++m_impl->counts.pushed;
     m_impl->counts.dropped += full ? 1 : 0;
-    // The length of the present run, or of the one that this push ends.
-    const u64 run = full ? ++m_impl->run : m_impl->endRun();
+    const bool beginsRun = full && m_impl->run.add();
+    const u64 endedRun = full ? 0 : m_impl->run.end();
     const bool awaited = m_impl->waiting > 0;
     if (wasEmpty && m_impl->listener) {
         m_impl->listener();
@@ -163,10 +167,12 @@ RcStatus ParcelOutbox::pushParcel(IParcel* parcel, ParcelType type) {
         m_impl->changed.notify_all();
     }
     if (full) {
-        m_impl->finishDrop(dropped, run == 1);
-    } else {
-        Impl::reportRun(run);
+        destroy(dropped);
     }
+    if (beginsRun) {
+        DropRun::logBegin(m_impl->maxSize);
+    }
+    DropRun::logEnd(endedRun);
     return RC_SUCCESS;
 }
 
@@ -181,10 +187,10 @@ std::vector<IParcel*> ParcelOutbox::popParcels(ParcelType type) {
     }
     std::vector<IParcel*> taken = m_impl->takeAll();
     m_impl->counts.popped += taken.size();
-    const u64 endedRun = m_impl->endRun();
+    const u64 endedRun = m_impl->run.end();
     lock.unlock();
 
-    Impl::reportRun(endedRun);
+    DropRun::logEnd(endedRun);
     return taken;
 }
 

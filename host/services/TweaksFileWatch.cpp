@@ -1,6 +1,7 @@
 #include "host/services/TweaksFileWatch.h"
 
 #include "common/infra/Defs.h"
+#include "host/services/Clock.h"
 #include "host/services/TweaksFileError.h"
 
 #include <fmt/format.h>
@@ -9,6 +10,7 @@
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <list>
@@ -145,9 +147,10 @@ TweaksFileWatch::TweaksFileWatch(std::string path)
 TweaksFileWatch::~TweaksFileWatch() = default;
 
 bool TweaksFileWatch::wait(int timeoutMs) {
-    for (;;) {
+    const u64 beginNs = monotonicNs();
+    for (int leftMs = timeoutMs;;) {
         std::array<pollfd, 2> polled{{{m_way->descriptor(), POLLIN, 0}, {m_stop.get(), POLLIN, 0}}};
-        const int ready = ::poll(polled.data(), polled.size(), timeoutMs);
+        const int ready = ::poll(polled.data(), polled.size(), leftMs);
         if (ready < 0 && errno != EINTR) {
             failWatching(m_path);
         }
@@ -156,6 +159,10 @@ bool TweaksFileWatch::wait(int timeoutMs) {
         }
         if (ready == 0 || (ready > 0 && m_way->takeEvents())) {
             return true;
+        }
+        if (timeoutMs >= 0) { // an event of no concern does not make the wait longer
+            const u64 passedMs = (monotonicNs() - beginNs) / nsPerMs;
+            leftMs = std::max(0, timeoutMs - static_cast<int>(passedMs));
         }
     }
 }

@@ -3,6 +3,7 @@
 #include "host/testing/RecordingLog.h"
 
 #include <regex>
+#include <sstream>
 #include <string>
 
 // Log lines as texts to compare: "kel info [virtual u64 Policy::getNextSchedule()] 3: text\n".
@@ -31,9 +32,24 @@ inline std::string toText(const RecordingLog& log) {
     return result;
 }
 
-// The line of an assertion that failed in `source`.
-inline std::string failedIn(const std::string& source, const std::string& function,
-                            const std::string& condition, const std::string& details = "") {
-    return "kel assert [" + function + "] 3:  " + source + ".cpp N: " + condition + " failed. " +
-           details + "\n";
+// All lines together, shorter: the function's name stands for its signature, the detail is left
+// out, and the text is in quotes with its line ends escaped: kel info getNextSchedule "text \n".
+inline std::string toBriefText(const RecordingLog& log) {
+    std::string result;
+    for (const RecordingLog::Line& line : log.lines()) {
+        std::smatch name;
+        std::regex_search(line.function, name, std::regex("(\\w+)\\("));
+        result += std::string(toString(line.module)) + " " + toString(line.level) + " " +
+                  name.str(1) + " \"" +
+                  std::regex_replace(withoutLineNumbers(line.text), std::regex("\n"), "\\n") +
+                  "\"\n";
+    }
+    return result;
+}
+
+// The text with a name in the place of an address.
+inline std::string withName(const std::string& text, const void* address, const std::string& name) {
+    std::ostringstream digits;
+    digits << address;
+    return std::regex_replace(text, std::regex(digits.str()), name);
 }

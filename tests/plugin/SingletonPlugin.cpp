@@ -1,5 +1,3 @@
-#include "tests/plugin/SingletonPlugin.h"
-
 #include "common/infra/AIO.h"
 #include "common/infra/DynamicTweaks.h"
 #include "common/infra/IParcelOutbox.h"
@@ -10,26 +8,14 @@
 
 struct ANALYTICS_EXPORT PluginService {};
 
-namespace {
-
-std::vector<const void*> ofTheLibrary() {
-    return {
-        Singleton<ITimer, Timer>::getInstance(),
-        Singleton<IParcelOutbox, ParcelOutbox>::getInstance(),
-        Singleton<MemShield, MemShield>::getInstance(),
-        Singleton<DynamicTweaks, DynamicTweaks>::getInstance(),
-        Singleton<Tweaks, Tweaks>::getInstance(),
-        Singleton<AIO, AIO>::getInstance(),
-    };
-}
-
-const void* ofThePluginsOnly() {
-    return Singleton<PluginService, PluginService>::instance();
-}
-
-} // namespace
-
-extern "C" {
-ANALYTICS_VISIBLE extern const PluginInstances pluginInstances;
-const PluginInstances pluginInstances{ofTheLibrary, ofThePluginsOnly};
+// What a plugin sees of the process's singletons: of the services that the library calls, and at
+// last of a service that only the plugins use, created by whoever asks first.
+extern "C" ANALYTICS_VISIBLE void listInstances(std::vector<const void*>& instances) {
+    instances = {Singleton<ITimer, Timer>::getInstance(),
+                 Singleton<IParcelOutbox, ParcelOutbox>::getInstance(),
+                 Singleton<MemShield, MemShield>::getInstance(),
+                 Singleton<DynamicTweaks, DynamicTweaks>::getInstance(),
+                 Singleton<Tweaks, Tweaks>::getInstance(),
+                 Singleton<AIO, AIO>::getInstance(),
+                 Singleton<PluginService, PluginService>::instance()};
 }
