@@ -103,6 +103,10 @@ struct BrokenMemShield final : MemShield {
                    ? one
                    : MemShield::allocAndRegister(size, reserved, typeName, file, line);
     }
+    void freeAndCount(void* block) override {
+        EXPECT_FALSE(isMemshieldActive());
+        MemShield::freeAndCount(block);
+    }
 };
 
 // In simulated time, in which nothing that is missing takes long to miss.
@@ -114,6 +118,9 @@ struct BrokenHost : ReferenceHost {
         }
     }
     std::chrono::milliseconds limit() override { return std::chrono::milliseconds(1); }
+    bool promises(Advice advice) override {
+        return advice != Advice::ThrowingCallbackComesAgain && advice != Advice::PushesMayCoincide;
+    }
     ITimer& timer() override { return clock; }
     IParcelOutbox& outbox() override { return box; }
     MemShield& memShield() override { return shield; }
@@ -243,5 +250,6 @@ int main(int argc, char** argv) {
     testRequired<ReferenceHost>("ReferenceHost");
     testAdvised<ReferenceHost>("ReferenceHost");
     testRequired<BrokenHost>("WithoutFault");
+    testAdvised<BrokenHost>("WithoutFault");
     return RUN_ALL_TESTS();
 }
