@@ -195,7 +195,7 @@ void Host::stop() {
     m_scheduler.reset();
     sendMaxima(m_loadGenerator.maxima());
     const WaitNotice notice([] {
-        return std::string("waiting until the reports are written; a further signal ends at once");
+        return std::string("waiting for the reports' reader; a further signal ends at once");
     });
     if (!m_forwarding.stop(m_shutdown->left())) {
         endAtDeadline();
