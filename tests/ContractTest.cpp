@@ -222,6 +222,7 @@ std::map<std::string, void (*)(ContractHost&)> checks() {
 
 TEST(ContractKit, NamesEachBrokenPromise) {
     auto notFailed = checks();
+    const bool isTracked = MemShield::bMemshieldActive;
     for (const Broken& broken : brokenServices) {
         presentFault = broken.fault;
         BrokenHost host;
@@ -240,6 +241,7 @@ TEST(ContractKit, NamesEachBrokenPromise) {
         notFailed.erase(broken.check);
     }
     presentFault.clear();
+    EXPECT_EQ(MemShield::bMemshieldActive, isTracked) << "the switch is not set back";
     EXPECT_EQ(notFailed.size(), 0U) << notFailed.begin()->first << " was never seen to fail";
 }
 
