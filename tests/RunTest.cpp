@@ -127,31 +127,33 @@ TEST(OptionsTest, AWrongValueIsNamed) {
 }
 
 TEST(OptionsTest, WhatIsWrongIsNamedInOneLine) {
-    const std::pair<const char*, const char*> rows[] = {
-        {"--nonsense", "'--nonsense' is not an option"},
-        {"--intreval=5", "'--intreval=5' is not an option, did you mean '--interval'?"},
-        {"--sxxe 1", "'--sxxe' is not an option, did you mean '--size'?"},
-        {"--sxxx 1", "'--sxxx' is not an option"},
-        {"--block-size 1000", "--block-size: expected a multiple of 512 bytes up to 16M, got 1000"},
-        {"--block-size 0", "--block-size: expected a multiple of 512 bytes up to 16M, got 0"},
-        {"--block-size 16777728",
-         "--block-size: expected a multiple of 512 bytes up to 16M, got 16777728"},
-        {"--size 4K --block-size 8K", "--size: expected at least one block (8192 bytes), got 4096"},
-        {"--days mon --hour 5 --interval 5", "--interval excludes --days"},
-        {"--days mon", "--days requires --hour"},
-        {"--hour 5", "--hour requires --days"},
-        {"--path \"\"", "--path: is empty; expected a folder"},
-        {"--spool s", "--spool: needs an engine, --kafka or --nats"},
-        {"--kafka a --topic t --spool s --spool-limit 1048575",
-         "--spool-limit: expected at least 1M, got 1048575"},
-        {"--kafka a", "--kafka requires --topic"},
-        {"--topic a", "--topic requires --kafka"},
-        {"--nats a", "--nats requires --subject"},
-        {"--subject a", "--subject requires --nats"},
-        {"--kafka a --topic t --nats a --subject a", "--kafka excludes --nats"},
-        {"--durable", "--durable requires --spool"}};
-    for (const auto& [line, reason] : rows) {
-        EXPECT_EQ(refusalOf(line), std::string("analytics-host: ") + reason + " (see --help)\n");
+    for (const std::string row :
+         {"--nonsense => '--nonsense' is not an option",
+          "--intreval=5 => '--intreval=5' is not an option, did you mean '--interval'?",
+          "--sxxe 1 => '--sxxe' is not an option, did you mean '--size'?",
+          "--sxxx 1 => '--sxxx' is not an option",
+          "--block-size 1000 => --block-size: expected a multiple of 512 bytes up to 16M, got 1000",
+          "--block-size 16777728 => --block-size: expected a multiple of 512 bytes up to 16M, got "
+          "16777728",
+          "--block-size 0 => --block-size: expected a multiple of 512 bytes up to 16M, got 0",
+          "--block-size 1K --size 1023 => --size: expected at least one block (1024 bytes), got "
+          "1023",
+          "--days mon --hour 5 --interval 5 => --interval excludes --days",
+          "--days mon => --days requires --hour",
+          "--hour 5 => --hour requires --days",
+          "--path \"\" => --path: is empty; expected a folder",
+          "--spool s => --spool: needs an engine, --kafka or --nats",
+          "--kafka a --topic t --spool s --spool-limit 1048575 => --spool-limit: expected at least "
+          "1M, got 1048575",
+          "--kafka a => --kafka requires --topic",
+          "--topic a => --topic requires --kafka",
+          "--nats a => --nats requires --subject",
+          "--subject a => --subject requires --nats",
+          "--kafka a --topic t --nats a --subject a => --kafka excludes --nats",
+          "--durable => --durable requires --spool"}) {
+        const std::size_t arrow = row.find(" => ");
+        EXPECT_EQ(refusalOf(row.substr(0, arrow)),
+                  "analytics-host: " + row.substr(arrow + 4) + " (see --help)\n");
     }
 }
 
@@ -218,15 +220,13 @@ TEST_F(ScheduleTest, TheIntervalIsTheCommandLinesElseTheFilesElseFiveSeconds) {
 StoragePeriod period(u32 first) {
     StoragePeriod period;
     u32 next = first;
-    for (u32& ios : period.counters.storageLatency) {
-        ios = next++;
+    for (u32* figure : {&period.counters.storageLatency[0], &period.counters.storageLatency[1],
+                        &period.counters.storageLatency[2], &period.counters.storageLatency[3],
+                        &period.counters.storageLatency[4], &period.p50Us, &period.p90Us,
+                        &period.p99Us, &period.p999Us, &period.maxUs, &period.episodes,
+                        &period.counters.maxHighStorageLatencyDuration}) {
+        *figure = next++;
     }
-    for (u32 StoragePeriod::*const figure :
-         {&StoragePeriod::p50Us, &StoragePeriod::p90Us, &StoragePeriod::p99Us,
-          &StoragePeriod::p999Us, &StoragePeriod::maxUs, &StoragePeriod::episodes}) {
-        period.*figure = next++;
-    }
-    period.counters.maxHighStorageLatencyDuration = next++;
     period.failedIos = next;
     period.limits = {50'000, {1'000, 5'000, 20'000, 100'000}};
     return period;
@@ -288,16 +288,14 @@ TEST(RunSummaryTest, BoundsThatChangedAreNotShown) {
 }
 
 TEST(RunSummaryTest, ARateThatIsNotReachedIsTold) {
-    Options options;
-    options.rate = 100;
-    EXPECT_EQ(rateShortfall(options, 189, 2 * nsPerSecond), "");
-    EXPECT_EQ(rateShortfall(options, 188, 2 * nsPerSecond),
-              "; 94 of the 100 I/Os per second that were asked for");
-    options.maxIos = 9;
-    EXPECT_EQ(rateShortfall(options, 9, nsPerSecond), "");
-    options = {};
-    options.rate = 0;
-    EXPECT_EQ(rateShortfall(options, 0, nsPerSecond), "");
+    const std::tuple<const char*, u64, const char*> rows[] = {
+        {"--rate 100", 189, ""},
+        {"--rate 100", 188, "; 94 of the 100 I/Os per second that were asked for"},
+        {"--rate 100 --max-ios 9", 9, ""},
+        {"--rate 0", 0, ""}};
+    for (const auto& [line, made, said] : rows) {
+        EXPECT_EQ(rateShortfall(*parse(line).options, made, 2 * nsPerSecond), said) << line;
+    }
 }
 
 void send(int signal) {
@@ -327,27 +325,25 @@ TEST(StopRequestTest, TheFirstSignalAsksAndAnotherEndsTheProcess) {
     }
 }
 
-TEST(StopRequestTest, AHangUpIsPassedOn) {
+TEST(StopRequestTest, EachHangUpIsPassedOn) {
     int hangUps = 0;
-    {
-        StopRequest stop([&] { ++hangUps < 3 ? send(SIGHUP) : stop.request(); });
-        send(SIGHUP);
-        stop.wait();
-        EXPECT_EQ(hangUps, 3);
-    }
-    EXPECT_EQ(std::signal(SIGTERM, SIG_DFL), SIG_DFL) << "the handler is still there";
+    StopRequest stop([&] { ++hangUps < 3 ? send(SIGHUP) : stop.request(); });
+    send(SIGHUP);
+    stop.wait();
+    EXPECT_EQ(hangUps, 3);
 }
 
 TEST(StopRequestTest, WhatWasIgnoredStaysSoButForTerm) {
-    for (const int signal : {SIGINT, SIGHUP, SIGTERM}) {
+    for (const auto& [signal, isStop, after] :
+         {std::tuple(SIGINT, false, SIG_IGN), {SIGHUP, false, SIG_IGN}, {SIGTERM, true, SIG_DFL}}) {
         EXPECT_NE(std::signal(signal, SIG_IGN), SIG_ERR);
         {
             StopRequest stop;
             EXPECT_FALSE(stop.isRequested());
             send(signal);
-            EXPECT_EQ(stop.isRequested(), signal == SIGTERM) << signal;
+            EXPECT_EQ(stop.isRequested(), isStop) << signal;
         }
-        EXPECT_NE(std::signal(signal, SIG_DFL), SIG_ERR);
+        EXPECT_EQ(std::signal(signal, SIG_DFL), after) << signal;
     }
 }
 
