@@ -8,6 +8,7 @@
 #include "host/testing/Installed.h"
 #include "host/testing/RecordingLog.h"
 #include "tests/support/FailingMemory.h"
+#include "tests/support/Process.h"
 #include "tests/support/RefuseCall.h"
 
 #include <fcntl.h>
@@ -34,16 +35,6 @@ using Kind = IoEngine::Kind;
 
 constexpr u32 block = 4096;
 
-// Waits for what nobody tells; not for ever.
-template <typename Condition>
-bool comesTrue(Condition condition) {
-    const u64 endNs = monotonicNs() + 20 * nsPerSecond;
-    while (!condition() && monotonicNs() < endNs) {
-        std::this_thread::yield();
-    }
-    return static_cast<bool>(condition());
-}
-
 struct Pipe {
     explicit Pipe(int flags = 0) {
         int ends[2];
@@ -57,6 +48,10 @@ struct Pipe {
     FileDescriptor reader, writer;
 };
 
+std::string blocks(char first, char second, char third) {
+    return std::string(block, first) + std::string(block, second) + std::string(block, third);
+}
+
 class IoEngineTest : public testing::TestWithParam<Kind> {
 protected:
     struct Io : IoRequest {
@@ -66,8 +61,8 @@ protected:
         std::future<int> result = promise.get_future();
     };
 
-    Io makeIo(IoRequest::Operation what, u64 offset = 0, void* buffer = nullptr,
-              u32 length = block) {
+    Io makeIo(IoRequest::Operation what, u64 offset = 0, void* buffer = nullptr, u32 length = block,
+              u32 resubmits = 0) {
         Io io;
         io.operation = what;
         io.length = length;
@@ -75,6 +70,7 @@ protected:
         io.buffer = buffer;
         io.completed = ioCompleted;
         io.test = this;
+        io.resubmits = resubmits;
         return io;
     }
     static void ioCompleted(IoRequest& request, int result) {
@@ -97,11 +93,8 @@ protected:
     // then they are also complete.
     bool run(std::size_t count = 1, u32 resubmits = 0) {
         std::vector<Io> ios;
-        std::generate_n(std::back_inserter(ios), count, [&] {
-            Io io = makeIo(IoRequest::NoOp);
-            io.resubmits = resubmits;
-            return io;
-        });
+        std::generate_n(std::back_inserter(ios), count,
+                        [&] { return makeIo(IoRequest::NoOp, 0, nullptr, 0, resubmits); });
         return submitAll(ios) &&
                std::all_of(ios.begin(), ios.end(), [](Io& io) { return io.result.get() >= 0; });
     }
@@ -133,24 +126,29 @@ protected:
 // The second size is one that cannot be registered.
 TEST_P(IoEngineTest, DataMovesInsideTheRegisteredMemoryAsOutside) {
     for (const std::size_t bytes : {std::size_t{block}, std::size_t{1} << 50U}) {
-        std::string registered(block, 'r');
-        std::string outside(block, 'o');
-        open(file, 3, registered.data(), bytes);
+        std::string memory = blocks('b', 'r', 'a');
+        char* const below = memory.data();
+        char* const registered = below + block;
+        char* const above = registered + block;
+        open(file, 3, registered, bytes);
         std::vector<Io> ios; // more than the queue is deep, as one batch
+        ios.push_back(makeIo(IoRequest::Write, 3 * block, above));
+        ios.push_back(makeIo(IoRequest::Write, 5 * block, below));
+        ios.push_back(makeIo(IoRequest::Write, block, registered));
+        ios.push_back(makeIo(IoRequest::Read, ~u64{0} - block, above));
         ios.push_back(makeIo(IoRequest::NoOp));
-        ios.push_back(makeIo(IoRequest::Read, ~u64{0} - block, outside.data()));
-        ios.push_back(makeIo(IoRequest::Write, 3 * block, outside.data()));
-        ios.push_back(makeIo(IoRequest::Write, 0, registered.data()));
         ASSERT_TRUE(submitAll(ios));
         std::vector<int> results;
         std::for_each(ios.begin(), ios.end(), [&](Io& io) { results.push_back(io.result.get()); });
-        EXPECT_EQ(results, (std::vector<int>{0, -EINVAL, block, block}));
-        ios[0] = makeIo(IoRequest::Read, 3 * block, registered.data());
-        ios[1] = makeIo(IoRequest::Read, 0, outside.data());
-        ASSERT_TRUE(submit(ios[0]) && submit(ios[1]));
+        EXPECT_EQ(results, (std::vector<int>{block, block, block, -EINVAL, 0}));
+        ios.clear();
+        ios.push_back(makeIo(IoRequest::Read, 3 * block, registered));
+        ios.push_back(makeIo(IoRequest::Read, 5 * block, above));
+        ios.push_back(makeIo(IoRequest::Read, block, below));
+        ASSERT_TRUE(submitAll(ios));
         engine.close();
-        EXPECT_EQ(registered + outside, std::string(block, 'o') + std::string(block, 'r'));
-        EXPECT_EQ(counted(), 6U);
+        EXPECT_EQ(memory, blocks('r', 'a', 'b'));
+        EXPECT_EQ(counted(), 8U);
     }
 }
 
@@ -189,7 +187,7 @@ TEST_P(IoEngineTest, ClosingWaitsForWhatWasSubmittedAndRefusesMore) {
     ios.push_back(makeIo(IoRequest::NoOp));
     ASSERT_TRUE(submitAll(ios));
     auto closing = std::async(std::launch::async, [this] { engine.close(); });
-    EXPECT_TRUE(comesTrue([this] { return engine.submit(nullptr, 0) != RC_SUCCESS; }));
+    EXPECT_TRUE(waitUntil([this] { return engine.submit(nullptr, 0) != RC_SUCCESS; }));
     EXPECT_EQ(completions, 0U);
     pipe.put("0123456789");
     closing.get();
@@ -230,9 +228,9 @@ TEST_P(IoEngineTest, AStallShowsAsLongAsItLasts) {
     char buffer[2];
     Io ios[] = {makeIo(IoRequest::Read, 0, buffer, 1), makeIo(IoRequest::Read, 0, buffer + 1, 1)};
     ASSERT_TRUE(submit(ios[0]) && submit(ios[1]));
-    ASSERT_TRUE(comesTrue(oldestNs));
+    ASSERT_TRUE(waitUntil([&] { return oldestNs().has_value(); }));
     EXPECT_GE(*oldestNs(), beforeNs);
-    ASSERT_TRUE(comesTrue([&] { return monotonicNs() > *oldestNs() + 2 * nsPerMs; }));
+    ASSERT_TRUE(waitUntil([&] { return monotonicNs() > *oldestNs() + 2 * nsPerMs; }));
     struct sigaction action {};
     action.sa_handler = [](int) {};
     sigaction(SIGUSR1, &action, nullptr);
@@ -240,7 +238,7 @@ TEST_P(IoEngineTest, AStallShowsAsLongAsItLasts) {
         tgkill(getpid(), std::stoi(task.path().filename()), SIGUSR1);
     }
     pipe.put("x");
-    ASSERT_TRUE(comesTrue([this] { return completions == 1; }));
+    ASSERT_TRUE(waitUntil([this] { return completions == 1; }));
     EXPECT_TRUE(oldestNs());
     pipe.put("y");
     EXPECT_EQ(ios[0].result.get() + ios[1].result.get(), 2);
@@ -278,7 +276,7 @@ TEST_P(IoEngineTest, ThereAreSoManyThreads) {
     GTEST_SKIP() << "the sanitizer starts a thread of its own with the first of the process";
 #endif
     const auto become = [](std::ptrdiff_t expected) {
-        return comesTrue([=] {
+        return waitUntil([=] {
             return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}) ==
                    expected + 1;
         });

@@ -124,7 +124,7 @@ inline bool waitUntil(const std::function<bool()>& condition,
         if (std::chrono::steady_clock::now() > end) {
             return false;
         }
-        poll(nullptr, 0, 20);
+        poll(nullptr, 0, 5);
     }
     return true;
 }
