@@ -159,6 +159,9 @@ TEST_P(IoEngineTest, WhatCannotBeOpenedIsRefused) {
     EXPECT_THROW(IoEngine::available(GetParam(), 1U << 15U), std::invalid_argument);
     EXPECT_NO_THROW(IoEngine::available(Kind::Threads, (1U << 15U) - 1));
     EXPECT_EQ(engine.kind(), Kind::Automatic);
+    open(file, 5);
+    EXPECT_TRUE(run(2, 3));
+    EXPECT_EQ(completions, 8U);
 }
 
 TEST_P(IoEngineTest, AnIoIsCountedBeforeItsCompletionIsSeen) {

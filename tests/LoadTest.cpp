@@ -17,9 +17,8 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
-#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
-#include <memory>
 #include <regex>
 #include <stdexcept>
 #include <string>
@@ -136,12 +135,10 @@ TEST_F(ScratchFileTest, WhatAFileSystemLacksIsDoneWithout) {
 }
 
 TEST_F(ScratchFileTest, TheDeviceIsThatOfItsFolder) {
-    const std::unique_ptr<FILE, int (*)(FILE*)> df(
-        popen(("df --output=fstype,source " + folder + " | tail -n 1").c_str(), "r"), pclose);
-    char type[64], device[1024];
-    ASSERT_EQ(fscanf(df.get(), "%63s %1023s", type, device), 2);
     const FileSystem found = ScratchFile(folder, 4096).fileSystem();
-    EXPECT_EQ(found.type + " " + found.device, std::string(type) + " " + device);
+    const std::string df =
+        "test \"$(df --output=fstype,source " + folder + " | tail -n 1 | tr -s ' ')\"";
+    EXPECT_EQ(std::system((df + " = '" + found.type + " " + found.device + "'").c_str()), 0);
     const ScratchFile inMemory("/dev/shm", 4096);
     EXPECT_TRUE(inMemory.isInMemory());
     EXPECT_EQ(inMemory.fileSystem().type, "tmpfs");

@@ -160,7 +160,7 @@ const Row starts[] = {
      "io_uring is refused"},
     {"NoThread", 1, "", refusing(SYS_clone3, EAGAIN) + "$run",
      "cannot start the forwarder's thread: "},
-    {"ABlockSizeThatCannotBeRead", 1, "--block-size 2M",
+    {"ABlockSizeThatCannotBeRead", 1, "--block-size 2M --reports 1",
      refusing(SYS_pread64, EINVAL, "2 2097152") + "$run",
      "cannot read 2097152 bytes in '.': Invalid argument (expected a multiple of the disk's"}};
 
