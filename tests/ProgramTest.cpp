@@ -133,12 +133,11 @@ const Row runs[] = {
      "analytics-host: the page is not written: the end took too long\n"},
     {"ALongFilling", 128 + SIGTERM, "", onTerminal("4", refusing(SYS_pwrite64, EINTR)),
      "analytics-host: filling the scratch file, 0 of 2 MiB "},
-    {"AReaderThatDoesNotRead", 3, "--reports 1 --output pipe --shutdown-timeout 3",
-     fillPipe + onTerminal("9"),
+    {"AReaderThatDoesNotRead", 3, "--reports 1 --output pipe", fillPipe + onTerminal("9"),
      "analytics-host: waiting for the reports' reader; a further signal ends at once "},
     {"ADiskThatDoesNotAnswer", 0,
-     "--reports 1 --block-size 2M --read-percent 0 --io-engine threads --shutdown-timeout 3",
-     onTerminal("2", refusing(SYS_pwrite64, 0, "2 2097152")),
+     "--reports 1 --block-size 2M --read-percent 0 --io-engine threads --shutdown-timeout 4",
+     onTerminal("3", refusing(SYS_pwrite64, 0, "2 2097152")),
      "analytics-host: waiting for 8 I/Os in flight; a further signal ends at once "}};
 
 const Row starts[] = {
