@@ -191,7 +191,7 @@ TEST_F(LoadGeneratorTest, ARateIsKept) {
         EXPECT_EQ(run(50, rate, file.descriptor()).completed(), ios);
         const double seconds = static_cast<double>(monotonicNs() - startNs) / nsPerSecond;
         EXPECT_GE(seconds, 0.9 * ios / rate);
-        EXPECT_LE(seconds, 3.0 * ios / rate);
+        EXPECT_LE(seconds, 8.0 * ios / rate); // the machine may be busy
     }
 }
 
