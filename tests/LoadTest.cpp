@@ -3,6 +3,7 @@
 #include "host/program/LoadGenerator.h"
 #include "host/program/ScratchFile.h"
 #include "host/services/Clock.h"
+#include "host/services/FileDescriptor.h"
 #include "host/testing/RecordingLog.h"
 #include "tests/support/RefuseCall.h"
 
@@ -16,51 +17,33 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
-#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
-#include <iterator>
-#include <memory>
+#include <regex>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <tuple>
-#include <utility>
 #include <vector>
 
 namespace {
 
-TEST(DayListTest, NamesDigitsAndRangesAreDays) {
-    const std::vector<std::pair<std::string, std::string>> rows = {
-        {"mon,wed", "13"},    {"1,3", "13"},           {"Thursday", "4"},
-        {"mon-fri", "12345"}, {"1-5", "12345"},        {"fri-Mon", "5601"},
-        {"sat-sat", "6"},     {"sun,sunday,0", "000"}, {"mon-sunday", "1234560"}};
-    for (const auto& [list, days] : rows) {
+// Each row is a list and its days, or what of it is refused.
+TEST(DayListTest, NamesDigitsAndRangesAreDaysAndNothingElse) {
+    for (const std::string row :
+         {"mon,wed=13", "1,3=13", "Thursday=4", "mon-fri=12345", "1-5=12345", "fri-Mon=5601",
+          "sat-sat=6", "sun,sunday,0=000", "mon-sunday=1234560", "mon,monkey='monkey'",
+          "mon;tue='mon;tue'", "=''", "mon,,tue=''", "7='7'", "mo='mo'", " mon=' mon'",
+          "mon-='mon-'", "1-2-3='1-2-3'", "10='10'"}) {
         std::string got;
-        for (const auto day : parseDayList(list)) {
-            got += std::to_string(day);
-        }
-        EXPECT_EQ(got, days) << list;
-    }
-}
-
-TEST(DayListTest, AllElseIsRefusedByItsToken) {
-    const std::vector<std::pair<std::string, std::string>> rows = {{"mon,monkey", "'monkey'"},
-                                                                   {"mon;tue", "'mon;tue'"},
-                                                                   {"", "''"},
-                                                                   {"mon,,tue", "''"},
-                                                                   {"7", "'7'"},
-                                                                   {"mo", "'mo'"},
-                                                                   {" mon", "' mon'"},
-                                                                   {"mon-", "'mon-'"},
-                                                                   {"1-2-3", "'1-2-3'"},
-                                                                   {"10", "'10'"}};
-    for (const auto& [list, token] : rows) {
         try {
-            parseDayList(list);
-            ADD_FAILURE() << list;
+            for (const auto day : parseDayList(row.substr(0, row.find('=')))) {
+                got += std::to_string(day);
+            }
         } catch (const std::invalid_argument& error) {
-            EXPECT_EQ(std::string(error.what()).find(token + " is no day"), 0U) << error.what();
+            got = std::regex_replace(error.what(), std::regex(" is no day; expected.*"), "");
         }
+        EXPECT_EQ(got, row.substr(row.find('=') + 1)) << row;
     }
 }
 
@@ -99,22 +82,24 @@ protected:
         EXPECT_EQ(last.data()[4095], std::byte{0xa5});
         EXPECT_EQ(file.isDirect(), (fcntl(file.descriptor(), F_GETFL) & O_DIRECT) != 0);
     }
-    static std::ptrdiff_t descriptors() {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-    }
+    ScratchFileTest() { std::filesystem::create_directory(folder); }
+    ~ScratchFileTest() override { std::filesystem::remove_all(folder); }
 
-    const std::string folder = testing::TempDir();
+    const std::string folder = testing::TempDir() + "scratch." + std::to_string(getpid());
 };
 
-TEST_F(ScratchFileTest, IsFilledFromItsStartToItsEnd) {
+TEST_F(ScratchFileTest, IsFilledFromItsStartToItsEndUnlessProgressSaysNo) {
     std::vector<u64> progress;
-    const ScratchFile file(folder, size, [&](u64 filled) {
+    const auto keep = [&](u64 filled) {
         progress.push_back(filled);
-        return true;
-    });
-    EXPECT_EQ(progress, (std::vector<u64>{0, 1U << 20U, 2U << 20U, 3U << 20U}));
+        return progress.size() != 7;
+    };
+    const ScratchFile file(folder, size, keep);
     expectWhole(file);
     EXPECT_NO_THROW(file.checkBlockSize(4096));
+    const ScratchFile half(folder, u64{64} << 20U, keep);
+    EXPECT_EQ(progress,
+              (std::vector<u64>{0, 1U << 20U, 2U << 20U, 3U << 20U, 0, 1U << 20U, 2U << 20U}));
 }
 
 // Each row is a system call that is refused where an argument has these bits, and the failure.
@@ -128,9 +113,11 @@ TEST_F(ScratchFileTest, WhatAFileSystemLacksIsDoneWithout) {
         {{{SYS_fallocate, ENOSYS, 0, 0}}, ""},
         {{{SYS_fallocate, ENOSPC, 0, 0}}, "cannot reserve the scratch file"},
         {{{SYS_pwrite64, EIO, 0, 0}}, "cannot fill the scratch file"},
-        {{{SYS_openat, EOPNOTSUPP, 2, unnamed}, {SYS_unlink, EPERM, 0, 0}}, "cannot remove the n"}};
+        {{{SYS_openat, EOPNOTSUPP, 2, unnamed}, {SYS_unlink, EPERM, 0, 0}},
+         "cannot remove the name"}};
     for (const auto& [refusals, failure] : rows) {
-        const std::string before = std::to_string(descriptors());
+        const int next = dup(0); // the lowest number that is free
+        close(next);
         std::thread([&, calls = refusals, expected = std::string(failure)] {
             for (const auto& [call, error, argument, bits] : calls) {
                 ASSERT_TRUE(refuseCall(call, error, argument, bits));
@@ -141,38 +128,20 @@ TEST_F(ScratchFileTest, WhatAFileSystemLacksIsDoneWithout) {
             } catch (const std::runtime_error& error) {
                 failed = error.what();
             }
-            EXPECT_EQ(failed.substr(0, expected.size()), expected) << failed;
-            EXPECT_EQ(failed.empty(), expected.empty()) << failed;
+            EXPECT_EQ(failed.substr(0, std::max(expected.size(), std::size_t{1})), expected);
         }).join();
-        EXPECT_EQ(std::to_string(descriptors()), before) << failure;
+        EXPECT_EQ(fcntl(next, F_GETFD), -1) << "left open: " << failure;
     }
-    for (const auto& each : std::filesystem::directory_iterator(folder)) {
-        if (each.path().filename().string().rfind("analytics-host.", 0) == 0) {
-            std::filesystem::remove(each); // what could not be unlinked above
-        }
-    }
-}
-
-TEST_F(ScratchFileTest, FillingIsGivenUpWhenProgressSaysSo) {
-    int chunks = 0;
-    const ScratchFile file(folder, u64{64} << 20U, [&](u64) { return ++chunks < 3; });
-    EXPECT_EQ(chunks, 3);
-}
-
-TEST_F(ScratchFileTest, MemoryIsNoDisk) {
-    const ScratchFile file("/dev/shm", 4096);
-    EXPECT_TRUE(file.isInMemory());
-    EXPECT_EQ(file.fileSystem().type, "tmpfs");
 }
 
 TEST_F(ScratchFileTest, TheDeviceIsThatOfItsFolder) {
-    const std::unique_ptr<FILE, int (*)(FILE*)> df(
-        popen(("df --output=fstype,source " + folder + " | tail -n 1").c_str(), "r"), pclose);
-    char type[64], device[1024];
-    ASSERT_EQ(fscanf(df.get(), "%63s %1023s", type, device), 2);
     const FileSystem found = ScratchFile(folder, 4096).fileSystem();
-    EXPECT_EQ(found.type, type);
-    EXPECT_EQ(found.device, device);
+    const std::string df =
+        "test \"$(df --output=fstype,source " + folder + " | tail -n 1 | tr -s ' ')\"";
+    EXPECT_EQ(std::system((df + " = '" + found.type + " " + found.device + "'").c_str()), 0);
+    const ScratchFile inMemory("/dev/shm", 4096);
+    EXPECT_TRUE(inMemory.isInMemory());
+    EXPECT_EQ(inMemory.fileSystem().type, "tmpfs");
 }
 
 // A load of so many I/Os, run to its end.
@@ -193,29 +162,27 @@ protected:
     }
 
     const ScratchFile file{testing::TempDir(), fileSize};
+    const std::string self = "/proc/self/fd/" + std::to_string(file.descriptor());
     u64 deepestQueue = 0;
 };
 
-TEST_F(LoadGeneratorTest, ReadsAreTheShareThatWasAskedFor) {
+TEST_F(LoadGeneratorTest, ReadsAreTheShareThatWasAskedForAndWritesCoverTheFile) {
+    const AlignedBuffer all(fileSize);
+    const auto zeros = [&] {
+        EXPECT_EQ(pread(file.descriptor(), all.data(), fileSize, 0), fileSize);
+        return std::count(all.data(), all.data() + fileSize, std::byte{0});
+    };
     for (const auto& [percent, fewest, most] :
-         {std::tuple(0U, u64{0}, u64{0}), {100U, ios, ios}, {25U, u64{90}, u64{210}}}) {
+         {std::tuple(100U, ios, ios), {0U, u64{0}, u64{0}}, {25U, u64{90}, u64{210}}}) {
         const LoadGenerator::Counts counts = run(percent, 0, file.descriptor());
         EXPECT_EQ(counts.completed(), ios);
         EXPECT_GE(counts.reads, fewest);
         EXPECT_LE(counts.reads, most);
         EXPECT_EQ(counts.failed, 0U);
         EXPECT_EQ(deepestQueue, 4U);
+        EXPECT_EQ(zeros(), percent == 100 ? 0 : fileSize);
+        EXPECT_EQ(std::filesystem::file_size(self), fileSize);
     }
-}
-
-TEST_F(LoadGeneratorTest, EachBlockOfTheFileIsWritten) {
-    run(0, 0, file.descriptor());
-    const AlignedBuffer all(fileSize);
-    ASSERT_EQ(pread(file.descriptor(), all.data(), fileSize, 0), fileSize);
-    EXPECT_EQ(std::count(all.data(), all.data() + fileSize, std::byte{0}), fileSize);
-    struct stat status {};
-    fstat(file.descriptor(), &status);
-    EXPECT_EQ(status.st_size, fileSize);
 }
 
 TEST_F(LoadGeneratorTest, ARateIsKept) {
@@ -224,29 +191,24 @@ TEST_F(LoadGeneratorTest, ARateIsKept) {
         EXPECT_EQ(run(50, rate, file.descriptor()).completed(), ios);
         const double seconds = static_cast<double>(monotonicNs() - startNs) / nsPerSecond;
         EXPECT_GE(seconds, 0.9 * ios / rate);
-        EXPECT_LE(seconds, 3.0 * ios / rate);
+        EXPECT_LE(seconds, 8.0 * ios / rate); // the machine may be busy
     }
 }
 
-TEST_F(LoadGeneratorTest, FailuresAreCounted) {
+TEST_F(LoadGeneratorTest, FailuresAreCountedAndTold) {
     const RecordingLog log;
-    const std::string self = "/proc/self/fd/" + std::to_string(file.descriptor());
-    const int readOnly = open(self.c_str(), O_RDONLY);
-    const LoadGenerator::Counts counts = run(50, 0, readOnly);
-    close(readOnly);
+    const FileDescriptor readOnly(open(self.c_str(), O_RDONLY));
+    const LoadGenerator::Counts counts = run(50, 0, readOnly.get());
     EXPECT_EQ(counts.failed, counts.writes);
     EXPECT_GT(counts.reads, 0U);
-    const std::vector<std::string> lines = log.texts(ErrorLevel);
-    ASSERT_EQ(lines.size(), 1U);
-    EXPECT_EQ(lines[0].substr(0, 23), "write failed at offset=") << lines[0];
-    EXPECT_NE(lines[0].find(": Bad file descriptor\n"), std::string::npos) << lines[0];
-}
-
-TEST_F(LoadGeneratorTest, AnIoThatMovesLessHasFailed) {
-    const RecordingLog log;
     ASSERT_EQ(ftruncate(file.descriptor(), 0), 0);
     EXPECT_EQ(run(100, 0, file.descriptor()).failed, ios);
-    EXPECT_NE(log.texts(ErrorLevel).at(0).find(": moved 0 bytes of 4096\n"), std::string::npos);
+    const std::vector<std::string> lines = log.texts(ErrorLevel);
+    ASSERT_EQ(lines.size(), 2U);
+    const std::regex write("write failed at offset=\\d+: Bad file descriptor\n");
+    EXPECT_TRUE(std::regex_match(lines[0], write)) << lines[0];
+    const std::regex read("read failed at offset=\\d+: moved 0 bytes of 4096\n");
+    EXPECT_TRUE(std::regex_match(lines[1], read)) << lines[1];
 }
 
 TEST_F(LoadGeneratorTest, BuffersThatCannotBeHadAreNamed) {
@@ -254,8 +216,8 @@ TEST_F(LoadGeneratorTest, BuffersThatCannotBeHadAreNamed) {
         const LoadGenerator load({~511U, ~0U, 0, 0, 0, IoEngine::Kind::Automatic});
         ADD_FAILURE();
     } catch (const std::runtime_error& error) {
-        EXPECT_EQ(std::string(error.what()).find("no memory for 4294967295 buffers of 4294966784"),
-                  0U);
+        EXPECT_STREQ(error.what(), "no memory for 4294967295 buffers of 4294966784 bytes (expected "
+                                   "fewer or smaller ones, see --queue-depth and --block-size)");
     }
 }
 

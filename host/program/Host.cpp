@@ -195,7 +195,7 @@ void Host::stop() {
     m_scheduler.reset();
     sendMaxima(m_loadGenerator.maxima());
     const WaitNotice notice([] {
-        return std::string("waiting until the reports are written; a further signal ends at once");
+        return std::string("waiting for the reports' reader; a further signal ends at once");
     });
     if (!m_forwarding.stop(m_shutdown->left())) {
         endAtDeadline();
@@ -249,7 +249,8 @@ int Host::summarize() const {
     const MemReport memory = MemLedger::report();
     std::cerr << summary().text() << "analytics-host: " << ios.completed() << " I/Os (" << ios.reads
               << " reads, " << ios.writes << " writes, " << ios.failed << " failed), "
-              << account.delivered << " parcels written, " << lost << " lost" << rateShortfall(ios)
+              << account.delivered << " parcels written, " << lost << " lost"
+              << rateShortfall(m_options, ios.completed(), m_loadEndNs - m_loadStartNs)
               << std::endl;
     tellAccount();
     if (memory.liveBlocks != 0 || memory.badReleases != 0) {
@@ -265,15 +266,4 @@ int Host::summarize() const {
 RunSummary Host::summary() const {
     return {m_totals, (m_loadEndNs - m_loadStartNs) / nsPerMs, m_scratchFile.fileSystem(),
             m_ioEngine, m_options};
-}
-
-// Where a rate was asked for and not reached, within a twentieth and the I/O that is due next.
-std::string Host::rateShortfall(const LoadGenerator::Counts& ios) const {
-    const double seconds = static_cast<double>(m_loadEndNs - m_loadStartNs) / nsPerSecond;
-    const auto made = static_cast<double>(ios.completed());
-    if (m_options.rate == 0 || made + 1 >= 0.95 * m_options.rate * seconds || m_options.maxIos) {
-        return "";
-    }
-    return "; " + std::to_string(static_cast<u64>(made / seconds)) + " of the " +
-           std::to_string(m_options.rate) + " I/Os per second that were asked for";
 }

@@ -50,7 +50,6 @@ private:
     RunSummary summary() const;
     bool writePage();
     void tellAccount() const;
-    std::string rateShortfall(const LoadGenerator::Counts& ios) const;
 
     const Options m_options;
     Timer& m_timer;

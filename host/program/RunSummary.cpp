@@ -1,10 +1,12 @@
 #include "host/program/RunSummary.h"
 
 #include "common/infra/Defs.h"
+#include "host/services/Clock.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <iterator>
 #include <numeric>
@@ -121,4 +123,14 @@ std::string RunSummary::text() const {
     writeRow(out, "engine", ioEngine == IoEngine::Kind::Threads ? "threads" : "io_uring");
     writeOptions(out, options);
     return text;
+}
+
+std::string rateShortfall(const Options& options, u64 completedIos, u64 durationNs) {
+    const double seconds = static_cast<double>(durationNs) / nsPerSecond;
+    const auto made = static_cast<double>(completedIos);
+    if (options.rate == 0 || made + 1 >= 0.95 * options.rate * seconds || options.maxIos) {
+        return "";
+    }
+    return fmt::format("; {:.0f} of the {} I/Os per second that were asked for",
+                       std::floor(made / seconds), options.rate);
 }

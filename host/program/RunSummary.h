@@ -34,3 +34,7 @@ struct RunSummary {
     // A table of at most 80 columns.
     std::string text() const;
 };
+
+// What follows a summary where a rate was asked for and not reached, within a twentieth and the I/O
+// that is due next; empty elsewhere.
+std::string rateShortfall(const Options& options, u64 completedIos, u64 durationNs);

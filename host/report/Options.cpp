@@ -1,12 +1,12 @@
 #include "host/report/Options.h"
 
+#include "host/report/CommandLine.h"
 #include "host/report/ExitCodes.h"
 #include "host/report/Moment.h"
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
-#include <iostream>
 
 namespace report {
 
@@ -88,18 +88,10 @@ ParsedCommandLine parseCommandLine(int argc, const char* const* argv) {
     CLI::App app(description, "analytics-report");
     app.set_version_flag("--version", "analytics-report " ANALYTICS_VERSION);
     app.footer(footer);
-    app.get_formatter()->column_width(28);
     addOptions(app, options);
-    try {
-        app.parse(argc, argv);
-        checkTogether(options);
-    } catch (const CLI::Success& answered) { // --help, --version
-        return {std::nullopt, app.exit(answered)};
-    } catch (const CLI::ParseError& error) {
-        std::string message = error.what();
-        std::replace(message.begin(), message.end(), '\n', ' ');
-        std::cerr << "analytics-report: " << message << " (see --help)" << std::endl;
-        return {std::nullopt, exitUsage};
+    const auto exitCode = parse(app, argc, argv, [&] { checkTogether(options); });
+    if (exitCode) {
+        return {std::nullopt, *exitCode};
     }
     for (const std::string& host : options.hosts) {
         options.choice.hosts.insert(keptName(host));

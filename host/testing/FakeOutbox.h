@@ -11,7 +11,7 @@
 
 // An outbox that records every push and can be told to fail the next one. It has no bound. One
 // thread at a time.
-class FakeOutbox final : public IParcelOutbox {
+class FakeOutbox : public IParcelOutbox {
 public:
     // Whatever sequence the host's interface answers.
     using Parcels = decltype(std::declval<IParcelOutbox&>().popParcels(KEL_ANALYTICS));

@@ -11,7 +11,7 @@
 //
 // The three time stamps tell one time in their units. Every other clock is ahead of it by a time of
 // its own, so that asking the wrong one shows.
-class FakeTimer final : public ITimer {
+class FakeTimer : public ITimer {
 public:
     struct Expiry {
         Callback callback;
@@ -20,6 +20,8 @@ public:
         bool once;
         u64 dueMs;
     };
+
+    virtual ~FakeTimer() = default;
 
     // Moves the time forward and runs what falls due on the way, each at its due time, and returns
     // how many callbacks that were. What a callback throws comes out here; its expiry is used up.

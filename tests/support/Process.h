@@ -1,5 +1,7 @@
 #pragma once
 
+#include "host/services/FileDescriptor.h"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -71,58 +73,45 @@ private:
     int m_status = 0;
 };
 
-// A connection to a port of the loopback interface; -1 if nobody listens.
-inline int connectTo(int port) {
-    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+inline sockaddr_in loopback(int port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-        close(socket);
-        return -1;
-    }
-    return socket;
+    return address;
 }
 
 // Ports of the loopback interface that nobody listens at.
 inline std::vector<int> freePorts(std::size_t count) {
-    std::vector<int> sockets;
+    std::vector<FileDescriptor> sockets; // held together, so that no port is given twice
     std::vector<int> ports;
-    for (std::size_t i = 0; i < count; ++i) {
-        sockets.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    while (ports.size() < count) {
+        sockets.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_in address = loopback(0);
         socklen_t size = sizeof(address);
-        if (bind(sockets.back(), reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-            getsockname(sockets.back(), reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+        if (bind(sockets.back().get(), reinterpret_cast<sockaddr*>(&address), size) != 0 ||
+            getsockname(sockets.back().get(), reinterpret_cast<sockaddr*>(&address), &size) != 0) {
             throw std::runtime_error("no free port");
         }
         ports.push_back(ntohs(address.sin_port));
-    }
-    for (const int socket : sockets) {
-        close(socket);
     }
     return ports;
 }
 
 // The answer to a GET, headers included; empty if there is none.
 inline std::string httpGet(int port, const std::string& path) {
-    const int socket = connectTo(port);
-    if (socket < 0) {
-        return {};
-    }
+    const FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const sockaddr_in address = loopback(port);
     const std::string request =
         "GET " + path + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
     std::string answer;
-    if (write(socket, request.data(), request.size()) == static_cast<ssize_t>(request.size())) {
+    if (connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
+        write(socket.get(), request.data(), request.size()) > 0) {
         char buffer[4096];
-        for (ssize_t size = 0; (size = read(socket, buffer, sizeof(buffer))) > 0;) {
+        for (ssize_t size = 0; (size = read(socket.get(), buffer, sizeof(buffer))) > 0;) {
             answer.append(buffer, static_cast<std::size_t>(size));
         }
     }
-    close(socket);
     return answer;
 }
 
@@ -130,13 +119,12 @@ inline std::string httpGet(int port, const std::string& path) {
 // nobody when it is done.
 inline bool waitUntil(const std::function<bool()>& condition,
                       std::chrono::seconds limit = std::chrono::seconds(20)) {
-    constexpr int pauseMs = 20;
     const auto end = std::chrono::steady_clock::now() + limit;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > end) {
             return false;
         }
-        poll(nullptr, 0, pauseMs);
+        poll(nullptr, 0, 5);
     }
     return true;
 }
