@@ -162,14 +162,14 @@ TEST_F(CourierTest, BackOffsDoubleUpToTheLongestUntilADelivery) {
     EXPECT_EQ(log.texts(WarnLevel), Lines{"engine takes no records: away\n"});
     EXPECT_EQ(stepDelivered(), "[] pushed=2 delivered=2 idle");
     EXPECT_EQ(log.texts(WarnLevel).back(), "engine takes records again\n");
-    for (int i = 0; i < 2; ++i) {
-        push(1);
-        step();
-        engine->answerAll(Fate::Failed);
+    for (const char* reason : {"no", ""}) {
+        pushAndStep(1);
+        engine->answerAll(Fate::Failed, reason);
         step();
     }
+    EXPECT_EQ(columns(), " pushed=4 delivered=2 failed=2 lost=2 'no'=1 'no reason given'=1");
     EXPECT_EQ(failures, 2);
-    EXPECT_EQ(log.texts(ErrorLevel), Lines{"a report is lost: no reason given\n"});
+    EXPECT_EQ(log.texts(ErrorLevel), Lines{"a report is lost: no\n"});
 }
 
 TEST_F(CourierTest, WhatIsNotAnsweredInTimeIsGivenUp) {

@@ -34,7 +34,9 @@ public:
     std::string read(const std::string& name) const { return readFile(*this / name); }
 
 private:
-    const std::string m_path = testing::TempDir() + "tests." + std::to_string(getpid());
+    static inline int made = 0;
+    const std::string m_path =
+        testing::TempDir() + "tests." + std::to_string(getpid()) + "." + std::to_string(made++);
 };
 
 // Files of this process are not written beyond so many bytes, as on a full disk.
@@ -65,4 +67,10 @@ inline std::string messageOf(const std::function<void()>& action) {
         return error.what();
     }
     return "no error";
+}
+
+inline testing::AssertionResult holds(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos
+               ? testing::AssertionSuccess()
+               : testing::AssertionFailure() << "no '" << part << "' in: " << text;
 }
