@@ -87,6 +87,14 @@ protected:
         return step();
     }
 
+    // Overwrites all of it.
+    void damageSpool() const {
+        for (const char* file : {"spool", "spool-wal"}) {
+            const std::string garbage(std::filesystem::file_size(folder / file), 'x');
+            std::fstream(folder / file, std::ios::in | std::ios::out) << garbage;
+        }
+    }
+
     RecordingLog log;
     const MemReport before = MemLedger::report();
     const TempFolder folder;
@@ -179,6 +187,7 @@ TEST_F(CourierTest, WhatIsNotAnsweredInTimeIsGivenUp) {
     deliver(1, 1);
     EXPECT_EQ(step(499), "[] pushed=2 delivered=1 waiting=1 lost=1 +1");
     EXPECT_EQ(step(1), "[purge] pushed=2 delivered=1 waiting=1 lost=1 +100");
+    answers->answerOne(2, Fate::Delivered); // too late: it is not in flight
     EXPECT_EQ(step(100), "[2] pushed=2 delivered=1 waiting=1 lost=1 +500");
 }
 
@@ -271,6 +280,7 @@ TEST_F(CourierTest, EvictionTakesTheOldestIsRecordedAndTold) {
     engine->answerAll(Fate::TryAgain, "away");
     step();
     EXPECT_EQ(pushAndStep(6, 1'000), "[] pushed=8 evicted=4 waiting=4 lost=4 +100");
+    EXPECT_EQ(step(100), "[5-8] pushed=8 evicted=4 waiting=4 lost=4 +30000");
     begin();
     EXPECT_EQ(step(), "[5-8] restored=4 waiting=4 +30000");
     deliver(5, 5);
@@ -303,20 +313,34 @@ TEST_F(CourierTest, ASpoolThatCannotBeWrittenIsTriedAgain) {
         EXPECT_EQ(pushAndStep(1), "[] pushed=1 waiting=1 lost=1 +1000")
             << "nothing is sent before its commit";
         EXPECT_EQ(beside->calls(), "");
+        EXPECT_EQ(pushAndStep(1), "[] pushed=2 waiting=2 lost=2 +1000");
+        EXPECT_EQ(outbox->size(), 1U) << "what comes meanwhile is not taken";
     }
-    EXPECT_EQ(step(999), "[] pushed=1 waiting=1 lost=1 +1");
-    EXPECT_EQ(step(1), "[1] pushed=1 waiting=1 +30000");
-    EXPECT_EQ(beside->calls(), "1");
+    EXPECT_EQ(step(999), "[] pushed=2 waiting=2 lost=2 +1");
+    EXPECT_EQ(step(1), "[1-2] pushed=2 waiting=2 +30000");
+    EXPECT_EQ(beside->calls(), "1-2");
+    const FileSizeLimit limit(0);
+    EXPECT_EQ(stepDelivered(), "[] pushed=2 delivered=2 +1000") << "the spool does not know it";
+}
+
+// Larger than what SQLite keeps in memory.
+TEST_F(CourierTest, WhatWasEvictedInFlightIsNotKeptAfterDamage) {
+    useSpool(5'000'000);
+    begin();
+    pushAndStep(2, 2'000'000);
+    pushAndStep(2, 2'000'000);
+    damageSpool();
+    deliver(3, 3);
+    EXPECT_EQ(step(), "[] pushed=4 delivered=1 waiting=3 lost=2 +30000");
+    begin();
+    EXPECT_EQ(step(), "[4] restored=1 waiting=1 +30000");
 }
 
 TEST_F(CourierTest, ASpoolThatIsDamagedIsPutAsideAndWhatIsInMemoryGoesOn) {
     useSpool();
     begin();
     pushAndStep(ISink::maxRecords + 5'000, 1'000);
-    for (const char* file : {"spool", "spool-wal"}) {
-        const std::string garbage(std::filesystem::file_size(folder / file), 'x');
-        std::fstream(folder / file, std::ios::in | std::ios::out) << garbage;
-    }
+    damageSpool();
     deliver(1, ISink::maxRecords - 10);
     EXPECT_EQ(step(), "[] pushed=13192 delivered=8182 failed=5000 waiting=10 lost=5000 'the spool "
                       "was damaged'=5000 +30000");

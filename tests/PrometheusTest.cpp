@@ -186,17 +186,14 @@ TEST(PrometheusTest, ARealPrometheusScrapesWhatTheEndpointIsSent) {
           {"analytics_storage_latency_seconds{quantile=\"1\"}", "2.5"},
           {"analytics_storage_class_bound_seconds{class=\"4\"}", "0.1"},
           {"analytics_parcels_total{fate=\"evicted\"}", "3"}}) {
-        std::string path = "/api/v1/query?query=";
-        for (const char character : std::string(query)) {
-            constexpr const char* digits = "0123456789ABCDEF";
-            const auto byte = static_cast<unsigned char>(character);
-            path += {'%', digits[byte / 16], digits[byte % 16]};
-        }
-        std::string answer;
-        EXPECT_TRUE(waitUntil([&, expected = value] {
-            answer = httpGet(port, path);
-            return answer.find(",\"" + std::string(expected) + "\"]") != std::string::npos;
+        EXPECT_TRUE(waitUntil([&, words = query, expected = value] {
+            Process promtool(
+                {"promtool", "query", "instant", "http://127.0.0.1:" + std::to_string(port), words},
+                folder / "answer");
+            promtool.wait();
+            return promtool.output().find("=> " + std::string(expected) + " @") !=
+                   std::string::npos;
         })) << query
-            << ": " << answer << prometheus.output();
+            << readFile(folder / "answer") << prometheus.output();
     }
 }

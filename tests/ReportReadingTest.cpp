@@ -169,11 +169,11 @@ TEST(LineSplitter, DropsALineBeyondTheLongest) {
     const std::string longest(LineSplitter::longest, 'x');
     EXPECT_EQ(splitInPieces(longest + "y\nnext\n", 100'000),
               (std::vector<std::string>{"1:!", "2:next"}));
-    EXPECT_EQ(splitInPieces(longest + "\n", 100'000).front().size(), longest.size() + 2);
+    EXPECT_EQ(splitInPieces(longest + "\n", 1U << 16U).front().size(), longest.size() + 2);
 }
 
 TEST(Sequences, NamesGapsWhateverTheOrder) {
-    std::vector<u64> numbers = {3, 4, 8, 9, 10, 20};
+    std::vector<u64> numbers = {3, 4, 6, 9, 10, 20};
     do {
         Sequences seen;
         for (const u64 number : numbers) {
@@ -181,14 +181,15 @@ TEST(Sequences, NamesGapsWhateverTheOrder) {
             ASSERT_FALSE(seen.add(number, 0));
         }
         Ranges evicted;
-        evicted.add(15, 30);
+        evicted.add(15, 18);
+        evicted.add(14, 19);
         evicted.add(12, 15);
         std::string text;
         for (const Gap& gap : seen.gaps(evicted)) {
             text += fmt::format("{} from {} to {}{}, ", gap.count, gap.afterMs, gap.beforeMs,
                                 gap.isFirst ? " first" : "");
         }
-        ASSERT_EQ(text, "2 from 0 to 3 first, 3 from 4 to 8, 1 from 10 to 20, ")
+        ASSERT_EQ(text, "2 from 0 to 3 first, 1 from 4 to 6, 2 from 6 to 9, 1 from 10 to 20, ")
             << "11 alone: the rest was evicted";
     } while (std::next_permutation(numbers.begin(), numbers.end()));
 }
