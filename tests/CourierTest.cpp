@@ -3,39 +3,33 @@
 #include "common/infra/IParcelOutbox.h"
 #include "host/services/Clock.h"
 #include "host/services/MemLedger.h"
+#include "host/testing/FakeSink.h"
 #include "host/testing/RecordingLog.h"
-#include "tests/support/ScriptedSink.h"
+#include "tests/support/Files.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <sys/resource.h>
-#include <unistd.h>
 
-#include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <limits>
 #include <optional>
+#include <sstream>
 
 namespace {
 
-constexpr auto analytics = IParcelOutbox::KEL_ANALYTICS;
+using Lines = std::vector<std::string>;
 
 class CourierTest : public testing::Test {
 protected:
-    void SetUp() override { std::filesystem::create_directory(folder); }
     void TearDown() override {
-        end();
-        std::filesystem::remove_all(folder);
+        courier.reset();
         EXPECT_EQ(MemLedger::report().liveBlocks, before.liveBlocks);
     }
 
-    void useSpool(u64 limitBytes = 1U << 20U) {
-        options.spool = SpoolOptions{folder + "/spool", limitBytes};
+    void useSpool(u64 limitBytes = 64U << 20U) {
+        options.spool = SpoolOptions{folder / "spool", limitBytes};
     }
     // A run of the process: what is in memory is gone with its end.
-    void begin(u64 outboxSize = 100) {
-        end();
+    void begin(u64 outboxSize = 20'000) {
+        courier.reset();
         outbox.emplace(outboxSize);
         account.emplace(*outbox);
         wakeup.emplace();
@@ -45,99 +39,93 @@ protected:
         beside->deliversAtOnce = true;
         courier.emplace(*account, *answers, *engine, std::vector<ISink*>{&*beside}, options);
     }
-    void end() { courier.reset(); }
 
     void push(u64 count, std::size_t textSize = 0) {
         for (u64 i = 0; i < count; ++i) {
             auto* parcel = TRACKED_NEW(AnalyticsParcel)();
             parcel->setText(std::string(textSize, 'x'));
-            outbox->pushParcel(parcel, analytics);
+            outbox->pushParcel(parcel, IParcelOutbox::KEL_ANALYTICS);
         }
     }
-    // Steps until nothing changes; the account adds up after each.
-    u64 step(u64 afterMs = 0) {
+    // Steps until nothing changes; the account adds up after each. What the engine was called, the
+    // account, and when the next step is due.
+    std::string step(u64 afterMs = 0) {
         nowNs += afterMs * nsPerMs;
         u64 nextNs = 0;
         for (int i = 0; i < 4; ++i) {
             nextNs = courier->step(nowNs, 1'700'000'000'000);
             EXPECT_TRUE(account->numbers().addsUp()) << account->numbers().text();
         }
-        return nextNs == Wakeup::never ? nextNs : (nextNs - nowNs) / nsPerMs;
+        const std::string next =
+            nextNs == Wakeup::never ? "" : " +" + std::to_string((nextNs - nowNs) / nsPerMs);
+        return "[" + engine->calls() + "]" + columns() + next + (courier->isIdle() ? " idle" : "");
     }
-    // The columns that are not 0, such as "pushed=2 waiting=2".
+    std::string pushAndStep(u64 count, std::size_t textSize = 0) {
+        push(count, textSize);
+        return step();
+    }
+    // What is not 0, such as " pushed=2 waiting=2", and why what failed has.
     std::string columns() const {
-        std::string text = account->numbers().text() + " ";
-        for (std::size_t zero = 0; (zero = text.find("=0 ")) != std::string::npos;) {
-            const std::size_t name = text.rfind(' ', zero);
-            text.erase(name == std::string::npos ? 0 : name + 1,
-                       zero + 3 - (name == std::string::npos ? 0 : name + 1));
+        const AccountNumbers numbers = account->numbers();
+        std::istringstream words(numbers.text() + " lost=" + std::to_string(numbers.lost()));
+        std::string text;
+        for (std::string word; words >> word;) {
+            text += word.substr(word.find('=')) == "=0" ? "" : " " + word;
         }
-        return text.empty() ? text : text.substr(0, text.size() - 1);
+        for (const auto& [reason, count] : numbers.failures) {
+            text += " '" + reason + "'=" + std::to_string(count);
+        }
+        return text;
     }
     void deliver(u64 first, u64 last) {
         for (u64 sequence = first; sequence <= last; ++sequence) {
             engine->answer(sequence, Fate::Delivered);
         }
     }
-
-    // Bytes that files may have; nothing: no limit.
-    static void limitFiles(std::optional<rlim_t> bytes) {
-        rlimit limit{};
-        getrlimit(RLIMIT_FSIZE, &limit);
-        limit.rlim_cur = bytes.value_or(limit.rlim_max);
-        setrlimit(RLIMIT_FSIZE, &limit);
-        static_cast<void>(std::signal(SIGXFSZ, bytes ? SIG_IGN : SIG_DFL));
+    std::string stepDelivered() {
+        engine->answerAll(Fate::Delivered);
+        return step();
     }
-    // Overwrites all of the spool.
+
+    // Overwrites all of it.
     void damageSpool() const {
-        for (const std::string& file : {folder + "/spool", folder + "/spool-wal"}) {
-            const std::string garbage(std::filesystem::file_size(file), 'x');
-            std::fstream(file, std::ios::in | std::ios::out) << garbage;
+        for (const char* file : {"spool", "spool-wal"}) {
+            const std::string garbage(std::filesystem::file_size(folder / file), 'x');
+            std::fstream(folder / file, std::ios::in | std::ios::out) << garbage;
         }
     }
 
     RecordingLog log;
     const MemReport before = MemLedger::report();
-    const std::string folder = testing::TempDir() + "courier." + std::to_string(getpid());
+    const TempFolder folder;
     ForwarderOptions options;
     u64 nowNs = 1'000 * nsPerSecond;
     std::optional<ParcelOutbox> outbox;
     std::optional<Account> account;
     std::optional<Wakeup> wakeup;
     std::optional<AnswerBox> answers;
-    std::optional<ScriptedSink> engine, beside;
+    std::optional<FakeSink> engine, beside;
     std::optional<Courier> courier;
 };
 
 TEST_F(CourierTest, ARecordIsWhereTheAccountSaysItIs) {
     begin(2);
     push(3);
-    EXPECT_EQ(columns(), "pushed=3 dropped=1 waiting=2");
-    step();
-    EXPECT_EQ(engine->sent(), "1 2");
-    EXPECT_EQ(beside->sent(), "1 2");
-    EXPECT_EQ(columns(), "pushed=3 dropped=1 waiting=2");
-    EXPECT_FALSE(courier->isIdle());
+    EXPECT_EQ(columns(), " pushed=3 dropped=1 waiting=2 lost=3");
+    EXPECT_EQ(step(), "[1-2] pushed=3 dropped=1 waiting=2 lost=3 +30000");
+    EXPECT_EQ(beside->calls(), "1-2");
     engine->answer(2, Fate::Delivered);
     engine->answer(1, Fate::Failed, "too large");
-    step();
-    EXPECT_EQ(columns(), "pushed=3 delivered=1 failed=1 dropped=1");
-    EXPECT_EQ(account->numbers().failures.at("too large"), 1U);
-    EXPECT_TRUE(courier->isIdle());
-    EXPECT_EQ(account->numbers().lost(), 2U);
-}
-
-TEST_F(CourierTest, WhatTheOutboxFreesIsDropped) {
-    begin();
+    EXPECT_EQ(step(), "[] pushed=3 delivered=1 failed=1 dropped=1 lost=2 'too large'=1 idle");
     push(2);
     outbox->freeAndRemoveAllParcels();
-    EXPECT_EQ(columns(), "pushed=2 dropped=2");
+    EXPECT_EQ(columns(), " pushed=5 delivered=1 failed=1 dropped=3 lost=4 'too large'=1");
 }
 
 TEST_F(CourierTest, AnAccountBeginsWithWhatTheOutboxHolds) {
     begin(2);
     push(4);
-    TRACKED_DELETE(static_cast<AnalyticsParcel*>(outbox->popParcel(analytics)));
+    TRACKED_DELETE(static_cast<AnalyticsParcel*>(outbox->popParcel(IParcelOutbox::KEL_ANALYTICS)));
     const AccountNumbers numbers = Account(*outbox).numbers();
     outbox.reset();
     EXPECT_EQ(numbers.text(),
@@ -146,188 +134,141 @@ TEST_F(CourierTest, AnAccountBeginsWithWhatTheOutboxHolds) {
 
 TEST_F(CourierTest, SendingGoesOnFromTheOldestRecordThatWasNotSettled) {
     begin();
-    push(5);
-    step();
+    EXPECT_EQ(pushAndStep(5), "[1-5] pushed=5 waiting=5 lost=5 +30000");
     engine->purgesAtOnce = false;
-    EXPECT_EQ(engine->sent(), "1 2 3 4 5");
     deliver(1, 1);
     engine->answer(3, Fate::TryAgain, "away");
     engine->answer(4, Fate::Failed, "no");
-    step();
-    EXPECT_EQ(engine->purges, 1);
-    step(60'000);
-    push(1);
-    EXPECT_EQ(step(), Wakeup::never) << "nothing is sent while records are in flight";
-    EXPECT_EQ(engine->sent(), "");
+    EXPECT_EQ(step(), "[purge] pushed=5 delivered=1 failed=1 waiting=3 lost=4 'no'=1");
+    EXPECT_EQ(step(60'000), "[] pushed=5 delivered=1 failed=1 waiting=3 lost=4 'no'=1")
+        << "nothing is sent while records are in flight";
+    EXPECT_EQ(pushAndStep(1), "[] pushed=6 delivered=1 failed=1 waiting=4 lost=5 'no'=1");
     engine->answer(5, Fate::TryAgain);
     deliver(2, 2);
-    EXPECT_EQ(step(), 100U);
-    EXPECT_EQ(step(99), 1U);
-    EXPECT_EQ(engine->sent(), "");
-    step(1);
-    EXPECT_EQ(engine->sent(), "3 5 6");
-    EXPECT_EQ(engine->purges, 1);
-    engine->answerAll(Fate::Delivered);
-    step();
-    EXPECT_EQ(columns(), "pushed=6 delivered=5 failed=1");
+    EXPECT_EQ(step(), "[] pushed=6 delivered=2 failed=1 waiting=3 lost=4 'no'=1 +100");
+    EXPECT_EQ(step(99), "[] pushed=6 delivered=2 failed=1 waiting=3 lost=4 'no'=1 +1");
+    EXPECT_EQ(step(1), "[3 5-6] pushed=6 delivered=2 failed=1 waiting=3 lost=4 'no'=1 +30000");
+    EXPECT_EQ(stepDelivered(), "[] pushed=6 delivered=5 failed=1 lost=1 'no'=1 idle");
 }
 
 TEST_F(CourierTest, BackOffsDoubleUpToTheLongestUntilADelivery) {
     options.longestBackOff = std::chrono::milliseconds(300);
+    int failures = 0;
+    options.onFailure = [&] { ++failures; };
     begin();
-    push(2);
+    EXPECT_EQ(pushAndStep(2), "[1-2] pushed=2 waiting=2 lost=2 +30000");
     for (const u64 backOffMs : {100U, 200U, 300U, 300U}) {
-        step();
         engine->answer(1, Fate::TryAgain, "away");
-        EXPECT_EQ(step(), backOffMs);
-        nowNs += backOffMs * nsPerMs;
+        EXPECT_EQ(step(), "[purge] pushed=2 waiting=2 lost=2 +" + std::to_string(backOffMs));
+        EXPECT_EQ(step(backOffMs).substr(0, 5), "[1-2]");
     }
-    step();
     deliver(1, 1);
     engine->answer(2, Fate::TryAgain, "away");
-    EXPECT_EQ(step(), 100U);
+    EXPECT_EQ(step(), "[purge] pushed=2 delivered=1 waiting=1 lost=1 +100");
     courier->hurry();
-    step();
-    EXPECT_EQ(engine->sent().substr(0, 1), "1");
-    EXPECT_EQ(log.texts(WarnLevel), std::vector<std::string>{"engine takes no records: away\n"});
-    deliver(2, 2);
-    step();
+    EXPECT_EQ(step(), "[2] pushed=2 delivered=1 waiting=1 lost=1 +30000");
+    EXPECT_EQ(log.texts(WarnLevel), Lines{"engine takes no records: away\n"});
+    EXPECT_EQ(stepDelivered(), "[] pushed=2 delivered=2 idle");
     EXPECT_EQ(log.texts(WarnLevel).back(), "engine takes records again\n");
+    for (const char* reason : {"no", ""}) {
+        pushAndStep(1);
+        engine->answerAll(Fate::Failed, reason);
+        step();
+    }
+    EXPECT_EQ(columns(), " pushed=4 delivered=2 failed=2 lost=2 'no'=1 'no reason given'=1");
+    EXPECT_EQ(failures, 2);
+    EXPECT_EQ(log.texts(ErrorLevel), Lines{"a report is lost: no\n"});
 }
 
 TEST_F(CourierTest, WhatIsNotAnsweredInTimeIsGivenUp) {
     options.answerTimeout = std::chrono::milliseconds(500);
     begin();
-    push(2);
-    EXPECT_EQ(step(), 500U);
+    EXPECT_EQ(pushAndStep(2), "[1-2] pushed=2 waiting=2 lost=2 +500");
     deliver(1, 1);
-    EXPECT_EQ(step(499), 1U);
-    EXPECT_EQ(engine->purges, 0);
-    step(1);
-    EXPECT_EQ(engine->purges, 1);
-    step(100);
-    EXPECT_EQ(engine->sent(), "1 2 2");
+    EXPECT_EQ(step(499), "[] pushed=2 delivered=1 waiting=1 lost=1 +1");
+    EXPECT_EQ(step(1), "[purge] pushed=2 delivered=1 waiting=1 lost=1 +100");
+    answers->answerOne(2, Fate::Delivered); // too late: it is not in flight
+    EXPECT_EQ(step(100), "[2] pushed=2 delivered=1 waiting=1 lost=1 +500");
 }
 
 TEST_F(CourierTest, NoMoreIsTakenThanTheWindowHolds) {
     begin(10);
     for (std::size_t i = 0; i < ISink::maxRecords / 10; ++i) {
-        push(10);
-        step();
+        pushAndStep(10);
     }
-    const std::size_t inHand = ISink::maxRecords / 10 * 10;
     EXPECT_EQ(outbox->size(), 0U);
-    push(10);
-    step();
-    push(5);
-    step();
+    EXPECT_EQ(pushAndStep(10), "[8191-8192] pushed=8200 waiting=8200 lost=8200 +30000");
+    EXPECT_EQ(pushAndStep(5), "[] pushed=8205 waiting=8205 lost=8205 +30000");
     EXPECT_EQ(outbox->size(), 5U);
-    engine->sent();
     deliver(1, 10);
-    step();
+    EXPECT_EQ(step(), "[8193-8202] pushed=8205 delivered=10 waiting=8195 lost=8195 +30000");
     EXPECT_EQ(outbox->size(), 0U);
-    EXPECT_EQ(engine->sent().substr(0, 4), std::to_string(ISink::maxRecords + 1));
-    EXPECT_EQ(account->numbers().waiting, inHand + 5);
 }
 
 TEST_F(CourierTest, LargeRecordsFillTheWindowByTheirBytes) {
     begin();
-    const std::size_t size = ISink::maxBytes / 4;
-    for (int i = 0; i < 4; ++i) {
-        push(1, size);
-        step();
+    for (const char* text : {"[1]", "[2]", "[3]", "[4]"}) {
+        EXPECT_EQ(pushAndStep(1, ISink::maxBytes / 4).substr(0, 3), text);
     }
-    push(1);
-    step();
-    EXPECT_EQ(engine->sent(), "1 2 3 4");
+    EXPECT_EQ(pushAndStep(1), "[] pushed=5 waiting=5 lost=5 +30000");
     EXPECT_EQ(outbox->size(), 1U);
     deliver(1, 1);
-    step();
-    EXPECT_EQ(engine->sent(), "5");
+    EXPECT_EQ(step(), "[5] pushed=5 delivered=1 waiting=4 lost=4 +30000");
 }
 
 TEST_F(CourierTest, WhatSinksBesideLoseIsCountedBesideTheSum) {
     begin();
     beside->deliversAtOnce = false;
-    push(3);
-    step();
-    engine->answerAll(Fate::Delivered);
+    pushAndStep(3);
     beside->answer(1, Fate::Delivered);
     beside->answer(2, Fate::Failed, "full");
     beside->answer(3, Fate::Failed, "full");
-    step();
-    EXPECT_EQ(columns(), "pushed=3 delivered=3");
-    EXPECT_EQ(account->numbers().outputLost, 2U);
-    EXPECT_EQ(account->numbers().lost(), 2U);
-    EXPECT_EQ(log.texts(ErrorLevel), std::vector<std::string>{"the output loses records: full\n"});
+    EXPECT_EQ(stepDelivered(), "[] pushed=3 delivered=3 lost=2 idle");
+    EXPECT_EQ(log.texts(ErrorLevel), Lines{"the output loses records: full\n"});
 }
 
 TEST_F(CourierTest, TheAccountParcelStatesTheSumBeforeItself) {
     begin();
-    push(2);
     account->addDiscarded();
-    step();
+    pushAndStep(2);
     engine->answer(1, Fate::Failed, "no");
-    engine->answerAll(Fate::Delivered);
-    step();
+    stepDelivered();
     courier->addAccount();
-    step();
-    const auto record = nlohmann::json::parse(engine->stored.back());
+    EXPECT_EQ(step(), "[3] pushed=3 delivered=1 failed=1 waiting=1 lost=2 'no'=1 +30000");
+    const auto record = nlohmann::json::parse(engine->lines.back());
     EXPECT_EQ(record["eventName"], "ForwardingAccountParcel");
     EXPECT_EQ(record["sequence"], 3);
     EXPECT_EQ(record["u64Entries"].dump(),
               R"({"delivered":1,"discarded":1,"dropped":0,"evicted":0,"failed":1,"failed: no":1,)"
               R"("outputLost":0,"pushed":2,"restored":0,"waiting":0})");
-    engine->answerAll(Fate::Delivered);
-    step();
-    EXPECT_EQ(columns(), "pushed=3 delivered=2 failed=1");
+    EXPECT_EQ(stepDelivered(), "[] pushed=3 delivered=2 failed=1 lost=1 'no'=1 idle");
 }
 
 TEST_F(CourierTest, AnotherRunSendsWhatWaitsFirstInOrder) {
     useSpool();
     begin();
-    push(3);
-    step();
+    pushAndStep(3);
     deliver(2, 2);
-    step();
-    EXPECT_EQ(columns(), "pushed=3 delivered=1 waiting=2");
-    EXPECT_EQ(account->numbers().lost(), 0U);
-    const std::vector<std::string> lines = engine->stored;
+    EXPECT_EQ(step(), "[] pushed=3 delivered=1 waiting=2 +30000");
+    const Lines lines = engine->lines;
     begin();
-    push(1);
-    EXPECT_EQ(columns(), "pushed=1 restored=2 waiting=3");
-    step();
-    EXPECT_EQ(engine->sent(), "1 3 1");
-    EXPECT_EQ(engine->stored[0] + engine->stored[1], lines[0] + lines[2]);
-    EXPECT_EQ(beside->sent(), "1") << "what was restored has been there";
-    engine->answerAll(Fate::Delivered);
-    step();
-    EXPECT_EQ(columns(), "pushed=1 restored=2 delivered=3");
+    EXPECT_EQ(pushAndStep(1), "[1 3 1] pushed=1 restored=2 waiting=3 +30000");
+    EXPECT_EQ(engine->lines[0] + engine->lines[1], lines[0] + lines[2]);
+    EXPECT_EQ(beside->calls(), "1") << "what was restored has been there";
+    EXPECT_EQ(stepDelivered(), "[] pushed=1 restored=2 delivered=3 idle");
     begin();
-    EXPECT_EQ(columns(), "");
+    EXPECT_EQ(step(), "[] idle");
 }
 
 TEST_F(CourierTest, WhatTheWindowHasNoRoomForIsReadFromTheSpoolInOrder) {
-    useSpool(64U << 20U);
-    begin(20'000);
-    push(ISink::maxRecords + 5);
-    step();
-    push(5);
-    step();
-    engine->sent();
+    useSpool();
+    begin();
+    pushAndStep(ISink::maxRecords + 5);
+    EXPECT_EQ(pushAndStep(5), "[] pushed=8202 waiting=8202 +30000");
     deliver(1, ISink::maxRecords);
-    step();
-    std::string rest;
-    for (std::size_t i = 1; i <= 10; ++i) {
-        rest += (rest.empty() ? "" : " ") + std::to_string(ISink::maxRecords + i);
-    }
-    EXPECT_EQ(engine->sent(), rest);
-    push(1);
-    step();
-    engine->answerAll(Fate::Delivered);
-    step();
-    EXPECT_EQ(account->numbers().delivered, ISink::maxRecords + 11);
-    EXPECT_TRUE(courier->isIdle());
+    EXPECT_EQ(step(), "[8193-8202] pushed=8202 delivered=8192 waiting=10 +30000");
+    EXPECT_EQ(pushAndStep(1), "[8203] pushed=8203 delivered=8192 waiting=11 +30000");
+    EXPECT_EQ(stepDelivered(), "[] pushed=8203 delivered=8203 idle");
 }
 
 // About 1500 bytes a record.
@@ -335,76 +276,79 @@ TEST_F(CourierTest, EvictionTakesTheOldestIsRecordedAndTold) {
     useSpool(6'500);
     options.hostId = "here";
     begin();
-    push(2, 1'000);
-    step();
+    pushAndStep(2, 1'000);
     engine->answerAll(Fate::TryAgain, "away");
     step();
-    push(6, 1'000);
-    step();
-    EXPECT_EQ(columns(), "pushed=8 evicted=4 waiting=4");
+    EXPECT_EQ(pushAndStep(6, 1'000), "[] pushed=8 evicted=4 waiting=4 lost=4 +100");
+    EXPECT_EQ(step(100), "[5-8] pushed=8 evicted=4 waiting=4 lost=4 +30000");
     begin();
-    EXPECT_EQ(columns(), "restored=4 waiting=4");
-    step();
-    EXPECT_EQ(engine->sent(), "5 6 7 8");
+    EXPECT_EQ(step(), "[5-8] restored=4 waiting=4 +30000");
     deliver(5, 5);
-    step();
-    EXPECT_EQ(engine->sent(), "1");
-    const auto told = nlohmann::json::parse(engine->stored.back());
+    EXPECT_EQ(step(), "[1] pushed=1 restored=4 delivered=1 waiting=4 +30000");
+    const auto told = nlohmann::json::parse(engine->lines.back());
     EXPECT_EQ(told["eventName"], "RecordsEvictedParcel");
     EXPECT_EQ(told["stringEntries"]["host"], "here");
-    EXPECT_EQ(told["stringEntries"]["boot"], nlohmann::json::parse(engine->stored.front())["boot"]);
+    EXPECT_EQ(told["stringEntries"]["boot"], nlohmann::json::parse(engine->lines.front())["boot"]);
     EXPECT_EQ(told["u64Entries"].dump(), R"({"count":4,"first":1,"last":4})");
-    engine->answerAll(Fate::Delivered);
-    step();
-    EXPECT_EQ(columns(), "pushed=1 restored=4 delivered=5");
-    step(10'000);
-    EXPECT_EQ(engine->sent(), "") << "it is told once";
+    EXPECT_EQ(stepDelivered(), "[] pushed=1 restored=4 delivered=5 idle");
+    EXPECT_EQ(step(10'000), "[] pushed=1 restored=4 delivered=5 idle") << "it is told once";
 }
 
 TEST_F(CourierTest, ARecordThatIsEvictedInFlightHasTheFateOfItsAnswer) {
     useSpool(3'500);
     begin();
-    push(2, 1'000);
-    step();
-    push(2, 1'000);
-    step();
-    EXPECT_EQ(columns(), "pushed=4 waiting=4");
+    pushAndStep(2, 1'000);
+    EXPECT_EQ(pushAndStep(2, 1'000), "[3-4] pushed=4 waiting=4 lost=2 +30000");
     EXPECT_EQ(account->numbers().inSpool, 2U);
     deliver(1, 1);
     engine->answer(2, Fate::TryAgain, "away");
-    step();
-    EXPECT_EQ(columns(), "pushed=4 delivered=1 evicted=1 waiting=2");
+    EXPECT_EQ(step(), "[purge] pushed=4 delivered=1 evicted=1 waiting=2 lost=1 +100");
 }
 
 TEST_F(CourierTest, ASpoolThatCannotBeWrittenIsTriedAgain) {
     useSpool();
     begin();
-    limitFiles(0);
-    push(1);
-    EXPECT_EQ(step(), 1'000U);
-    EXPECT_EQ(engine->sent() + beside->sent(), "") << "nothing is sent before its commit";
-    limitFiles(std::nullopt);
-    step(999);
-    EXPECT_EQ(engine->sent(), "");
-    step(1);
-    EXPECT_EQ(engine->sent() + beside->sent(), "11");
+    {
+        const FileSizeLimit limit(0);
+        EXPECT_EQ(pushAndStep(1), "[] pushed=1 waiting=1 lost=1 +1000")
+            << "nothing is sent before its commit";
+        EXPECT_EQ(beside->calls(), "");
+        EXPECT_EQ(pushAndStep(1), "[] pushed=2 waiting=2 lost=2 +1000");
+        EXPECT_EQ(outbox->size(), 1U) << "what comes meanwhile is not taken";
+    }
+    EXPECT_EQ(step(999), "[] pushed=2 waiting=2 lost=2 +1");
+    EXPECT_EQ(step(1), "[1-2] pushed=2 waiting=2 +30000");
+    EXPECT_EQ(beside->calls(), "1-2");
+    const FileSizeLimit limit(0);
+    EXPECT_EQ(stepDelivered(), "[] pushed=2 delivered=2 +1000") << "the spool does not know it";
+}
+
+// Larger than what SQLite keeps in memory.
+TEST_F(CourierTest, WhatWasEvictedInFlightIsNotKeptAfterDamage) {
+    useSpool(5'000'000);
+    begin();
+    pushAndStep(2, 2'000'000);
+    pushAndStep(2, 2'000'000);
+    damageSpool();
+    deliver(3, 3);
+    EXPECT_EQ(step(), "[] pushed=4 delivered=1 waiting=3 lost=2 +30000");
+    begin();
+    EXPECT_EQ(step(), "[4] restored=1 waiting=1 +30000");
 }
 
 TEST_F(CourierTest, ASpoolThatIsDamagedIsPutAsideAndWhatIsInMemoryGoesOn) {
-    useSpool(64U << 20U);
-    begin(20'000);
-    push(ISink::maxRecords + 5'000, 1'000);
-    step();
+    useSpool();
+    begin();
+    pushAndStep(ISink::maxRecords + 5'000, 1'000);
     damageSpool();
     deliver(1, ISink::maxRecords - 10);
-    step();
-    EXPECT_EQ(account->numbers().failures.at("the spool was damaged"), 5'000U);
-    EXPECT_TRUE(std::filesystem::exists(folder + "/spool.damaged-1"));
-    push(1);
-    step();
-    EXPECT_EQ(account->numbers().waiting, 11U);
+    EXPECT_EQ(step(), "[] pushed=13192 delivered=8182 failed=5000 waiting=10 lost=5000 'the spool "
+                      "was damaged'=5000 +30000");
+    EXPECT_TRUE(std::filesystem::exists(folder / "spool.damaged-1"));
+    EXPECT_EQ(pushAndStep(1), "[13193] pushed=13193 delivered=8182 failed=5000 waiting=11 "
+                              "lost=5000 'the spool was damaged'=5000 +30000");
     begin();
-    EXPECT_EQ(columns(), "restored=11 waiting=11");
+    EXPECT_EQ(step(), "[8183-8192 13193] restored=11 waiting=11 +30000");
 }
 
 } // namespace

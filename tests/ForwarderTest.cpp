@@ -2,17 +2,15 @@
 
 #include "common/infra/IParcelOutbox.h"
 #include "host/forwarding/OutputSink.h"
+#include "host/services/Clock.h"
 #include "host/services/MemLedger.h"
+#include "host/testing/FakeSink.h"
+#include "tests/support/Files.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <future>
-#include <iterator>
-#include <optional>
+#include <regex>
 
 namespace {
 
@@ -20,134 +18,114 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds longEnough(60'000);
 
-// An engine that delivers on a thread of its own, nothing, or not even returns from send().
-class ThreadedSink final : public ISink {
-public:
-    const char* name() const override { return "engine"; }
-    void start(IAnswers& answers) override { m_answers = &answers; }
-    void send(const std::vector<const Record*>& batch) override {
-        sent.set_value();
-        release.get_future().wait();
-        std::vector<Answer> all(batch.size());
-        std::transform(batch.begin(), batch.end(), all.begin(), [](const Record* record) {
-            return Answer{record->ticket, Fate::Delivered, ""};
-        });
-        sent = {};
-        release = {};
-        release.set_value();
-        m_answering = std::async(std::launch::async, [this, all] { m_answers->answer(all); });
-    }
-    void purge() override {}
-
-    std::promise<void> sent;
-    std::promise<void> release; // before send() goes on
-
-private:
-    IAnswers* m_answers = nullptr;
-    std::future<void> m_answering;
-};
-
-class SilentSink final : public ISink {
-public:
-    const char* name() const override { return "engine"; }
-    void start(IAnswers& /*answers*/) override {}
-    void send(const std::vector<const Record*>& /*batch*/) override {}
-    void purge() override {}
-};
-
 class ForwarderTest : public testing::Test {
 protected:
     void TearDown() override {
+        forwarder.reset();
         EXPECT_EQ(MemLedger::report().liveBlocks, before.liveBlocks);
-        std::filesystem::remove(path);
     }
-    void push(u32 value) {
+    void start(std::unique_ptr<ISink> sink, const ForwarderOptions& options = {}) {
+        forwarder =
+            std::make_unique<Forwarder>(outbox, std::move(sink), std::vector<ISink*>{}, options);
+    }
+    // With an engine whose calls end with `onSend`.
+    FakeSink& startFake(const std::function<void()>& onSend) {
+        auto sink = std::make_unique<FakeSink>();
+        FakeSink& engine = *sink;
+        engine.onSend = onSend;
+        start(std::move(sink));
+        return engine;
+    }
+    void push(const std::string& name) {
         auto* parcel = TRACKED_NEW(AnalyticsParcel)();
-        parcel->setEventName("Event" + std::to_string(value));
-        outbox->pushParcel(parcel, IParcelOutbox::KEL_ANALYTICS);
+        parcel->setEventName(name);
+        outbox.pushParcel(parcel, IParcelOutbox::KEL_ANALYTICS);
     }
-    std::string written() const {
-        std::ifstream file(path);
-        return {std::istreambuf_iterator<char>(file), {}};
+    void waitForSend() { sent.waitUntil(monotonicNs() + 60 * nsPerSecond); }
+    // Names of events, and what begins a JSON line.
+    static std::string wordsOf(const std::string& text) {
+        const std::regex word("schema|Event\\d|ForwardingAccountParcel");
+        std::string words;
+        for (std::sregex_iterator each(text.begin(), text.end(), word), end; each != end; ++each) {
+            words += each->str() + " ";
+        }
+        return words;
     }
 
     const MemReport before = MemLedger::report();
-    const std::string path = testing::TempDir() + "forwarder." + std::to_string(getpid());
-    std::optional<ParcelOutbox> outbox{100};
+    const TempFolder folder;
+    ParcelOutbox outbox{100};
+    Wakeup sent;
+    std::unique_ptr<Forwarder> forwarder;
 };
 
 TEST_F(ForwarderTest, WhatIsPushedIsWrittenAndTheAccountComesLast) {
-    for (const ParcelFormat format : {ParcelFormat::Text, ParcelFormat::JsonLines}) {
-        std::filesystem::remove(path);
-        outbox.emplace(100);
+    for (const auto& [format, words] :
+         {std::pair(ParcelFormat::Text, "Event0 Event1 ForwardingAccountParcel "),
+          {ParcelFormat::JsonLines,
+           "schema Event0 schema Event1 schema ForwardingAccountParcel "}}) {
+        const std::string path = folder.write("output", "");
         OutputFile file(path);
-        push(0); // before there is a forwarder
-        Forwarder forwarder(*outbox, std::make_unique<OutputSink>(file, format), {}, {});
-        push(1);
-        push(2);
-        ASSERT_TRUE(forwarder.stop(longEnough));
-        EXPECT_EQ(forwarder.account().numbers().text(), "pushed=4 restored=0 delivered=4 failed=0 "
-                                                        "dropped=0 evicted=0 waiting=0");
-        const std::string text = written();
-        std::size_t at = 0;
-        for (const char* name : {"Event0", "Event1", "Event2", "ForwardingAccountParcel"}) {
-            at = text.find(name, at);
-            EXPECT_NE(at, std::string::npos) << name << " in " << text;
-        }
-        EXPECT_EQ(text[0] == '{', format == ParcelFormat::JsonLines);
+        push("Event0"); // before there is a forwarder
+        start(std::make_unique<OutputSink>(file, format));
+        push("Event1");
+        ASSERT_TRUE(forwarder->stop(longEnough));
+        EXPECT_EQ(forwarder->account().numbers().text(),
+                  "pushed=3 restored=0 delivered=3 failed=0 dropped=0 evicted=0 waiting=0");
+        EXPECT_EQ(wordsOf(folder.read("output")), words);
+        forwarder.reset();
     }
 }
 
-TEST_F(ForwarderTest, APushWakesAThreadThatWaits) {
-    auto engine = std::make_unique<ThreadedSink>();
-    ThreadedSink& sink = *engine;
-    Forwarder forwarder(*outbox, std::move(engine), {}, {});
-    auto sent = sink.sent.get_future();
-    push(1);
-    EXPECT_EQ(sent.wait_for(longEnough), std::future_status::ready);
-    sink.release.set_value();
-    EXPECT_TRUE(forwarder.stop(longEnough)) << "an answer ends the wait";
-    EXPECT_EQ(forwarder.account().numbers().delivered, 2U);
+TEST_F(ForwarderTest, PushesAndAnswersWakeAThreadThatWaits) {
+    FakeSink& engine = startFake([this] { sent.wake(); });
+    push("Event");
+    waitForSend();
+    EXPECT_EQ(engine.calls(), "1");
+    auto stop = std::async(std::launch::async, [this] { return forwarder->stop(longEnough); });
+    engine.answerAll(Fate::Delivered);
+    waitForSend();
+    EXPECT_EQ(engine.calls(), "2") << "the account";
+    engine.answerAll(Fate::Delivered);
+    EXPECT_TRUE(stop.get());
+    EXPECT_EQ(forwarder->account().numbers().delivered, 2U);
 }
 
 TEST_F(ForwarderTest, AStopEndsAtItsLimitWithWhatWaits) {
-    Forwarder forwarder(*outbox, std::make_unique<SilentSink>(), {}, {});
-    push(1);
-    EXPECT_TRUE(forwarder.stop(milliseconds(100)));
-    EXPECT_EQ(forwarder.account().numbers().text(), "pushed=2 restored=0 delivered=0 failed=0 "
-                                                    "dropped=0 evicted=0 waiting=2");
-    EXPECT_EQ(forwarder.account().numbers().lost(), 2U);
+    startFake({});
+    push("Event");
+    EXPECT_TRUE(forwarder->stop(milliseconds(100)));
+    EXPECT_EQ(forwarder->account().numbers().text(),
+              "pushed=2 restored=0 delivered=0 failed=0 dropped=0 evicted=0 waiting=2");
 }
 
 TEST_F(ForwarderTest, AStopDoesNotWaitForACallThatDoesNotReturn) {
-    auto engine = std::make_unique<ThreadedSink>();
-    ThreadedSink& sink = *engine;
-    Forwarder forwarder(*outbox, std::move(engine), {}, {});
-    auto sent = sink.sent.get_future();
-    push(1);
-    sent.wait();
-    EXPECT_FALSE(forwarder.stop(milliseconds(50)));
-    EXPECT_EQ(forwarder.account().numbers().waiting, 1U);
-    sink.release.set_value();
+    std::promise<void> release;
+    startFake([&, released = release.get_future().share()] {
+        sent.wake();
+        released.wait();
+    });
+    push("Event");
+    waitForSend();
+    EXPECT_FALSE(forwarder->stop(milliseconds(50)));
+    EXPECT_EQ(forwarder->account().numbers().waiting, 1U);
+    release.set_value();
+    forwarder.reset();
 }
 
 TEST_F(ForwarderTest, WhatCannotBeWrittenFailsWithItsReason) {
     OutputFile full("/dev/full");
     ForwarderOptions options;
-    std::promise<void> failed;
-    options.onFailure = [&, isFirst = true]() mutable {
-        if (std::exchange(isFirst, false)) {
-            failed.set_value();
-        }
-    };
-    Forwarder forwarder(*outbox, std::make_unique<OutputSink>(full, ParcelFormat::JsonLines), {},
-                        options);
-    push(1);
-    EXPECT_EQ(failed.get_future().wait_for(longEnough), std::future_status::ready);
-    EXPECT_TRUE(forwarder.stop(longEnough));
-    EXPECT_EQ(forwarder.account().numbers().failures.at(
-                  "cannot write to '/dev/full': No space left on device"),
-              2U);
+    options.onFailure = [this] { sent.wake(); };
+    start(std::make_unique<OutputSink>(full, ParcelFormat::JsonLines), options);
+    push("Event");
+    waitForSend();
+    EXPECT_EQ(forwarder->account().numbers().failed, 1U);
+    EXPECT_TRUE(forwarder->stop(longEnough));
+    EXPECT_EQ(
+        forwarder->account().numbers().failures,
+        (std::map<std::string, u64>{{"cannot write to '/dev/full': No space left on device", 2}}));
+    forwarder.reset();
 }
 
 } // namespace

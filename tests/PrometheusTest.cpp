@@ -1,13 +1,14 @@
 #include "host/forwarding/PrometheusCollector.h"
 #include "host/forwarding/PrometheusEndpoint.h"
 #include "host/forwarding/Record.h"
+#include "host/testing/RecordingAnswers.h"
+#include "tests/support/Files.h"
 #include "tests/support/Process.h"
 
 #include <gtest/gtest.h>
 #include <prometheus/text_serializer.h>
 
 #include <array>
-#include <filesystem>
 #include <memory>
 #include <sstream>
 
@@ -67,28 +68,7 @@ analytics_storage_episodes_total 0
 analytics_storage_episode_seconds_total 0
 )";
 
-class AnswerCounter : public IAnswers {
-public:
-    void answer(std::vector<Answer> answers) override {
-        for (const Answer& each : answers) {
-            EXPECT_EQ(each.fate, Fate::Delivered);
-            tickets.push_back(each.ticket);
-        }
-    }
-    std::vector<u64> tickets;
-};
-
-std::string freshFolder() {
-    std::string folder = testing::TempDir() + "prometheus." + std::to_string(getpid());
-    std::filesystem::create_directories(folder);
-    return folder;
-}
-
 } // namespace
-
-TEST(PrometheusTest, WithoutAReportOnlyCountersAreThere) {
-    EXPECT_EQ(valuesOf(PrometheusCollector()), nothingYet);
-}
 
 TEST(PrometheusTest, ReportsAddToTheCountersWhileTheRestIsOfTheLast) {
     PrometheusCollector collector;
@@ -117,8 +97,7 @@ analytics_storage_class_bound_seconds{class="4"} 0.1
 TEST(PrometheusTest, APeriodWithoutIosHasNoQuantiles) {
     PrometheusCollector collector;
     collector.advance(report({0, 0, 0, 0, 0}));
-    EXPECT_NE(valuesOf(collector).find("latency_seconds{quantile=\"0.5\"} Nan"), std::string::npos)
-        << valuesOf(collector);
+    EXPECT_TRUE(holds(valuesOf(collector), "latency_seconds{quantile=\"0.5\"} Nan"));
 }
 
 TEST(PrometheusTest, WhatIsNoReportOfTheProcessChangesNothing) {
@@ -151,9 +130,9 @@ TEST(PrometheusTest, PromtoolFindsNothingWrongWithTheText) {
     PrometheusCollector collector;
     collector.advance(report({1, 2, 3, 4, 5}));
     collector.followAccount(exampleAccount);
-    const std::string path = freshFolder() + "/metrics";
-    std::ofstream(path) << textOf(collector);
-    Process promtool({"sh", "-c", "promtool check metrics <" + path}, path + ".out");
+    const TempFolder folder;
+    const std::string path = folder.write("metrics", textOf(collector));
+    Process promtool({"sh", "-c", "promtool check metrics <" + path}, folder / "out");
     EXPECT_EQ(promtool.wait(), 0);
     EXPECT_EQ(promtool.output(), "");
 }
@@ -166,35 +145,21 @@ TEST(PrometheusTest, TheLoopbackInterfaceIsTheDefault) {
     EXPECT_EQ(openPrometheusEndpoint("0.0.0.0:0")->address().rfind("0.0.0.0:", 0), 0U);
 }
 
-TEST(PrometheusTest, WhatIsNoAddressIsRefusedByName) {
+TEST(PrometheusTest, AnAddressThatIsNoneOrTakenIsRefusedByName) {
     for (const char* address :
          {"", ":", "127.0.0.1", "127.0.0.1:", "127.0.0.1:65536", "host:9464", "127.0.0.1:9464s",
           "9464,9465", "127.0.0.1:-1", "[]:9464", "x[::1]:1"}) {
-        try {
-            openPrometheusEndpoint(address);
-            ADD_FAILURE() << address;
-        } catch (const std::runtime_error& error) {
-            EXPECT_NE(
-                std::string(error.what()).find("'" + std::string(address) + "' is no address"),
-                std::string::npos)
-                << error.what();
-        }
+        EXPECT_TRUE(holds(messageOf([&] { openPrometheusEndpoint(address); }),
+                          "'" + std::string(address) + "' is no address"));
     }
-}
-
-TEST(PrometheusTest, APortThatIsTakenIsSaid) {
     const auto first = openPrometheusEndpoint("0");
-    try {
-        openPrometheusEndpoint(first->address());
-        ADD_FAILURE();
-    } catch (const std::runtime_error& error) {
-        EXPECT_NE(std::string(error.what()).find(first->address()), std::string::npos);
-    }
+    EXPECT_TRUE(holds(messageOf([&] { openPrometheusEndpoint(first->address()); }),
+                      "cannot listen at " + first->address()));
 }
 
 TEST(PrometheusTest, ARealPrometheusScrapesWhatTheEndpointIsSent) {
     const auto endpoint = openPrometheusEndpoint("0");
-    AnswerCounter answers;
+    RecordingAnswers answers;
     endpoint->start(answers);
     endpoint->followAccount(exampleAccount);
     const AnalyticsParcel parcel = report({1, 2, 3, 4, 5});
@@ -204,36 +169,31 @@ TEST(PrometheusTest, ARealPrometheusScrapesWhatTheEndpointIsSent) {
     Record fromSpool;
     fromSpool.ticket = 2;
     endpoint->send({&withParcel, &fromSpool});
-    EXPECT_EQ(answers.tickets, std::vector<u64>({1, 2}));
+    EXPECT_EQ(answers.take(2), "1 delivered, 2 delivered");
 
-    const std::string folder = freshFolder();
-    std::ofstream(folder + "/prometheus.yml")
-        << "global: {scrape_interval: 100ms, scrape_timeout: 100ms}\n"
-           "scrape_configs: [{job_name: host, static_configs: [{targets: ['"
-        << endpoint->address() << "']}]}]\n";
+    const TempFolder folder;
+    const std::string configuration = folder.write(
+        "prometheus.yml", "global: {scrape_interval: 100ms, scrape_timeout: 100ms}\n"
+                          "scrape_configs: [{job_name: host, static_configs: [{targets: ['" +
+                              endpoint->address() + "']}]}]\n");
     const int port = freePorts(1)[0];
-    Process prometheus({"prometheus", "--config.file=" + folder + "/prometheus.yml",
-                        "--storage.tsdb.path=" + folder + "/data",
+    Process prometheus({"prometheus", "--config.file=" + configuration,
+                        "--storage.tsdb.path=" + (folder / "data"),
                         "--web.listen-address=127.0.0.1:" + std::to_string(port)},
-                       folder + "/out");
+                       folder / "out");
     for (const auto& [query, value] :
          {std::pair("sum(analytics_storage_ios_total)", "15"),
           {"analytics_storage_latency_seconds{quantile=\"1\"}", "2.5"},
           {"analytics_storage_class_bound_seconds{class=\"4\"}", "0.1"},
           {"analytics_parcels_total{fate=\"evicted\"}", "3"}}) {
-        std::string path = "/api/v1/query?query=";
-        for (const char character : std::string(query)) {
-            constexpr const char* digits = "0123456789ABCDEF";
-            const auto byte = static_cast<unsigned char>(character);
-            path += {'%', digits[byte / 16], digits[byte % 16]};
-        }
-        std::string answer;
-        EXPECT_TRUE(waitUntil([&, expected = value] {
-            answer = httpGet(port, path);
-            return answer.find(",\"" + std::string(expected) + "\"]") != std::string::npos;
+        EXPECT_TRUE(waitUntil([&, words = query, expected = value] {
+            Process promtool(
+                {"promtool", "query", "instant", "http://127.0.0.1:" + std::to_string(port), words},
+                folder / "answer");
+            promtool.wait();
+            return promtool.output().find("=> " + std::string(expected) + " @") !=
+                   std::string::npos;
         })) << query
-            << ": " << answer << prometheus.output();
+            << readFile(folder / "answer") << prometheus.output();
     }
-    prometheus.kill();
-    std::filesystem::remove_all(folder);
 }

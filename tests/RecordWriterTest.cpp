@@ -1,15 +1,13 @@
 #include "host/forwarding/RecordWriter.h"
 
 #include "host/forwarding/Identity.h"
+#include "tests/support/Files.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <unistd.h>
 
 #include <cmath>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <limits>
 #include <random>
 #include <set>
@@ -17,11 +15,6 @@
 namespace {
 
 using nlohmann::json;
-
-std::string read(const std::string& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 AnalyticsParcel fullParcel() {
     AnalyticsParcel parcel;
@@ -36,6 +29,10 @@ AnalyticsParcel fullParcel() {
     parcel.addEntry("s", std::string("text")).addEntry("u32", u32{1}).addEntry("u64", ~u64{0});
     parcel.addEntry("s64", std::numeric_limits<s64>::min()).addEntry("d", 0.5);
     return parcel.addEntry("i", -2).addEntry("j", 0);
+}
+
+RecordWriter makeWriter() {
+    return {{"host", "boot"}, "service"};
 }
 
 TEST(RecordWriterTest, ALineHoldsWhatTheGettersGiveAndWhereItComesFrom) {
@@ -54,7 +51,7 @@ TEST(RecordWriterTest, ALineHoldsWhatTheGettersGiveAndWhereItComesFrom) {
 }
 
 TEST(RecordWriterTest, AccountsAndPrioritiesHaveNames) {
-    RecordWriter writer({"host", "boot"}, "service");
+    RecordWriter writer = makeWriter();
     AnalyticsParcel parcel;
     for (const auto& [priority, name] :
          {std::pair(AnalyticsParcel::Normal, "Normal"), {AnalyticsParcel::High, "High"}}) {
@@ -66,7 +63,7 @@ TEST(RecordWriterTest, AccountsAndPrioritiesHaveNames) {
 }
 
 TEST(RecordWriterTest, ATimeIsThatOfItsOwnSecond) {
-    RecordWriter writer({"host", "boot"}, "service");
+    RecordWriter writer = makeWriter();
     for (const auto& [ms, text] : {std::pair(u64{0}, "1970-01-01T00:00:00.000Z"),
                                    {u64{999}, "1970-01-01T00:00:00.999Z"},
                                    {u64{1'000}, "1970-01-01T00:00:01.000Z"},
@@ -78,7 +75,7 @@ TEST(RecordWriterTest, ATimeIsThatOfItsOwnSecond) {
 
 // An established writer says what the text of any bytes is.
 TEST(RecordWriterTest, AnyBytesBecomeTheTextThatAnotherWriterMakesOfThem) {
-    RecordWriter writer({"host", "boot"}, "service");
+    RecordWriter writer = makeWriter();
     std::mt19937 random(1); // NOLINT(cert-msc51-cpp): the same bytes each time
     const std::string bytes = "a\"\\\b\f\n\r\t\x01\x1f\x7f\x80\x8f\x90\x9f\xa0\xbf\xc0\xc1\xc2\xdf"
                               "\xe0\xe1\xec\xed\xee\xef\xf0\xf1\xf3\xf4\xf5\xff";
@@ -96,38 +93,33 @@ TEST(RecordWriterTest, AnyBytesBecomeTheTextThatAnotherWriterMakesOfThem) {
     }
 }
 
-TEST(RecordWriterTest, RecordsKeepTheSchema) {
-    EXPECT_EQ(recordSchema(), read(DOCS "/records.schema.json"));
-    const std::string path = testing::TempDir() + "records." + std::to_string(getpid());
-    RecordWriter writer({"host", "boot"}, "service");
+TEST(RecordWriterTest, RecordsKeepTheSchemaAndTheDocumentItsTable) {
+    const TempFolder folder;
+    RecordWriter writer = makeWriter();
     AnalyticsParcel odd = fullParcel();
     odd.addEntry("max", std::numeric_limits<double>::max()).addEntry("nan", std::nan(""));
     odd.addEntry("minusInf", -std::numeric_limits<double>::infinity());
-    std::ofstream(path) << writer.line(AnalyticsParcel(), 1, 0) << writer.line(odd, 2, 0);
-    const std::string validate = "python3 " VALIDATE " " DOCS "/records.schema.json <";
-    EXPECT_EQ(std::system((validate + path).c_str()), 0);
-    std::ofstream(path) << writer.line(AnalyticsParcel(), 0, 0);
-    EXPECT_NE(std::system((validate + path + " 2>" + path + ".err").c_str()), 0);
-    EXPECT_EQ(read(path + ".err"), "line 1: $.sequence: 0 is less than the minimum of 1\n");
-    unlink(path.c_str());
-    unlink((path + ".err").c_str());
-}
-
-TEST(RecordWriterTest, TheDocumentHasTheTableOfFields) {
-    EXPECT_NE(read(DOCS "/records.md").find(recordFieldRows()), std::string::npos)
-        << recordFieldRows();
+    const auto complaints = [&](const std::string& lines) {
+        const std::string command = "python3 " VALIDATE " " DOCS "/records.schema.json <" +
+                                    folder.write("lines", lines) + " 2>" + (folder / "errors");
+        const int status = std::system(command.c_str());
+        return std::to_string(status) + " " + folder.read("errors");
+    };
+    EXPECT_EQ(complaints(writer.line(AnalyticsParcel(), 1, 0) + writer.line(odd, 2, 0)), "0 ");
+    EXPECT_EQ(complaints(writer.line(AnalyticsParcel(), 0, 0)),
+              "256 line 1: $.sequence: 0 is less than the minimum of 1\n");
+    EXPECT_EQ(recordSchema(), readFile(DOCS "/records.schema.json"));
+    EXPECT_NE(readFile(DOCS "/records.md").find(recordFieldRows()), std::string::npos);
 }
 
 TEST(IdentityTest, AMachineHasItsIdFromItsFile) {
-    const std::string path = testing::TempDir() + "machine." + std::to_string(getpid());
-    std::ofstream(path) << "0123456789abcdef0123456789abcdef\n";
-    EXPECT_EQ(deriveHostId(path), "32f51c08b4c08bb2");
-    std::ofstream(path) << "";
-    const std::string ofName = deriveHostId(path);
+    const TempFolder folder;
+    const std::string id = "0123456789abcdef0123456789abcdef\n";
+    EXPECT_EQ(deriveHostId(folder.write("machine", id)), "32f51c08b4c08bb2");
+    const std::string ofName = deriveHostId(folder.write("machine", ""));
     EXPECT_EQ(ofName.size(), 16U);
-    EXPECT_EQ(deriveHostId(path + ".none"), ofName);
     EXPECT_NE(ofName, "32f51c08b4c08bb2");
-    unlink(path.c_str());
+    EXPECT_EQ(deriveHostId(folder / "none"), ofName);
     EXPECT_EQ(makeOrigin("").host, deriveHostId());
     EXPECT_EQ(makeOrigin("given").host, "given");
 }

@@ -28,7 +28,9 @@ forbid(host/services "^#include \"" "\"(${library}|host/services/)")
 forbid(host/io "^#include \"" "\"(${library}|host/(services|io)/)")
 forbid(host/forwarding "^#include \"" "\"(${library}|host/(services|forwarding)/)")
 forbid(host/report "^#include \"" "\"(${library}|host/(services|report)/)")
-forbid(host/testing "^#include \"" "\"(${library}|host/(services|testing)/)")
+# Of forwarding, what the fakes of a sink and of its forwarder stand for.
+forbid(host/testing "^#include \""
+       "\"(${library}|host/(services|testing)/|host/forwarding/(Sink|Record).h)")
 forbid(host/program "^#include \"" "\"(${library}|host/(services|io|forwarding|report|program)/)")
 # The library includes nothing else but the standard library.
 forbid(common/infra "^#include <" "<[a-z_]+>")

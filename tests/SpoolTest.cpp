@@ -2,16 +2,15 @@
 
 #include "host/forwarding/Sqlite.h"
 #include "host/testing/RecordingLog.h"
+#include "tests/support/Files.h"
 
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <optional>
+#include <sstream>
 
 // SQLite's calls come here, so they are exported: how often a file was brought to the disk.
 static std::atomic<int> syncs{0};
@@ -30,49 +29,36 @@ using Tickets = std::vector<u64>;
 
 class SpoolTest : public testing::Test {
 protected:
-    void SetUp() override { std::filesystem::create_directory(folder); }
-    void TearDown() override {
-        spool.reset();
-        std::filesystem::remove_all(folder);
-    }
     void open(u64 limitBytes = 1U << 20U, bool isDurable = false) {
         spool.reset();
         spool.emplace(SpoolOptions{path, limitBytes, isDurable});
     }
-    // Why not.
-    std::string refusal() const {
-        try {
-            const Spool second(SpoolOptions{path});
-            return "";
-        } catch (const std::runtime_error& error) {
-            return error.what();
-        }
-    }
     // Records of 100 bytes, which take 164.
-    static Record record(u64 ticket, const std::shared_ptr<const Origin>& origin) {
+    static Record record(u64 ticket, const std::string& boot) {
         Record record;
         record.ticket = ticket;
         record.sequence = ticket + 1'000;
-        record.origin = origin;
+        record.origin = std::make_shared<Origin>(Origin{"host", boot});
         record.line = std::string(98, 'a') + "\xc3\xa9";
         return record;
     }
-    Tickets add(u64 first, u64 last) {
+    // Adds the tickets `first` to `last`; returns what was evicted.
+    Tickets add(u64 first, u64 last, const std::string& boot = "boot", bool tells = false) {
         std::vector<Record> records;
-        for (u64 ticket = first; ticket <= last; ++ticket) {
-            records.push_back(record(ticket, origin));
-        }
         SpoolChange change;
+        for (u64 ticket = first; ticket <= last; ++ticket) {
+            records.push_back(record(ticket, boot));
+            for (const EvictedRange& range :
+                 tells ? spool->untold() : std::vector<EvictedRange>{}) {
+                change.told.emplace_back(range.id, ticket);
+            }
+        }
         for (const Record& each : records) {
             change.added.push_back(&each);
         }
         return spool->commit(change);
     }
-    void finish(const Tickets& tickets) {
-        SpoolChange change;
-        change.done = tickets;
-        spool->commit(change);
-    }
+    void finish(const Tickets& tickets) { spool->commit({tickets, {}, {}}); }
     Tickets tickets(u64 after = 0, std::size_t most = 100, std::size_t bytes = 1U << 20U) {
         Tickets result;
         for (const Record& each : spool->read(after, most, bytes)) {
@@ -80,47 +66,41 @@ protected:
         }
         return result;
     }
-    // "boot first-last count" of each.
-    std::string untold() {
-        std::string text;
-        for (const EvictedRange& range : spool->untold()) {
-            text += (text.empty() ? "" : ", ") + range.origin.boot + " " +
-                    std::to_string(range.first) + "-" + std::to_string(range.last) + " " +
-                    std::to_string(range.count);
+    // The tickets, what the spool says of itself, and "boot first-last: count" of what was evicted.
+    std::string state() {
+        std::ostringstream text;
+        for (const u64 ticket : tickets()) {
+            text << ticket << " ";
         }
-        return text;
+        text << "(" << spool->count() << ", " << spool->bytes() << " bytes, last "
+             << spool->lastTicket() << ")";
+        for (const EvictedRange& range : spool->untold()) {
+            text << " " << range.origin.boot << " " << range.first << "-" << range.last << ": "
+                 << range.count;
+        }
+        EXPECT_EQ(spool->hasUntold(), !spool->untold().empty());
+        return text.str();
     }
-    void tell(u64 ticket) {
-        const Record teller = record(ticket, origin);
-        SpoolChange change;
-        change.added = {&teller};
-        for (const EvictedRange& range : spool->untold()) {
-            change.told.emplace_back(range.id, ticket);
-        }
-        spool->commit(change);
+    std::string refusal() const {
+        return messageOf([this] { const Spool second(SpoolOptions{path}); });
     }
 
     RecordingLog log;
-    const std::string folder = testing::TempDir() + "spool." + std::to_string(getpid());
-    const std::string path = folder + "/spool";
-    std::shared_ptr<const Origin> origin = std::make_shared<Origin>(Origin{"host", "boot"});
+    const TempFolder folder;
+    const std::string path = folder / "spool";
     std::optional<Spool> spool;
 };
 
 TEST_F(SpoolTest, AnotherProcessFindsWhatWasNotDone) {
     open();
-    EXPECT_EQ(spool->lastTicket(), 0U);
+    EXPECT_EQ(state(), "(0, 0 bytes, last 0)");
     add(1, 5);
     finish({2, 3, 5});
     open();
-    EXPECT_EQ(spool->count(), 2U);
-    EXPECT_EQ(spool->bytes(), 2 * 164U);
-    EXPECT_EQ(spool->lastTicket(), 4U);
-    EXPECT_EQ(tickets(), (Tickets{1, 4}));
+    EXPECT_EQ(state(), "1 4 (2, 328 bytes, last 4)");
     const Record found = spool->read(3, 1, 1)[0];
-    const Record expected = record(4, origin);
     EXPECT_EQ(found.id(), "host-boot-1004");
-    EXPECT_EQ(found.line, expected.line);
+    EXPECT_EQ(found.line, record(4, "").line);
 }
 
 TEST_F(SpoolTest, ReadingStopsAtItsLimits) {
@@ -133,60 +113,55 @@ TEST_F(SpoolTest, ReadingStopsAtItsLimits) {
 }
 
 TEST_F(SpoolTest, TheOldestGoBeyondTheLimit) {
-    open(3 * 164);
-    EXPECT_EQ(add(1, 3), Tickets{});
-    EXPECT_EQ(add(4, 5), (Tickets{1, 2}));
-    EXPECT_EQ(spool->bytes(), 3 * 164U);
+    open(8 * 164);
+    EXPECT_EQ(add(1, 7), Tickets{});
+    EXPECT_TRUE(spool->hasRoom());
+    EXPECT_EQ(add(8, 8), Tickets{});
+    EXPECT_FALSE(spool->hasRoom());
+    EXPECT_EQ(add(9, 10), (Tickets{1, 2}));
     finish({3});
-    EXPECT_EQ(add(6, 6), Tickets{});
-    EXPECT_EQ(spool->count(), 3U);
-    EXPECT_EQ(untold(), "boot 1001-1002 2");
+    EXPECT_EQ(add(11, 11), Tickets{});
+    EXPECT_EQ(state(), "4 5 6 7 8 9 10 11 (8, 1312 bytes, last 11) boot 1001-1002: 2");
 }
 
 TEST_F(SpoolTest, EvictedRangesAreKeptForEachBoot) {
     open(164);
     add(1, 3);
-    origin = std::make_shared<Origin>(Origin{"host", "later"});
-    add(4, 6);
-    EXPECT_EQ(untold(), "boot 1001-1003 3, later 1004-1005 2");
+    add(4, 6, "later");
+    EXPECT_EQ(state(), "6 (1, 164 bytes, last 6) boot 1001-1003: 3 later 1004-1005: 2");
     open(164);
-    EXPECT_EQ(untold(), "boot 1001-1003 3, later 1004-1005 2");
+    EXPECT_EQ(state(), "6 (1, 164 bytes, last 6) boot 1001-1003: 3 later 1004-1005: 2");
 }
 
 TEST_F(SpoolTest, ARangeIsForgottenWhenARecordHasToldIt) {
     open(2 * 164);
     add(1, 3);
-    tell(4);
-    EXPECT_EQ(untold(), "boot 1002-1002 1") << "the record that tells has evicted one";
+    add(4, 4, "boot", true);
+    EXPECT_EQ(state(), "3 4 (2, 328 bytes, last 4) boot 1002-1002: 1")
+        << "the record that tells has evicted one";
     finish({4});
     open(2 * 164);
-    EXPECT_EQ(untold(), "boot 1002-1002 1");
+    EXPECT_EQ(state(), "3 (1, 164 bytes, last 3) boot 1002-1002: 1");
 }
 
 TEST_F(SpoolTest, ARangeWhoseTellerIsEvictedIsUntoldAgain) {
     open(2 * 164);
     add(1, 3);
-    tell(4);
+    add(4, 4, "boot", true);
     add(5, 6);
-    EXPECT_EQ(tickets(), (Tickets{5, 6}));
-    EXPECT_EQ(untold(), "boot 1001-1001 1, boot 1002-1004 3");
+    EXPECT_EQ(state(), "5 6 (2, 328 bytes, last 6) boot 1001-1001: 1 boot 1002-1004: 3");
 }
 
 TEST_F(SpoolTest, AChangeThatFailsLeavesEverythingAsItWas) {
     open();
     add(1, 2);
-    const Record fresh = record(3, std::make_shared<Origin>(Origin{"host", "other"}));
-    const Record again = record(2, fresh.origin);
-    SpoolChange change;
-    change.done = {1};
-    change.added = {&fresh, &again}; // a ticket that is there
-    EXPECT_THROW(spool->commit(change), SpoolError);
-    EXPECT_EQ(tickets(), (Tickets{1, 2}));
-    EXPECT_EQ(spool->count(), 2U);
-    EXPECT_EQ(spool->bytes(), 2 * 164U);
-    EXPECT_EQ(spool->lastTicket(), 2U);
-    change.added = {&fresh};
-    spool->commit(change);
+    const Record fresh = record(3, "other");
+    Record again = record(2, "other"); // a ticket that is there
+    again.origin = fresh.origin;
+    EXPECT_THROW(spool->commit({{1}, {&fresh, &again}, {}}), SpoolError);
+    EXPECT_EQ(state(), "1 2 (2, 328 bytes, last 2)");
+    spool->commit({{1}, {&fresh}, {}});
+    EXPECT_EQ(state(), "2 3 (2, 328 bytes, last 3)");
     EXPECT_EQ(spool->read(2, 1, 1)[0].origin->boot, "other");
 }
 
@@ -200,12 +175,12 @@ TEST_F(SpoolTest, ADurableCommitIsBroughtToTheDisk) {
 }
 
 TEST_F(SpoolTest, ADamagedFileIsPutAsideUnderAFreeName) {
-    std::ofstream(path + ".damaged-1") << "earlier";
-    std::ofstream(path) << std::string(10'000, 'x');
+    folder.write("spool.damaged-1", "earlier");
+    folder.write("spool", std::string(10'000, 'x'));
     open();
-    EXPECT_EQ(spool->count(), 0U);
-    EXPECT_EQ(std::filesystem::file_size(path + ".damaged-1"), 7U);
-    EXPECT_EQ(std::filesystem::file_size(path + ".damaged-2"), 10'000U);
+    EXPECT_EQ(state(), "(0, 0 bytes, last 0)");
+    EXPECT_EQ(folder.read("spool.damaged-1"), "earlier");
+    EXPECT_EQ(folder.read("spool.damaged-2"), std::string(10'000, 'x'));
     EXPECT_EQ(log.texts(ErrorLevel).back(),
               "the damaged spool '" + path + "' is put aside as '" + path + ".damaged-2'\n");
 }
@@ -214,10 +189,8 @@ TEST_F(SpoolTest, DamageWithinTheFileIsFoundAtTheStart) {
     open();
     add(1, 100);
     spool.reset();
-    std::fstream file(path, std::ios::in | std::ios::out);
-    file.seekp(5 * 4096);
-    file << std::string(2 * 4096, 'x');
-    file.close();
+    std::string bytes = folder.read("spool"); // the third page, an index, is not read by itself
+    folder.write("spool", bytes.replace(8'192, 4'096, 4'096, 'x'));
     open();
     EXPECT_EQ(spool->count(), 0U);
     EXPECT_TRUE(std::filesystem::exists(path + ".damaged-1"));

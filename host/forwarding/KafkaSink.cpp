@@ -2,6 +2,7 @@
 
 #include "common/infra/Lock.h"
 #include "common/infra/Log.h"
+#include "host/forwarding/Destroy.h"
 #include "host/forwarding/Record.h"
 
 #include <librdkafka/rdkafka.h>
@@ -36,13 +37,6 @@ constexpr int topicQuestionMs = 3'000;
 
 using ErrorText = std::array<char, 512>;
 
-template <auto Function>
-struct Destroy {
-    template <typename T>
-    void operator()(T* object) const {
-        Function(object);
-    }
-};
 using Conf = std::unique_ptr<rd_kafka_conf_t, Destroy<rd_kafka_conf_destroy>>;
 using Handle = std::unique_ptr<rd_kafka_t, Destroy<rd_kafka_destroy>>;
 using Queue = std::unique_ptr<rd_kafka_queue_t, Destroy<rd_kafka_queue_destroy>>;

@@ -2,6 +2,7 @@
 
 #include "common/infra/Lock.h"
 #include "common/infra/Log.h"
+#include "host/forwarding/Destroy.h"
 #include "host/forwarding/Record.h"
 #include "host/services/Clock.h"
 
@@ -34,13 +35,6 @@ constexpr s64 questionMs = 3'000;
 // with this one.
 constexpr u64 overdueNs = 2 * nsPerSecond;
 
-template <auto Function>
-struct Destroy {
-    template <typename T>
-    void operator()(T* object) const {
-        Function(object);
-    }
-};
 using Options = std::unique_ptr<natsOptions, Destroy<natsOptions_Destroy>>;
 using Message = std::unique_ptr<natsMsg, Destroy<natsMsg_Destroy>>;
 

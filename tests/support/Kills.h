@@ -1,11 +1,11 @@
 #pragma once
 
+#include "tests/support/Files.h"
 #include "tests/support/Process.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <poll.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -18,7 +18,6 @@
 #include <random>
 #include <sstream>
 #include <string>
-#include <system_error>
 #include <vector>
 
 // A process that forwards with spool, output and engine is killed at random moments, so many times;
@@ -57,30 +56,26 @@ inline std::vector<std::string> linesOf(const std::string& path) {
 // `engine` are the options that name it, `stored` reads what it holds.
 inline void killAtRandomMoments(const std::string& engine,
                                 const std::function<std::vector<std::string>()>& stored) {
-    const std::string folder = testing::TempDir() + "kills." + std::to_string(getpid());
-    std::filesystem::create_directory(folder);
+    const TempFolder folder;
     const auto pusher = [&](const std::string& count) {
         std::istringstream words(PUSHER " " + count + " " + engine + " --format jsonl --spool " +
-                                 folder + "/spool --output " + folder + "/copy");
+                                 (folder / "spool") + " --output " + (folder / "copy"));
         return std::vector<std::string>(std::istream_iterator<std::string>(words), {});
     };
     std::mt19937 random(std::random_device{}());
+    const std::string copy = folder.write("copy", "");
     for (int i = 0; i < killsOfARun(); ++i) {
-        Process process(pusher("1000000000"), folder + "/log");
-        const auto size = [&] {
-            std::error_code none;
-            const auto bytes = std::filesystem::file_size(folder + "/copy", none);
-            return none ? 0 : bytes;
-        };
-        ASSERT_TRUE(waitUntil([&, before = size()] { return size() > before; }))
+        const auto size = std::filesystem::file_size(copy);
+        Process process(pusher("1000000000"), folder / "log");
+        ASSERT_TRUE(waitUntil([&] { return std::filesystem::file_size(copy) > size; }))
             << process.output();
         poll(nullptr, 0, static_cast<int>(random() % 300));
     }
-    Process last(pusher("0"), folder + "/log");
+    Process last(pusher("0"), folder / "log");
     EXPECT_EQ(last.wait(), 0) << last.output();
 
     std::map<std::string, std::vector<std::uint64_t>> arrived;
-    for (const auto& [boot, accepted] : sequencesByBoot(linesOf(folder + "/copy"))) {
+    for (const auto& [boot, accepted] : sequencesByBoot(linesOf(copy))) {
         const auto hasLast = [&, name = boot, sequence = accepted.back()] {
             arrived = sequencesByBoot(stored()); // the reader may be behind
             const auto& all = arrived[name];
@@ -93,5 +88,4 @@ inline void killAtRandomMoments(const std::string& engine,
             highest = std::max(highest, sequence);
         }
     }
-    std::filesystem::remove_all(folder);
 }

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <string>
+
+inline std::string readFile(const std::string& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// A folder that goes with its test.
+class TempFolder {
+public:
+    TempFolder() { std::filesystem::create_directories(m_path); }
+    ~TempFolder() { std::filesystem::remove_all(m_path); }
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+
+    std::string operator/(const std::string& name) const { return m_path + "/" + name; }
+    // Returns the file's path.
+    std::string write(const std::string& name, const std::string& text) const {
+        std::ofstream(*this / name) << text;
+        return *this / name;
+    }
+    std::string read(const std::string& name) const { return readFile(*this / name); }
+
+private:
+    static inline int made = 0;
+    const std::string m_path =
+        testing::TempDir() + "tests." + std::to_string(getpid()) + "." + std::to_string(made++);
+};
+
+// Files of this process are not written beyond so many bytes, as on a full disk.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes) : m_handler(std::signal(SIGXFSZ, SIG_IGN)) {
+        getrlimit(RLIMIT_FSIZE, &m_before);
+        const rlimit limit{bytes, m_before.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit() {
+        setrlimit(RLIMIT_FSIZE, &m_before);
+        static_cast<void>(std::signal(SIGXFSZ, m_handler));
+    }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+private:
+    void (*const m_handler)(int);
+    rlimit m_before{};
+};
+
+// What the action throws says; "no error" if it does not.
+inline std::string messageOf(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+    return "no error";
+}
+
+inline testing::AssertionResult holds(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos
+               ? testing::AssertionSuccess()
+               : testing::AssertionFailure() << "no '" << part << "' in: " << text;
+}
