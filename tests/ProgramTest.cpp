@@ -104,7 +104,7 @@ const Row runs[] = {
     {"AHangUp", 0, "--reports 3 --log-level info --log log --output reports",
      "{ $run & } && " + afterReport(1) +
          " && mv reports first && kill -HUP $pid; wait $pid && "
-         "test $(wc -l <first) -lt 24 && grep -h cm1 first reports | wc -l >out",
+         "test -s reports && grep -h cm1 first reports | wc -l >out",
      "3\n"},
     {"AnEngineThatIsAway", 0,
      "--reports 1 --output copy --kafka 127.0.0.1:1 --topic t --spool spool --shutdown-timeout 1",
