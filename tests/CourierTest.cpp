@@ -217,6 +217,9 @@ TEST_F(CourierTest, LargeRecordsFillTheWindowByTheirBytes) {
     EXPECT_EQ(outbox->size(), 1U);
     deliver(1, 1);
     EXPECT_EQ(step(), "[5] pushed=5 delivered=1 waiting=4 lost=4 +30000");
+    engine->answerAll(Fate::TryAgain, "away");
+    step();
+    EXPECT_EQ(step(100), "[2-5] pushed=5 delivered=1 waiting=4 lost=4 +30000");
 }
 
 TEST_F(CourierTest, WhatSinksBesideLoseIsCountedBesideTheSum) {
