@@ -169,13 +169,16 @@ TEST_F(CourierTest, BackOffsDoubleUpToTheLongestUntilADelivery) {
     EXPECT_EQ(step(), "[2] pushed=2 delivered=1 waiting=1 lost=1 +30000");
     EXPECT_EQ(log.texts(WarnLevel), Lines{"engine takes no records: away\n"});
     EXPECT_EQ(stepDelivered(), "[] pushed=2 delivered=2 idle");
-    EXPECT_EQ(log.texts(WarnLevel).back(), "engine takes records again\n");
+    pushAndStep(1);
+    EXPECT_EQ(stepDelivered(), "[] pushed=3 delivered=3 idle");
+    EXPECT_EQ(log.texts(WarnLevel),
+              (Lines{"engine takes no records: away\n", "engine takes records again\n"}));
     for (const char* reason : {"no", ""}) {
         pushAndStep(1);
         engine->answerAll(Fate::Failed, reason);
         step();
     }
-    EXPECT_EQ(columns(), " pushed=4 delivered=2 failed=2 lost=2 'no'=1 'no reason given'=1");
+    EXPECT_EQ(columns(), " pushed=5 delivered=3 failed=2 lost=2 'no'=1 'no reason given'=1");
     EXPECT_EQ(failures, 2);
     EXPECT_EQ(log.texts(ErrorLevel), Lines{"a report is lost: no\n"});
 }
@@ -214,6 +217,9 @@ TEST_F(CourierTest, LargeRecordsFillTheWindowByTheirBytes) {
     EXPECT_EQ(outbox->size(), 1U);
     deliver(1, 1);
     EXPECT_EQ(step(), "[5] pushed=5 delivered=1 waiting=4 lost=4 +30000");
+    engine->answerAll(Fate::TryAgain, "away");
+    step();
+    EXPECT_EQ(step(100), "[2-5] pushed=5 delivered=1 waiting=4 lost=4 +30000");
 }
 
 TEST_F(CourierTest, WhatSinksBesideLoseIsCountedBesideTheSum) {
@@ -319,8 +325,12 @@ TEST_F(CourierTest, ASpoolThatCannotBeWrittenIsTriedAgain) {
     EXPECT_EQ(step(999), "[] pushed=2 waiting=2 lost=2 +1");
     EXPECT_EQ(step(1), "[1-2] pushed=2 waiting=2 +30000");
     EXPECT_EQ(beside->calls(), "1-2");
-    const FileSizeLimit limit(0);
-    EXPECT_EQ(stepDelivered(), "[] pushed=2 delivered=2 +1000") << "the spool does not know it";
+    {
+        const FileSizeLimit limit(0);
+        EXPECT_EQ(stepDelivered(), "[] pushed=2 delivered=2 +1000") << "the spool does not know it";
+    }
+    courier->hurry();
+    EXPECT_EQ(step(), "[] pushed=2 delivered=2 idle");
 }
 
 // Larger than what SQLite keeps in memory.
