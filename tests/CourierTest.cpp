@@ -241,7 +241,7 @@ TEST_F(CourierTest, TheAccountParcelStatesTheSumBeforeItself) {
     stepDelivered();
     courier->addAccount();
     EXPECT_EQ(step(), "[3] pushed=3 delivered=1 failed=1 waiting=1 lost=2 'no'=1 +30000");
-    const auto record = nlohmann::json::parse(engine->lines.back());
+    const auto record = nlohmann::json::parse(engine->lines().back());
     EXPECT_EQ(record["eventName"], "ForwardingAccountParcel");
     EXPECT_EQ(record["sequence"], 3);
     EXPECT_EQ(record["u64Entries"].dump(),
@@ -256,10 +256,10 @@ TEST_F(CourierTest, AnotherRunSendsWhatWaitsFirstInOrder) {
     pushAndStep(3);
     deliver(2, 2);
     EXPECT_EQ(step(), "[] pushed=3 delivered=1 waiting=2 +30000");
-    const Lines lines = engine->lines;
+    const Lines lines = engine->lines();
     begin();
     EXPECT_EQ(pushAndStep(1), "[1 3 1] pushed=1 restored=2 waiting=3 +30000");
-    EXPECT_EQ(engine->lines[0] + engine->lines[1], lines[0] + lines[2]);
+    EXPECT_EQ(engine->lines()[0] + engine->lines()[1], lines[0] + lines[2]);
     EXPECT_EQ(beside->calls(), "1") << "what was restored has been there";
     EXPECT_EQ(stepDelivered(), "[] pushed=1 restored=2 delivered=3 idle");
     begin();
@@ -291,10 +291,11 @@ TEST_F(CourierTest, EvictionTakesTheOldestIsRecordedAndTold) {
     EXPECT_EQ(step(), "[5-8] restored=4 waiting=4 +30000");
     deliver(5, 5);
     EXPECT_EQ(step(), "[1] pushed=1 restored=4 delivered=1 waiting=4 +30000");
-    const auto told = nlohmann::json::parse(engine->lines.back());
+    const auto told = nlohmann::json::parse(engine->lines().back());
     EXPECT_EQ(told["eventName"], "RecordsEvictedParcel");
     EXPECT_EQ(told["stringEntries"]["host"], "here");
-    EXPECT_EQ(told["stringEntries"]["boot"], nlohmann::json::parse(engine->lines.front())["boot"]);
+    EXPECT_EQ(told["stringEntries"]["boot"],
+              nlohmann::json::parse(engine->lines().front())["boot"]);
     EXPECT_EQ(told["u64Entries"].dump(), R"({"count":4,"first":1,"last":4})");
     EXPECT_EQ(stepDelivered(), "[] pushed=1 restored=4 delivered=5 idle");
     EXPECT_EQ(step(10'000), "[] pushed=1 restored=4 delivered=5 idle") << "it is told once";

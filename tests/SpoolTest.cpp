@@ -196,6 +196,15 @@ TEST_F(SpoolTest, DamageWithinTheFileIsFoundAtTheStart) {
     EXPECT_TRUE(std::filesystem::exists(path + ".damaged-1"));
 }
 
+TEST_F(SpoolTest, ARecordOfAnUnknownProcessIsDamage) {
+    open();
+    add(1, 1);
+    spool.reset();
+    SqliteDatabase(path).run("DELETE FROM origins");
+    open();
+    EXPECT_THROW(spool->read(0, 1, 1), SpoolDamage);
+}
+
 TEST_F(SpoolTest, WhatIsNotOursIsRefusedWithTheReason) {
     open();
     EXPECT_EQ(refusal(), "the spool '" + path + "' is in use by another process");

@@ -99,6 +99,7 @@ Courier::~Courier() {
 }
 
 u64 Courier::step(u64 nowNs, u64 epochMs) {
+    const bool goesOn = std::exchange(m_isInStep, true); // another one threw
     m_mustAskSpool = false;
     takeAnswers(nowNs);
     takeParcels(epochMs);
@@ -110,7 +111,8 @@ u64 Courier::step(u64 nowNs, u64 epochMs) {
     refill(nowNs);
     watch(nowNs);
     send(nowNs);
-    return nextStepNs(nowNs);
+    m_isInStep = false;
+    return goesOn ? nowNs : nextStepNs(nowNs); // whose wake-up may have been for what is left
 }
 
 bool Courier::isIdle() const {
@@ -166,7 +168,7 @@ void Courier::noteFailure(const std::string& reason) {
     }
 }
 
-// A failure to note the answer leaves it to the next step.
+// A throw leaves the answer to the next step.
 void Courier::settle(const Answer& answer) {
     const std::optional<Window::InFlight> record = m_window.find(answer.ticket);
     if (!record) {

@@ -71,7 +71,7 @@ private:
         std::size_t sinks = 0;  // so many of those beside have had them
         std::size_t loaded = 0; // so many were offered to the window
     };
-    // What a step's answers come to.
+    // What answers come to, until it is noted.
     struct Outcome {
         AccountChange change;
         bool hasDelivered = false;
@@ -114,6 +114,8 @@ private:
     const std::unique_ptr<Losses> m_losses;
     const std::function<void()> m_onFailure;
     const u64 m_answerTimeoutNs;
+
+    bool m_isInStep = false;
 
     // Makes records.
     const std::shared_ptr<const Origin> m_origin;

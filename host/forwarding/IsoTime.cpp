@@ -16,8 +16,8 @@ std::string isoUtc(u64 epochMs) {
 void IsoTime::append(std::string& out, u64 epochMs) {
     constexpr std::string_view fraction = "000Z";
     if (epochMs / OneSecondInMs != m_second) {
+        m_text = isoUtc(epochMs / OneSecondInMs * OneSecondInMs);
         m_second = epochMs / OneSecondInMs;
-        m_text = isoUtc(m_second * OneSecondInMs);
     }
     const u64 ms = epochMs % OneSecondInMs;
     out.append(m_text, 0, m_text.size() - fraction.size());

@@ -129,8 +129,6 @@ public:
         }
     }
 
-    bool isBroken() const { return m_isBroken; }
-
     // Produces nothing more, and answers what is in flight.
     void giveUp(const std::string& reason) {
         std::vector<Answer> answers;
@@ -166,6 +164,10 @@ private:
             try {
                 take(event.get());
             } catch (const std::bad_alloc&) {
+                {
+                    const CheckedLock lock(m_mutex);
+                    stopProducing(); // nothing overtakes a record whose answer is lost
+                }
                 LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3)
                     << "Kafka: out of memory; what has no answer is sent again" << std::endl;
             }

@@ -130,8 +130,8 @@ Options makeOptions(const NatsSettings& settings) {
     return options;
 }
 
-// For threads that want of memory must not end. What has no answer then stays in flight, until the
-// forwarder gives it up. False: there was no memory.
+// Runs what a thread goes on after, also without memory. A record whose answer is lost by that
+// stays in flight until the forwarder gives it up. False: there was no memory.
 template <typename Operation>
 bool survive(Operation operation) {
     try {
@@ -149,29 +149,35 @@ class IConnectionUser {
 public:
     virtual ~IConnectionUser() = default;
     virtual void take(u64 connection, u64 ticket, Fate fate, std::string reason) = 0;
+    virtual void halt(u64 connection) = 0; // an answer is lost: nothing may overtake its record
     virtual void lost(u64 connection) = 0;
 };
 
 // The fate that a stream's answer tells.
-std::pair<Fate, std::string> fateOf(natsMsg* answer) {
-    if (natsMsg_IsNoResponders(answer)) {
-        return {Fate::TryAgain, "no stream takes records now"};
-    }
-    const auto json = nlohmann::json::parse(
-        std::string_view(natsMsg_GetData(answer),
-                         static_cast<std::size_t>(natsMsg_GetDataLength(answer))),
-        nullptr, false);
-    if (!json.is_object()) {
+std::pair<Fate, std::string> fateIn(const nlohmann::json& answer) {
+    if (!answer.is_object()) {
         return {Fate::TryAgain, "an answer that is none"};
     }
-    const auto error = json.find("error");
-    if (error == json.end()) {
-        return json.contains("stream") ? std::pair(Fate::Delivered, std::string())
-                                       : std::pair(Fate::TryAgain, std::string("no stream"));
+    const auto error = answer.find("error");
+    if (error == answer.end()) {
+        return answer.contains("stream") ? std::pair(Fate::Delivered, std::string())
+                                         : std::pair(Fate::TryAgain, std::string("no stream"));
     }
     constexpr int tooLarge = 10054; // for this stream
     return {error->value("err_code", 0) == tooLarge ? Fate::Failed : Fate::TryAgain,
             error->value("description", "an error without a name")};
+}
+
+std::pair<Fate, std::string> fateOf(natsMsg* answer) {
+    if (natsMsg_IsNoResponders(answer)) {
+        return {Fate::TryAgain, "no stream takes records now"};
+    }
+    try {
+        return fateIn(nlohmann::json::parse(std::string_view(
+            natsMsg_GetData(answer), static_cast<std::size_t>(natsMsg_GetDataLength(answer)))));
+    } catch (const nlohmann::json::exception&) {
+        return {Fate::TryAgain, "an answer that is none"};
+    }
 }
 
 // A connection and the subject at which answers come. Once it is lost it is over.
@@ -186,25 +192,19 @@ public:
         m_isRefused = status == NATS_CONNECTION_AUTH_FAILED || status == NATS_INVALID_ARG ||
                       status == NATS_SSL_ERROR || status == NATS_SECURE_CONNECTION_WANTED ||
                       status == NATS_SECURE_CONNECTION_REQUIRED;
-        if (status == NATS_OK) {
-            subscribe();
-        } else {
+        if (status != NATS_OK) {
             m_connection = nullptr;
+            return;
+        }
+        try {
+            subscribe();
+        } catch (...) {
+            close();
+            throw;
         }
     }
     // Waits for the library's calls to end.
-    ~Connection() {
-        if (m_connection != nullptr) {
-            natsConnection_Close(m_connection);
-            CheckedLock lock(m_mutex);
-            m_changed.wait(lock, [this] {
-                m_mutex.assumeHeld();
-                return m_open == 0;
-            });
-        }
-        natsSubscription_Destroy(m_subscription);
-        natsConnection_Destroy(m_connection);
-    }
+    ~Connection() { close(); }
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
@@ -233,12 +233,25 @@ public:
     }
 
 private:
+    void close() {
+        if (m_connection != nullptr) {
+            natsConnection_Close(m_connection);
+            CheckedLock lock(m_mutex);
+            m_changed.wait(lock, [this] {
+                m_mutex.assumeHeld();
+                return m_open == 0;
+            });
+        }
+        natsSubscription_Destroy(m_subscription);
+        natsConnection_Destroy(m_connection);
+    }
+
     void subscribe() {
-        natsInbox* inbox = nullptr;
-        natsStatus status = natsInbox_Create(&inbox);
+        natsInbox* made = nullptr;
+        natsStatus status = natsInbox_Create(&made);
+        const std::unique_ptr<natsInbox, Destroy<natsInbox_Destroy>> inbox(made);
         if (status == NATS_OK) {
-            m_inbox = inbox;
-            natsInbox_Destroy(inbox);
+            m_inbox = made;
             status = natsConnection_Subscribe(&m_subscription, m_connection,
                                               (m_inbox + ".*").c_str(), onAnswer, this);
         }
@@ -260,11 +273,14 @@ private:
         auto& connection = *static_cast<Connection*>(self);
         const std::string_view subject = natsMsg_GetSubject(received);
         const char* ticket = subject.data() + subject.rfind('.') + 1;
-        survive([&] {
+        const auto take = [&] {
             auto [fate, reason] = fateOf(received);
             connection.m_user.take(connection.m_number, std::strtoull(ticket, nullptr, 10), fate,
                                    std::move(reason));
-        });
+        };
+        if (!survive(take)) {
+            connection.m_user.halt(connection.m_number);
+        }
     }
     static void onClosed(natsConnection* /*closed*/, void* self) {
         auto& connection = *static_cast<Connection*>(self);
@@ -425,17 +441,22 @@ private:
     // The next to publish, once nothing that was published is overdue.
     std::optional<Item> next() {
         CheckedLock lock(m_mutex);
-        m_changed.wait(lock, [this] {
-            m_mutex.assumeHeld();
-            return m_isOver || (!m_queue.empty() && !m_isHalted && mayPublish());
-        });
-        if (m_isOver) {
-            return std::nullopt;
+        for (;;) {
+            m_changed.wait(lock, [this] {
+                m_mutex.assumeHeld();
+                return m_isOver || (!m_queue.empty() && !m_isHalted && mayPublish());
+            });
+            if (m_isOver) {
+                return std::nullopt;
+            }
+            std::optional<Item> item(std::move(m_queue.front()));
+            m_queue.pop_front();
+            const auto inFlight = m_inFlight.find(item->ticket);
+            if (inFlight != m_inFlight.end()) { // an earlier attempt was not answered meanwhile
+                inFlight->second = monotonicNs();
+                return item;
+            }
         }
-        std::optional<Item> item(std::move(m_queue.front()));
-        m_queue.pop_front();
-        m_inFlight[item->ticket] = monotonicNs();
-        return item;
     }
 
     // The first record of a connection goes alone: while a stream is without a leader, the next one
@@ -474,6 +495,10 @@ private:
         m_answers->answer(std::move(answers));
     }
 
+    void halt(u64 connection) override {
+        const CheckedLock lock(m_mutex);
+        m_isHalted = m_isHalted || connection == m_current;
+    }
     void lost(u64 connection) override { fail(connection, "the connection is lost"); }
 
     // Answers what is in flight; until the forwarder has noticed, nothing more is published.
@@ -494,10 +519,10 @@ private:
         std::vector<Answer> answers;
         {
             const CheckedLock lock(m_mutex);
+            answers = takeInFlight(reason);
             ++m_current;
             m_isProven = false;
             m_isHalted = false;
-            answers = takeInFlight(reason);
         }
         m_changed.notify_all();
         if (!answers.empty()) {

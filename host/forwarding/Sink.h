@@ -4,7 +4,6 @@
 #include "host/forwarding/Record.h"
 
 #include <cstddef>
-#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -51,15 +50,11 @@ inline std::vector<Answer> deliveredAll(const std::vector<const Record*>& batch)
     return answers;
 }
 
-// They have failed for good. Where there is no memory for the reason, none is given.
-inline void failAll(std::vector<Answer>& answers, const char* reason) noexcept {
+// They have failed for good.
+inline void failAll(std::vector<Answer>& answers, const std::string& reason) {
     for (Answer& answer : answers) {
         answer.fate = Fate::Failed;
-        try {
-            answer.reason = reason;
-        } catch (const std::bad_alloc&) {
-            answer.reason.clear();
-        }
+        answer.reason = reason;
     }
 }
 

@@ -38,6 +38,7 @@ public:
 
 private:
     friend class SqliteStatement;
+    friend class SqliteTransaction;
     struct Close {
         void operator()(sqlite3* database) const;
     };

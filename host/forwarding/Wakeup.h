@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <utility>
 
 // What one thread waits for and others end. A wake-up that comes while nobody waits ends the next
 // wait. Any thread.
@@ -20,8 +21,8 @@ public:
         m_changed.notify_one();
     }
 
-    // Blocks until a wake-up or a moment of the monotonic clock, in nanoseconds.
-    void waitUntil(u64 momentNs) {
+    // Blocks until a wake-up or a moment of the monotonic clock, in nanoseconds. True: a wake-up.
+    bool waitUntil(u64 momentNs) {
         CheckedLock lock(m_mutex);
         const auto isDue = [this] {
             m_mutex.assumeHeld();
@@ -32,7 +33,7 @@ public:
         } else {
             m_changed.wait_until(lock, Moment(std::chrono::nanoseconds(momentNs)), isDue);
         }
-        m_isDue = false;
+        return std::exchange(m_isDue, false);
     }
 
 private:

@@ -34,9 +34,10 @@ public:
     std::vector<const Record*> send(u64 nowNs);
     // The record in flight with this ticket, if there is one.
     std::optional<InFlight> find(u64 ticket);
-    // Takes it out.
+    // Takes the record in flight with this ticket out.
     void settle(u64 ticket);
-    // It waits again, or is taken out if it was evicted. Returns what it was, if there is one.
+    // The record in flight with this ticket waits again, or is taken out if it was evicted. Returns
+    // what it was, if there is one.
     std::optional<InFlight> putBack(u64 ticket);
     // The next record to send is the oldest that waits.
     void rewind() { m_next = 0; }

@@ -68,7 +68,7 @@ std::string messageOf(const CLI::ParseError& error, const CLI::App& app) {
         const std::string name = option->get_name();
         nearest = distance(given, name) < distance(given, nearest) ? name : nearest;
     }
-    const bool isNear = distance(given, nearest) <= 2;
+    const bool isNear = !nearest.empty() && distance(given, nearest) <= 2;
     return "'" + unknown[0] + "' is not an option" +
            (isNear ? ", did you mean '" + nearest + "'?" : "");
 }

@@ -50,7 +50,7 @@ private:
 };
 
 // A run of drops begins with a push that finds the outbox full, and ends with the first push that
-// does not, or before it when nothing is held any more. Not synchronised, but its log functions.
+// does not, or before it when nothing is held any more. One thread at a time, but for the logging.
 class DropRun {
 public:
     // Counts a drop. True if it begins a run.

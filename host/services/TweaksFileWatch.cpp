@@ -10,7 +10,6 @@
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <list>
@@ -161,8 +160,10 @@ bool TweaksFileWatch::wait(int timeoutMs) {
             return true;
         }
         if (timeoutMs >= 0) { // an event of no concern does not make the wait longer
-            const u64 passedMs = (monotonicNs() - beginNs) / nsPerMs;
-            leftMs = std::max(0, timeoutMs - static_cast<int>(passedMs));
+            leftMs = timeoutMs - static_cast<int>((monotonicNs() - beginNs) / nsPerMs);
+            if (leftMs <= 0) {
+                return true;
+            }
         }
     }
 }

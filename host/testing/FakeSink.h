@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,17 +20,19 @@
 //     ...
 //     sink.answer(1, Fate::Failed, "too large");
 //
-// The test may answer as soon as onSend was called, from any thread. Otherwise one thread at a
-// time.
+// Any thread. The members are set before the forwarder starts.
 class FakeSink final : public ISink {
 public:
     const char* name() const override { return "engine"; }
     void start(IAnswers& answers) override { m_answers = &answers; }
     void send(const std::vector<const Record*>& batch) override {
-        for (const Record* record : batch) {
-            m_inFlight.push_back(record);
-            m_calls.push_back(record->sequence);
-            lines.push_back(record->line);
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            for (const Record* record : batch) {
+                m_inFlight.push_back(record);
+                m_calls.push_back(record->sequence);
+                m_lines.push_back(record->line);
+            }
         }
         if (deliversAtOnce) {
             answerAll(Fate::Delivered);
@@ -39,7 +42,10 @@ public:
         }
     }
     void purge() override {
-        m_calls.push_back(purged);
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_calls.push_back(purged);
+        }
         if (purgesAtOnce) {
             answerAll(Fate::TryAgain, "purged");
         }
@@ -47,6 +53,7 @@ public:
 
     // What was called since the last look: the sequences sent, and purges, such as "1-3 purge 2".
     std::string calls() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
         const std::vector<u64> calls = std::exchange(m_calls, {});
         std::string text;
         for (std::size_t i = 0; i < calls.size(); ++i) {
@@ -63,28 +70,43 @@ public:
 
     // Answers the oldest record in flight with this sequence; there has to be one.
     void answer(u64 sequence, Fate fate, const std::string& reason = {}) {
-        const auto record =
-            std::find_if(m_inFlight.begin(), m_inFlight.end(),
-                         [&](const Record* each) { return each->sequence == sequence; });
-        const u64 ticket = (*record)->ticket;
-        m_inFlight.erase(record);
+        u64 ticket = 0;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            const auto record =
+                std::find_if(m_inFlight.begin(), m_inFlight.end(),
+                             [&](const Record* each) { return each->sequence == sequence; });
+            ticket = (*record)->ticket;
+            m_inFlight.erase(record);
+        }
         m_answers->answerOne(ticket, fate, reason);
     }
     void answerAll(Fate fate, const std::string& reason = {}) {
-        while (!m_inFlight.empty()) {
-            answer(m_inFlight.front()->sequence, fate, reason);
+        std::vector<const Record*> records;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            records.swap(m_inFlight);
         }
+        for (const Record* record : records) {
+            m_answers->answerOne(record->ticket, fate, reason);
+        }
+    }
+    // The lines of all records sent.
+    std::vector<std::string> lines() const {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_lines;
     }
 
     bool deliversAtOnce = false;
     bool purgesAtOnce = true;          // answers what is in flight within purge()
     std::function<void()> onSend = {}; // called last in each send(), which ends when it returns
-    std::vector<std::string> lines;    // of all records sent
 
 private:
     static constexpr u64 purged = 0; // no record's sequence
 
     IAnswers* m_answers = nullptr;
+    mutable std::mutex m_mutex; // of what follows
     std::vector<const Record*> m_inFlight;
     std::vector<u64> m_calls;
+    std::vector<std::string> m_lines;
 };
