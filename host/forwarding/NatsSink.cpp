@@ -452,7 +452,7 @@ private:
             std::optional<Item> item(std::move(m_queue.front()));
             m_queue.pop_front();
             const auto inFlight = m_inFlight.find(item->ticket);
-            if (inFlight != m_inFlight.end()) { // an earlier attempt was not answered meanwhile
+            if (inFlight != m_inFlight.end()) { // else the answer of an earlier attempt has come
                 inFlight->second = monotonicNs();
                 return item;
             }
