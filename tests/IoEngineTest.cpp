@@ -287,7 +287,8 @@ TEST_P(IoEngineTest, ThereAreSoManyThreads) {
         });
     };
     for (const auto& [depth, most] : {std::pair(1U, 1), {3U, 3}, {64U, 64}, {100U, 64}}) {
-        failEachAllocation([&] { open(file, depth); }, [&] { EXPECT_TRUE(become(0)); });
+        failEachAllocation([&, depth = depth] { open(file, depth); },
+                           [&] { EXPECT_TRUE(become(0)); });
         EXPECT_TRUE(become(GetParam() == Kind::Threads ? most : 1)) << depth;
         engine.close();
     }
