@@ -96,10 +96,20 @@ std::vector<const Record*> Window::kept() const {
     return records;
 }
 
+// Most tickets follow each other, so the entry is as far from the first as its ticket.
 Window::Entry* Window::entryOf(u64 ticket) {
-    const auto found =
-        std::lower_bound(m_entries.begin(), m_entries.end(), ticket,
-                         [](const Entry& entry, u64 value) { return entry.record.ticket < value; });
+    if (m_entries.empty() || ticket < m_entries.front().record.ticket) {
+        return nullptr;
+    }
+    const u64 distance = ticket - m_entries.front().record.ticket;
+    auto found = m_entries.end();
+    if (distance < m_entries.size() && m_entries[distance].record.ticket == ticket) {
+        found = m_entries.begin() + static_cast<s64>(distance);
+    } else {
+        found = std::lower_bound(
+            m_entries.begin(), m_entries.end(), ticket,
+            [](const Entry& entry, u64 value) { return entry.record.ticket < value; });
+    }
     const bool isHere =
         found != m_entries.end() && found->record.ticket == ticket && found->state != State::Done;
     return isHere ? &*found : nullptr;
