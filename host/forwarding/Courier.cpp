@@ -112,7 +112,8 @@ u64 Courier::step(u64 nowNs, u64 epochMs) {
     watch(nowNs);
     send(nowNs);
     m_isInStep = false;
-    return goesOn ? nowNs : nextStepNs(nowNs); // whose wake-up may have been for what is left
+    // The step that threw may have used up the wake-up for answers and parcels that still wait.
+    return goesOn ? nowNs : nextStepNs(nowNs);
 }
 
 bool Courier::isIdle() const {
