@@ -32,40 +32,42 @@ public:
 
     // Counts a sample. Any thread.
     void update(T sample) {
-        const T largest = m_largest.load(std::memory_order_relaxed);
-        if (sample < largest || (sample == largest && isCounted(sample))) {
-            return;
+        if (sample >= m_nextLargest.load(std::memory_order_relaxed)) {
+            raise(sample);
         }
-        raise(sample, largest);
     }
 
     // The largest sample since the last take(); none if there was no sample. Any thread.
     std::optional<T> take() {
-        const T largest = m_largest.exchange(lowest, std::memory_order_relaxed);
-        const bool lowestCounted = m_lowestCounted.load(std::memory_order_relaxed) &&
-                                   m_lowestCounted.exchange(false, std::memory_order_relaxed);
-        return largest != lowest || lowestCounted ? std::optional<T>(largest) : std::nullopt;
+        const T nextLargest = m_nextLargest.exchange(lowest, std::memory_order_relaxed);
+        if (m_highestCounted.load(std::memory_order_relaxed) &&
+            m_highestCounted.exchange(false, std::memory_order_relaxed)) {
+            return highest;
+        }
+        return nextLargest != lowest ? std::optional<T>(static_cast<T>(nextLargest - 1))
+                                     : std::nullopt;
     }
 
 private:
     static constexpr T lowest = std::numeric_limits<T>::lowest();
+    static constexpr T highest = std::numeric_limits<T>::max();
 
-    bool isCounted(T largest) const {
-        return largest != lowest || m_lowestCounted.load(std::memory_order_relaxed);
-    }
-
-    __attribute__((noinline, cold)) void raise(T sample, T largest) {
-        if (sample == lowest) {
-            m_lowestCounted.store(true, std::memory_order_relaxed);
+    __attribute__((noinline, cold)) void raise(T sample) {
+        if (sample == highest) { // nothing is above it
+            m_highestCounted.store(true, std::memory_order_relaxed);
             return;
         }
+        T nextLargest = m_nextLargest.load(std::memory_order_relaxed);
         // Tried again only where another thread has changed it in this very moment.
-        while (sample > largest &&
-               !m_largest.compare_exchange_weak(largest, sample, std::memory_order_relaxed)) {
+        while (sample >= nextLargest &&
+               !m_nextLargest.compare_exchange_weak(nextLargest, static_cast<T>(sample + 1),
+                                                    std::memory_order_relaxed)) {
         }
     }
 
     const std::string m_name;
-    std::atomic<T> m_largest{lowest};         // lowest also stands for no sample,
-    std::atomic<bool> m_lowestCounted{false}; // from which this tells it
+    // The least sample that would be a new maximum: one above the largest, or the lowest value if
+    // there was no sample. The highest value has no value above it, so it is kept apart.
+    std::atomic<T> m_nextLargest{lowest};
+    std::atomic<bool> m_highestCounted{false};
 };
