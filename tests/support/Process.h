@@ -52,6 +52,7 @@ private:
         const int output = open(m_outputPath.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
         dup2(output, STDOUT_FILENO);
         dup2(output, STDERR_FILENO);
+        close_range(STDERR_FILENO + 1, ~0U, 0); // what the test holds open
         std::vector<char*> arguments;
         for (std::string& part : command) {
             arguments.push_back(part.data());
