@@ -19,7 +19,8 @@
 // A period lasts from one take() to the next. Each sample is in exactly one of them. T is u64, s64
 // or any other integer; every value of it is a sample, the lowest one too. An ordinary object of
 // its owner. No operation waits for another thread, logs, needs memory (but the constructor) or
-// throws. Header-only: an update that is no new maximum is inlined to a load and a comparison.
+// throws. Header-only: an update that is no new maximum is inlined to a load and a comparison. A
+// sample of T's highest value is always a call, and a smaller one after it may be.
 template <typename T>
 class AnalyticsConcurrentMaximumMetric {
 public:
