@@ -39,7 +39,7 @@ AnalyticsParcel storageReport() {
 }
 
 TEST(ParcelFormatTest, AStorageReportIsATableOfItsOwnFigures) {
-    EXPECT_EQ(toText(storageReport(), false),
+    EXPECT_EQ(formatParcel(storageReport(), false),
               R"(StoragePeriodicParcel  storage  2023-11-14T22:13:20.123Z  period 1.98 s
        latency            bound        I/Os    share
   cm1  fast           <= 900 us         120   77.4 %  ####################
@@ -66,7 +66,7 @@ TEST(ParcelFormatTest, TheThresholdIsToldIfItIsNotTheLiveOne) {
           {"[gt=7] ", sum + "  text: [Latency Threshold=5][gt=7] \n\n"}}) {
         AnalyticsParcel parcel = storageReport();
         parcel.setText("[Latency Threshold=5]" + text);
-        const std::string shown = toText(parcel, false);
+        const std::string shown = formatParcel(parcel, false);
         EXPECT_EQ(shown.substr(shown.find(sum)), end);
     }
 }
@@ -83,7 +83,7 @@ TEST(ParcelFormatTest, ASetIsNamedAndWhatHasNoPlaceIsListed) {
     }
     parcel.addEntry("set", "reads").addEntry("other", "text").addEntry("u64", ~u64{0});
     parcel.addEntry("s64", s64{-1}).addEntry("d", 0.5).addEntry("i", -2);
-    std::string text = toText(parcel, true);
+    std::string text = formatParcel(parcel, true);
     std::replace(text.begin(), text.end(), '\x1b', '^');
     EXPECT_EQ(text, R"(^[1mStorageReadsParcel^[0m  storage  set reads  1970-01-01T00:00:00.000Z
        latency            bound        I/Os    share
@@ -117,7 +117,7 @@ TEST(ParcelFormatTest, AnyOtherParcelIsItsFields) {
     parcel.setText("[eq=4]");
     parcel.setDetails("details");
     parcel.addEntry("set", "reads").addEntry("cm1", u32{5}).addEntry("cd11", u64{86'400});
-    EXPECT_EQ(toText(parcel, false),
+    EXPECT_EQ(formatParcel(parcel, false),
               R"(HostMaximaParcel  storage  1970-01-01T00:00:59.999Z  period 86400 s
   account QEM, priority High, value 3
   text: [eq=4]

@@ -64,7 +64,7 @@ public:
 private:
     std::thread m_consumer{[] {
         while (const auto parcel = takeParcel()) {
-            std::cout << toText(*parcel, false) << std::flush;
+            std::cout << formatParcel(*parcel, false) << std::flush;
         }
     }};
 };

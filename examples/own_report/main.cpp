@@ -21,6 +21,6 @@ int main() {
     scheduler.handleReachedTimeout();
     hostOutbox().stopWaiting();
     while (const auto parcel = takeParcel()) {
-        std::cout << toText(*parcel, false);
+        std::cout << formatParcel(*parcel, false);
     }
 }

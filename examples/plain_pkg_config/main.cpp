@@ -16,6 +16,6 @@ int main() {
 
     hostOutbox().stopWaiting();
     while (const auto taken = takeParcel()) {
-        std::cout << toText(*taken, false);
+        std::cout << formatParcel(*taken, false);
     }
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/infra/Export.h"
+#include "host/services/FileDescriptor.h"
 
 #include <atomic>
 #include <string>
@@ -13,9 +14,6 @@ public:
     // An empty path means standard output. A line that a killed process left unfinished in the file
     // is ended. Throws std::runtime_error, with path and reason, if the file cannot be opened.
     explicit OutputFile(const std::string& path);
-    ~OutputFile();
-    OutputFile(const OutputFile&) = delete;
-    OutputFile& operator=(const OutputFile&) = delete;
 
     // Writes all of the text at once, unbuffered; waits where the output is full but non-blocking.
     // Throws std::runtime_error, with path and reason; a part that was written to a file is then
@@ -29,13 +27,13 @@ public:
     bool isTerminal() const;
 
 private:
-    void open();
+    int descriptor() const { return m_file ? m_file.get() : STDOUT_FILENO; }
+    FileDescriptor open() const;
     void reopen();
-    void endTornLine() const;
     void takeBack(std::string_view text, std::string_view unwritten) const;
 
     const std::string m_path;
     const std::string m_name;
-    int m_descriptor = -1;
+    FileDescriptor m_file; // empty: standard output
     std::atomic<bool> m_mustReopen{false};
 };

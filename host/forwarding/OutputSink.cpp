@@ -25,7 +25,7 @@ std::string OutputSink::textOf(const std::vector<const Record*>& batch) const {
         if (m_format == ParcelFormat::JsonLines) {
             text += record->line;
         } else if (record->parcel != nullptr) {
-            text += toText(*record->parcel, inColour);
+            text += formatParcel(*record->parcel, inColour);
         }
     }
     return text;

@@ -1,6 +1,7 @@
 #include "host/forwarding/ParcelFormat.h"
 
 #include "host/forwarding/IsoTime.h"
+#include "host/services/Text.h"
 
 #include <fmt/color.h>
 #include <fmt/format.h>
@@ -240,17 +241,7 @@ void writeRest(Out out, const AnalyticsParcel& parcel, const Entries& entries) {
 
 } // namespace
 
-std::string latencyText(u32 microseconds, int digits) {
-    if (microseconds >= 1'000'000) {
-        return fmt::format("{:.{}g} s", microseconds / 1e6, digits);
-    }
-    if (microseconds >= 1'000) {
-        return fmt::format("{:.{}g} ms", microseconds / 1e3, digits);
-    }
-    return fmt::format("{} us", microseconds);
-}
-
-std::string toText(const AnalyticsParcel& parcel, bool inColour) {
+std::string formatParcel(const AnalyticsParcel& parcel, bool inColour) {
     std::string text;
     const Out out(text);
     Entries entries(parcel);

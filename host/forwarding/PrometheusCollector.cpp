@@ -1,5 +1,7 @@
 #include "host/forwarding/PrometheusCollector.h"
 
+#include "host/services/StorageEntries.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <limits>
@@ -13,7 +15,6 @@ using prometheus::ClientMetric;
 using prometheus::MetricFamily;
 using prometheus::MetricType;
 
-constexpr std::array<const char*, 5> classKeys = {"cm1", "cm2", "cm3", "cm4", "cm5"};
 constexpr std::array<const char*, 4> boundKeys = {"boundFastUs", "boundModerateUs", "boundSlowUs",
                                                   "boundVerySlowUs"};
 constexpr std::array<std::pair<const char*, const char*>, 5> quantileKeys = {
@@ -31,7 +32,7 @@ u64 entry(const Map& entries, const char* key) {
 bool isStorageReport(const AnalyticsParcel& parcel) {
     const auto& entries = parcel.getU32Entries();
     const auto isThere = [&](const char* key) { return entries.find(key) != entries.end(); };
-    return std::all_of(classKeys.begin(), classKeys.end(), isThere) &&
+    return std::all_of(latencyClassKeys.begin(), latencyClassKeys.end(), isThere) &&
            std::all_of(boundKeys.begin(), boundKeys.end(), isThere) &&
            parcel.getStringEntries().find("set") == parcel.getStringEntries().end();
 }
@@ -94,8 +95,8 @@ std::vector<MetricFamily> PrometheusCollector::Collect() const {
 }
 
 void PrometheusCollector::count(Storage& storage, const AnalyticsParcel& report) {
-    for (std::size_t i = 0; i < classKeys.size(); ++i) {
-        storage.classes[i] += entry(report.getU32Entries(), classKeys[i]);
+    for (std::size_t i = 0; i < latencyClassKeys.size(); ++i) {
+        storage.classes[i] += entry(report.getU32Entries(), latencyClassKeys[i]);
     }
     storage.failedIos += entry(report.getU64Entries(), "failedIos");
     storage.episodes += entry(report.getU32Entries(), "episodes");
@@ -104,7 +105,7 @@ void PrometheusCollector::count(Storage& storage, const AnalyticsParcel& report)
 
 void PrometheusCollector::measure(Storage& storage, const AnalyticsParcel& report) {
     const auto& entries = report.getU32Entries();
-    const bool isIdle = std::all_of(classKeys.begin(), classKeys.end(),
+    const bool isIdle = std::all_of(latencyClassKeys.begin(), latencyClassKeys.end(),
                                     [&](const char* key) { return entry(entries, key) == 0; });
     for (std::size_t i = 0; i < quantileKeys.size(); ++i) {
         const auto us = static_cast<double>(entry(entries, quantileKeys[i].first));

@@ -188,7 +188,7 @@ void LoadGenerator::ioCompleted(IoRequest& request, int result) {
 void LoadGenerator::completed(Slot& slot, int result) {
     const CheckedLock lock(m_mutex);
     countResult(slot, result);
-    m_longestIoUs.update(slot.latencyNs / 1'000);
+    m_longestIoUs.update(slot.latencyNs / nsPerUs);
     m_idle.push_back(&slot);
     m_load.rate == 0 ? issue(1) : issueOwed();
     if (!mayIssue() && areAllIdle()) {

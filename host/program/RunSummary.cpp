@@ -2,6 +2,7 @@
 
 #include "common/infra/Defs.h"
 #include "host/services/Clock.h"
+#include "host/services/Text.h"
 
 #include <fmt/format.h>
 

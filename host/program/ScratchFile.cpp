@@ -34,30 +34,21 @@ std::string roomFor(u64 size) {
 
 ScratchFile::ScratchFile(const std::string& folder, u64 size, const Progress& progress)
     : m_folder(folder) {
-    create(folder);
-    try {
-        reserve(size);
-        fill(size, progress);
-    } catch (...) {
-        ::close(m_descriptor);
-        throw;
-    }
-}
-
-ScratchFile::~ScratchFile() {
-    ::close(m_descriptor);
+    create();
+    reserve(size);
+    fill(size, progress);
 }
 
 bool ScratchFile::isInMemory() const {
     struct statfs fileSystem {};
-    return fstatfs(m_descriptor, &fileSystem) == 0 &&
+    return fstatfs(descriptor(), &fileSystem) == 0 &&
            (fileSystem.f_type == TMPFS_MAGIC || fileSystem.f_type == RAMFS_MAGIC);
 }
 
 // A line of mountinfo: "36 35 98:0 /root /mount options [tag...] - type device options".
 FileSystem ScratchFile::fileSystem() const {
     struct statx status {};
-    const bool isKnown = ::statx(m_descriptor, "", AT_EMPTY_PATH, STATX_MNT_ID, &status) == 0 &&
+    const bool isKnown = ::statx(descriptor(), "", AT_EMPTY_PATH, STATX_MNT_ID, &status) == 0 &&
                          (status.stx_mask & STATX_MNT_ID) != 0;
     std::ifstream mounts("/proc/self/mountinfo");
     for (std::string line; isKnown && std::getline(mounts, line);) {
@@ -73,46 +64,44 @@ FileSystem ScratchFile::fileSystem() const {
 
 void ScratchFile::checkBlockSize(u64 blockSize) const {
     const AlignedBuffer buffer(blockSize);
-    if (::pread(m_descriptor, buffer.data(), buffer.size(), 0) < 0) {
+    if (::pread(descriptor(), buffer.data(), buffer.size(), 0) < 0) {
         fail("cannot read " + std::to_string(blockSize) + " bytes", m_folder, errno,
              "expected a multiple of the disk's block size, see --block-size");
     }
 }
 
 // A file that never has a name, where the file system can do that; direct, where it can do that.
-void ScratchFile::create(const std::string& folder) {
+void ScratchFile::create() {
     if (!openUnnamed(O_DIRECT) && !openNamed(O_DIRECT)) {
         m_isDirect = false;
         if (!openUnnamed(0) && !openNamed(0)) {
-            fail("cannot create a scratch file", folder, errno,
+            fail("cannot create a scratch file", m_folder, errno,
                  "expected a folder that can be written to, see --path");
         }
     }
 }
 
 bool ScratchFile::openUnnamed(int flags) {
-    m_descriptor = ::open(m_folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC | flags, 0600);
-    return m_descriptor >= 0;
+    m_file = FileDescriptor(::open(m_folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC | flags, 0600));
+    return static_cast<bool>(m_file);
 }
 
 bool ScratchFile::openNamed(int flags) {
     std::string name = m_folder + "/analytics-host.XXXXXX";
-    m_descriptor = ::mkostemp(name.data(), O_CLOEXEC | flags);
+    m_file = FileDescriptor(::mkostemp(name.data(), O_CLOEXEC | flags));
     const int error = errno;
     // A file system that refuses direct I/O may have created the file all the same.
-    if (::unlink(name.c_str()) != 0 && m_descriptor >= 0) {
-        const int unlinkError = errno;
-        ::close(m_descriptor);
-        fail("cannot remove the name of the scratch file " + name, m_folder, unlinkError,
+    if (::unlink(name.c_str()) != 0 && m_file) {
+        fail("cannot remove the name of the scratch file " + name, m_folder, errno,
              "expected a folder in which files can be removed, see --path");
     }
     errno = error;
-    return m_descriptor >= 0;
+    return static_cast<bool>(m_file);
 }
 
 // Not every file system can reserve; there, writing tells whether there is room.
 void ScratchFile::reserve(u64 size) const {
-    while (::fallocate(m_descriptor, 0, 0, static_cast<off_t>(size)) != 0) {
+    while (::fallocate(descriptor(), 0, 0, static_cast<off_t>(size)) != 0) {
         if (errno == EOPNOTSUPP || errno == ENOSYS) {
             return;
         }
@@ -129,7 +118,7 @@ void ScratchFile::fill(u64 size, const Progress& progress) const {
     for (u64 offset = 0; offset < size && (!progress || progress(offset));) {
         const u64 length = std::min<u64>(buffer.size(), size - offset);
         const ssize_t written =
-            ::pwrite(m_descriptor, buffer.data(), length, static_cast<off_t>(offset));
+            ::pwrite(descriptor(), buffer.data(), length, static_cast<off_t>(offset));
         if (written < 0 && errno == EINTR) {
             continue;
         }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/infra/Defs.h"
+#include "host/services/FileDescriptor.h"
 
 #include <functional>
 #include <string>
@@ -21,11 +22,8 @@ public:
     // Throws std::runtime_error, with what failed where and why, if the folder cannot be written to
     // or has not enough room.
     ScratchFile(const std::string& folder, u64 size, const Progress& progress = nullptr);
-    ~ScratchFile();
-    ScratchFile(const ScratchFile&) = delete;
-    ScratchFile& operator=(const ScratchFile&) = delete;
 
-    int descriptor() const { return m_descriptor; }
+    int descriptor() const { return m_file.get(); }
     // Whether I/O bypasses the page cache; not every file system offers that.
     bool isDirect() const { return m_isDirect; }
     // Whether the file system keeps its files in memory, such as tmpfs: there is no disk behind it.
@@ -36,13 +34,13 @@ public:
     void checkBlockSize(u64 blockSize) const;
 
 private:
-    void create(const std::string& folder);
+    void create();
     bool openUnnamed(int flags);
     bool openNamed(int flags);
     void reserve(u64 size) const;
     void fill(u64 size, const Progress& progress) const;
 
     const std::string m_folder;
-    int m_descriptor = -1;
+    FileDescriptor m_file;
     bool m_isDirect = true;
 };

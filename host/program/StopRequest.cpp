@@ -2,6 +2,7 @@
 
 #include "common/infra/Defs.h"
 #include "host/services/Clock.h"
+#include "host/services/FileDescriptor.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -26,13 +27,13 @@ std::atomic<u64> stopReason{
     0}; // 0: nothing has; else the time in ms, and in the last byte the signal
 std::atomic<bool> reopens{false};
 std::atomic<bool> hungUp{false};
-int wakeFd = -1;
+FileDescriptor wakeFd;
 
 void ask(int signal) {
     u64 nothing = 0;
     const u64 reason = monotonicNs() / nsPerMs << 8U | static_cast<u64>(signal);
     if (stopReason.compare_exchange_strong(nothing, reason)) {
-        eventfd_write(wakeFd, 1);
+        eventfd_write(wakeFd.get(), 1);
     }
 }
 
@@ -46,7 +47,7 @@ void onSignal(int signal) {
     const u64 before = stopReason;
     if (before == 0 && signal == SIGHUP && reopens) {
         hungUp = true;
-        eventfd_write(wakeFd, 1);
+        eventfd_write(wakeFd.get(), 1);
     } else if (before == 0) {
         ask(signal);
     } else if (!isTheSame(signal, before)) {
@@ -76,8 +77,8 @@ void setHandlers(void (*handler)(int)) {
 } // namespace
 
 StopRequest::StopRequest(std::function<void()> hangUp) : m_hangUp(std::move(hangUp)) {
-    wakeFd = eventfd(0, EFD_CLOEXEC);
-    if (wakeFd < 0) {
+    wakeFd = FileDescriptor(eventfd(0, EFD_CLOEXEC));
+    if (!wakeFd) {
         throw std::system_error(errno, std::generic_category(), "eventfd");
     }
     stopReason = 0;
@@ -88,7 +89,7 @@ StopRequest::StopRequest(std::function<void()> hangUp) : m_hangUp(std::move(hang
 
 StopRequest::~StopRequest() {
     setHandlers(SIG_DFL);
-    ::close(std::exchange(wakeFd, -1));
+    wakeFd = {};
 }
 
 void StopRequest::request() {
@@ -98,10 +99,10 @@ void StopRequest::request() {
 void StopRequest::wait() {
     while (!isRequested()) {
         // Interrupted or woken, the reason is looked at either way.
-        pollfd wake{wakeFd, POLLIN, 0};
+        pollfd wake{wakeFd.get(), POLLIN, 0};
         eventfd_t wakes = 0;
         if (poll(&wake, 1, -1) > 0) {
-            eventfd_read(wakeFd, &wakes);
+            eventfd_read(wakeFd.get(), &wakes);
         }
         if (hungUp.exchange(false)) {
             m_hangUp();

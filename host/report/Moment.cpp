@@ -159,12 +159,4 @@ std::string durationText(double ms) {
                                                : shortest(ms / static_cast<double>(dayMs)) + " d";
 }
 
-std::string latencyText(u64 us) {
-    const auto value = static_cast<double>(us);
-    if (us >= 1'000'000) {
-        return fmt::format("{:.4g} s", value / 1e6);
-    }
-    return us >= 1'000 ? fmt::format("{:.4g} ms", value / 1e3) : fmt::format("{} us", us);
-}
-
 } // namespace report

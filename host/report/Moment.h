@@ -26,7 +26,4 @@ std::optional<s64> parseDuration(std::string_view text);
 // "250 ms", "2.5 s", "5 min", "2 h", "3 d"
 std::string durationText(double ms);
 
-// A latency of microseconds, in the unit in which it reads best.
-std::string latencyText(u64 us);
-
 } // namespace report

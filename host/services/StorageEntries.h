@@ -4,6 +4,11 @@
 #include "common/infra/Export.h"
 #include "host/services/StorageLatency.h"
 
+#include <array>
+
+// The u32 entries of a storage report that count the I/Os of a latency class, fastest first.
+constexpr std::array<const char*, 5> latencyClassKeys = {"cm1", "cm2", "cm3", "cm4", "cm5"};
+
 // Adds to a storage report what the library's record has no room for:
 //
 //     u32 boundFastUs, boundModerateUs,    | upper bounds of the latency classes cm1 to cm4

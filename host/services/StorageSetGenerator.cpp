@@ -8,12 +8,9 @@
 #include "host/services/ReportInterval.h"
 #include "host/services/StorageEntries.h"
 
-#include <array>
 #include <cstddef>
 
 namespace {
-
-constexpr std::array<const char*, 5> classKeys = {"cm1", "cm2", "cm3", "cm4", "cm5"};
 
 const char* comparisonKey(u32 ofPeriod, u32 live) {
     if (ofPeriod < live) {
@@ -29,8 +26,8 @@ void addCounters(AnalyticsParcel& parcel, const StorageAnalyticsCounters& counte
     parcel.addText(comparisonKey(counters.latencyThreshold, liveThreshold),
                    std::to_string(liveThreshold));
     parcel.setValue(counters.avrHighStorageLatencyDuration);
-    for (std::size_t i = 0; i < classKeys.size(); ++i) {
-        parcel.addEntry(classKeys[i], counters.storageLatency[i]);
+    for (std::size_t i = 0; i < latencyClassKeys.size(); ++i) {
+        parcel.addEntry(latencyClassKeys[i], counters.storageLatency[i]);
     }
     parcel.addEntry("cm6", counters.maxHighStorageLatencyDuration);
 }

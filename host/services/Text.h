@@ -1,5 +1,9 @@
 #pragma once
 
+#include "common/infra/Defs.h"
+
+#include <fmt/format.h>
+
 #include <string>
 #include <string_view>
 
@@ -12,3 +16,13 @@ constexpr char lowerCase(char character) {
 // The text with its control characters as "\x0a", so that none of them ends a log line or controls
 // a terminal.
 std::string escaped(std::string_view text);
+
+// A latency in the unit in which it reads best, to so many digits: "4.986 ms".
+inline std::string latencyText(u64 microseconds, int digits = 4) {
+    const auto us = static_cast<double>(microseconds);
+    if (microseconds >= 1'000'000) {
+        return fmt::format("{:.{}g} s", us / 1e6, digits);
+    }
+    return microseconds >= 1'000 ? fmt::format("{:.{}g} ms", us / 1e3, digits)
+                                 : fmt::format("{} us", microseconds);
+}

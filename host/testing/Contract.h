@@ -11,9 +11,12 @@
 // beyond that. A failure names the promise that is broken.
 //
 //     struct MyHost : analytics_contract::ContractHost {
-//         void setTunable(const std::string& name, u32 value) override { config().set(name, value);
-//         } IParcel* takeParcel() override { return
-//         outbox().popParcel(IParcelOutbox::KEL_ANALYTICS); }
+//         void setTunable(const std::string& name, u32 value) override {
+//             config().set(name, value);
+//         }
+//         IParcel* takeParcel() override {
+//             return outbox().popParcel(IParcelOutbox::KEL_ANALYTICS);
+//         }
 //     };
 //
 //     int main(int argc, char** argv) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <stdexcept>
 #include <vector>
 
 // A timer service whose time stands still until the test moves it. Callbacks run inside
@@ -25,18 +26,19 @@ public:
 
     // Moves the time forward and runs what falls due on the way, each at its due time, and returns
     // how many callbacks that were. What a callback throws comes out here; its expiry is used up.
+    // A callback may move the time on itself. Throws std::invalid_argument for a time that is over.
     int advanceTo(u64 timeMs) {
+        if (timeMs < m_nowMs) {
+            throw std::invalid_argument("FakeTimer::advanceTo: expected no earlier time than now");
+        }
         int fired = 0;
         for (; !m_pending.empty() && earliest()->dueMs <= timeMs; ++fired) {
             const Expiry expiry = *earliest();
             m_pending.erase(earliest());
-            m_nowMs = expiry.dueMs;
-            expiry.callback(expiry.cookie);
-            if (!expiry.once) {
-                addTimer(expiry.callback, expiry.cookie, expiry.delayMs, expiry.once);
-            }
+            m_nowMs = std::max(m_nowMs, expiry.dueMs);
+            fire(expiry);
         }
-        m_nowMs = timeMs;
+        m_nowMs = std::max(m_nowMs, timeMs);
         return fired;
     }
     int advance(u64 ms) { return advanceTo(m_nowMs + ms); }
@@ -51,8 +53,11 @@ public:
     u64 getTimestampMs() override { return m_nowMs; }
     u64 getClockMs() override { return m_nowMs + daysToMs(1); }
     u64 getLastTimestampMs_Inaccurate(bool /*refresh*/) override { return m_nowMs + daysToMs(2); }
+    // What a callback arms with a delay of 0 falls due a millisecond later, so that time goes on.
     void addTimer(Callback callback, Cookie cookie, u32 delayMs, bool once) override {
-        m_armed.push_back({callback, cookie, delayMs, once, m_nowMs + delayMs});
+        const u64 leastMs = m_firing > 0 ? 1 : 0;
+        m_armed.push_back(
+            {callback, cookie, delayMs, once, m_nowMs + std::max<u64>(delayMs, leastMs)});
         m_pending.push_back(m_armed.back());
     }
     u64 getCurentThreadTickCount() override { return ticksNs(3); }
@@ -65,6 +70,18 @@ public:
     bool utcStringToTm(const std::string& /*text*/, tm& /*result*/) override { return false; }
 
 private:
+    void fire(const Expiry& expiry) {
+        struct Firing {
+            explicit Firing(int& depth) : m_depth(++depth) {}
+            ~Firing() { --m_depth; }
+            int& m_depth;
+        } firing(m_firing);
+        expiry.callback(expiry.cookie);
+        if (!expiry.once) {
+            addTimer(expiry.callback, expiry.cookie, expiry.delayMs, expiry.once);
+        }
+    }
+
     u64 ticksNs(u64 daysAhead) const { return (m_nowMs + daysToMs(daysAhead)) * 1'000'000; }
 
     std::vector<Expiry>::iterator earliest() {
@@ -75,6 +92,7 @@ private:
     }
 
     u64 m_nowMs = 0;
+    int m_firing = 0; // callbacks that run, one within the other
     u64 m_realTimeAheadMs = daysToMs(6);
     std::vector<Expiry> m_armed;
     std::vector<Expiry> m_pending;

@@ -13,8 +13,9 @@
 // reached as Singleton<IParcelOutbox, ParcelOutbox>. Every operation may be called from any thread.
 class ANALYTICS_EXPORT IParcelOutbox {
 public:
-    // What class stands behind an IParcel*.
-    enum ParcelType : u32 {
+    // What class stands behind an IParcel*. Signed, so that addEntry() takes it for an int, as it
+    // does any plain enumeration.
+    enum ParcelType : int {
         KEL_ANALYTICS = 0 // AnalyticsParcel
     };
 
