@@ -34,14 +34,14 @@ TEST_F(AnalyticsParcelTest, HoldsWhatItWasGivenLast) {
         parcel.addEntry("key", "text" + number).addEntry("key", top);
         parcel.addEntry("key", u64{top} << 32U).addEntry("key", s64{top} * -10);
         parcel.addEntry("key", -0.0000004 * top).addEntry("\xff", Parcel::High).addEntry("B", -7);
-        parcel.addEntry("\xff", lowest);
+        parcel.addEntry("\xff", lowest).addEntry("A", IParcelOutbox::KEL_ANALYTICS);
     }
     EXPECT_EQ(toText(parcel),
               "name4294967295/category4294967295/[a]=5][=b=c][a]=4294967295][=b=c]/"
               "details4294967295 account=0 priority=2 value=4294967294 time=18446744069414584320 "
               "string:key=text4294967295 u32:key=4294967295 u64:key=18446744069414584320 "
               "long:key=-42949672950 double:key=-1717.986918 double:\xff=" +
-                  std::to_string(lowest) + " int:B=-7 int:\xff=1");
+                  std::to_string(lowest) + " int:A=0 int:B=-7 int:\xff=1");
     parcel.setText("the last");
     EXPECT_EQ(parcel.getText(), "the last");
 }

@@ -8,8 +8,8 @@
 #include <memory>
 #include <system_error>
 
-// One way for an IoEngine's requests to reach the kernel. The engine has checked the setup and
-// opens it only when it is closed; otherwise each operation is the engine's.
+// One way for an IoEngine's requests to reach the kernel. The operations do what the engine's do.
+// The engine checks the setup, and opens a backend only while it is closed.
 class IoBackend {
 public:
     IoBackend() = default;

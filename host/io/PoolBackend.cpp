@@ -174,7 +174,8 @@ void PoolBackend::sleep(CheckedLock& lock) {
     m_woken -= m_woken > 0 ? 1 : 0;
 }
 
-// Counted before it is no longer in flight: it is never missing from both.
+// Counts the I/O before removing it from the I/Os in flight, so that a reading sees it in at least
+// one of the two.
 int PoolBackend::run(IoRequest& request, InFlightIo& inFlight) const {
     const u64 nowNs = monotonicNs();
     start(request, nowNs);

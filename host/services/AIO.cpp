@@ -40,7 +40,8 @@ AIO::Measure::Measure(StorageLatency* set, u64 startNs)
     }
 }
 
-// Counted before it is no longer in flight: it is never missing from both.
+// Counts the I/O before removing it from the I/Os in flight, so that a reading sees it in at least
+// one of the two.
 AIO::Measure::~Measure() {
     const u64 latencyNs = monotonicNs() - m_startNs;
     for (StorageLatency* counters : {&m_own, m_set}) {

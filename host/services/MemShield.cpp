@@ -44,8 +44,7 @@ public:
         return *table;
     }
 
-    // Throws std::bad_alloc. An address that is already there was released behind the tracker's
-    // back.
+    // Throws std::bad_alloc. An address that is already there was freed without the tracker.
     void add(const void* block, const BlockInfo& info) {
         Stripe& stripe = stripeOf(block);
         const CheckedLock lock(stripe.mutex);
