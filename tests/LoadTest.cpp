@@ -5,6 +5,7 @@
 #include "host/services/Clock.h"
 #include "host/services/FileDescriptor.h"
 #include "host/testing/RecordingLog.h"
+#include "tests/support/FailingMemory.h"
 #include "tests/support/RefuseCall.h"
 
 #include <fcntl.h>
@@ -55,16 +56,27 @@ TEST(FailureLogTest, FailuresAreALineASecondAndOneAtTheirEnd) {
     for (const char* second :
          {"..x.......", "..........", "xxxxxxxxxx", "xxxxx.....", ".........."}) {
         for (const char* io = second; *io != '\0'; ++io, nowNs += nsPerSecond / 10) {
-            *io == 'x' ? failures.failed("read " + std::to_string(nowNs / nsPerMs), nowNs)
+            *io == 'x' ? failures.failed({nowNs % 3 == 0, nowNs / nsPerMs, -EIO, 7}, nowNs)
                        : failures.succeeded(nowNs);
         }
     }
     EXPECT_EQ(log.texts(ErrorLevel),
-              (std::vector<std::string>{"read 1200\n", "read 3000\n",
-                                        "further I/Os failed=10, the last: read 4000\n"}));
+              (std::vector<std::string>{"read failed at offset=1200: Input/output error\n",
+                                        "read failed at offset=3000: Input/output error\n",
+                                        "further I/Os failed=10, the last: write failed at "
+                                        "offset=4000: Input/output error\n"}));
     EXPECT_EQ(log.texts(WarnLevel),
               (std::vector<std::string>{"no I/O has failed for a second; failed in all=1\n",
                                         "no I/O has failed for a second; failed in all=15\n"}));
+}
+
+TEST(FailureLogTest, AFailureThatMemoryCannotTellIsDropped) {
+    const RecordingLog log;
+    const u64 before = LogService::droppedCount();
+    allocationsLeft = 0;
+    FailureLog().failed({true, 0, 3, 7}, nsPerSecond);
+    allocationsLeft = unlimitedAllocations;
+    EXPECT_EQ(LogService::droppedCount(), before + 1);
 }
 
 class ScratchFileTest : public testing::Test {
@@ -96,10 +108,19 @@ TEST_F(ScratchFileTest, IsFilledFromItsStartToItsEndUnlessProgressSaysNo) {
     };
     const ScratchFile file(folder, size, keep);
     expectWhole(file);
-    EXPECT_NO_THROW(file.checkBlockSize(4096));
     const ScratchFile half(folder, u64{64} << 20U, keep);
     EXPECT_EQ(progress,
               (std::vector<u64>{0, 1U << 20U, 2U << 20U, 3U << 20U, 0, 1U << 20U, 2U << 20U}));
+}
+
+TEST_F(ScratchFileTest, ABlockSizeThatCannotBeReadEndsTheFillingAtOnce) {
+    int steps = 0;
+    std::thread([&] {
+        ASSERT_TRUE(refuseCall(SYS_pread64, EINVAL, 2, 512));
+        const auto count = [&](u64) { return ++steps > 0; };
+        EXPECT_THROW(ScratchFile(folder, size, count, 512), std::runtime_error);
+    }).join();
+    EXPECT_EQ(steps, 1);
 }
 
 // Each row is a system call that is refused where an argument has these bits, and the failure.

@@ -66,7 +66,7 @@ const std::string fillPipe = "mkfifo pipe && exec 9<>pipe && { dd if=/dev/zero o
 // On a terminal, which shows it in `out`, with a SIGTERM after so many seconds.
 std::string onTerminal(const std::string& seconds, const std::string& prefix = "") {
     return "script -qec \"timeout --foreground --preserve-status " + seconds + " " + prefix +
-           "$run\" out </dev/null >script";
+           "$run >reports\" out </dev/null >script";
 }
 
 struct Row {
@@ -89,7 +89,8 @@ const Row runs[] = {
      " of the 1000000 I/Os per second that were asked for\n"},
     {"FailedIos", 1, "--reports 1 --block-size 2M --read-percent 0 --max-ios 9 --io-engine threads",
      refusing(SYS_pwrite64, EIO, "2 2097152") + "$run >out",
-     "analytics-host: 9 I/Os (0 reads, 9 writes, 9 failed), 3 parcels written, 0 lost\n"},
+     "analytics-host: 9 I/Os: 0 reads, 9 writes, 9 failed\nanalytics-host: 3 parcels written, 0 "
+     "lost\n"},
     {"ThePage", 0, "--reports 2 --max-ios 250 --rate 500 --html page",
      R"($run >out && grep -oE '"(recordsRead":4|ios":250|addsUp":true)' page | sort -u >out)",
      "\"addsUp\":true\n\"ios\":250\n\"recordsRead\":4\n"},
@@ -104,16 +105,21 @@ const Row runs[] = {
     {"AHangUp", 0, "--reports 3 --log-level info --log log --output reports",
      "{ $run & } && " + afterReport(1) +
          " && mv reports first && kill -HUP $pid; wait $pid && "
-         "test -s reports && grep -h cm1 first reports | wc -l >out",
-     "3\n"},
+         "test -s reports && echo rows=$(grep -h cm1 first reports | wc -l) >out",
+     "rows=3\n"},
     {"AnEngineThatIsAway", 0,
-     "--reports 1 --output copy --kafka 127.0.0.1:1 --topic t --spool spool --shutdown-timeout 1",
-     "$run && $run && test $(grep -c '^[A-Z]' copy) = 6",
-     "pushed=3 restored=3 delivered=0 failed=0 dropped=0 evicted=0 waiting=6\n"},
+     "--reports 1 --output copy --kafka 127.0.0.1:1 --topic t --spool spool --shutdown-timeout 1 "
+     "--kafka-config kafka --kafka-property linger.ms=5",
+     "echo linger.ms=soon >kafka && $run && $run && test $(grep -c '^[A-Z]' copy) = 6",
+     "pushed=3 restored=3\nanalytics-host: account: delivered=0 failed=0 dropped=0 evicted=0 "
+     "waiting=6\n"},
+    {"AFullOutputBesideAnEngine", 3,
+     "--reports 1 --output /dev/full --kafka 127.0.0.1:1 --topic t --shutdown-timeout 1", "$run",
+     "analytics-host: beside the account: discarded=0 outputLost=3\n"},
     {"Interruptions", 0, "--max-ios 100 --rate 1000", interruptions(anyProcess),
-     "\nanalytics-host: 100 I/Os ("},
+     "\nanalytics-host: 100 I/Os: "},
     {"InterruptionsOfProcessOne", 0, "--max-ios 100 --rate 1000", interruptions(processOne),
-     "\nanalytics-host: 100 I/Os ("},
+     "\nanalytics-host: 100 I/Os: "},
     {"ASignalWhileItWaits", 130, "--reports 1 --log-level info --log log",
      fillPipe + start(anyProcess) + afterReport(2) + " && " + kill("INT") + "; wait $!", ""},
     {"ASignalWhileProcessOneWaits", 130, "--reports 1 --log-level info --log log",
@@ -135,10 +141,15 @@ const Row runs[] = {
      "analytics-host: filling the scratch file, 0 of 2 MiB "},
     {"AReaderThatDoesNotRead", 3, "--reports 1 --output pipe", fillPipe + onTerminal("9"),
      "analytics-host: waiting for the reports' reader; a further signal ends at once "},
-    {"ADiskThatDoesNotAnswer", 0,
+    {"ADiskThatDoesNotAnswer", 1,
      "--reports 1 --block-size 2M --read-percent 0 --io-engine threads --shutdown-timeout 4",
      onTerminal("3", refusing(SYS_pwrite64, 0, "2 2097152")),
-     "analytics-host: waiting for 8 I/Os in flight; a further signal ends at once "}};
+     "analytics-host: waiting for 8 I/Os in flight; a further signal ends at once "},
+    {"ADiskThatHangs", 1,
+     "--block-size 2M --read-percent 0 --io-engine threads --shutdown-timeout 1",
+     meanwhile(kill("TERM"), anyProcess + " " + refusing(SYS_pwrite64, 0, "2 2097152")),
+     "analytics-host: 8 I/Os are in flight: the end took too long\n"
+     "analytics-host: the running period is not reported: the end took too long\n"}};
 
 const Row starts[] = {
     {"AnUnknownOption", 2, "--nonsense", "$run", "'--nonsense' is not an option (see --help)"},
@@ -158,7 +169,7 @@ const Row starts[] = {
      refusing(SYS_fallocate, ENOSPC) + refusing(SYS_io_uring_setup, EPERM) + "$run",
      "io_uring is refused"},
     {"NoThread", 1, "", refusing(SYS_clone3, EAGAIN) + "$run",
-     "cannot start the forwarder's thread: "},
+     "cannot start the thread that limits the end: "},
     {"ABlockSizeThatCannotBeRead", 1, "--block-size 2M --reports 1",
      refusing(SYS_pread64, EINVAL, "2 2097152") + "$run",
      "cannot read 2097152 bytes in '.': Invalid argument (expected a multiple of the disk's"}};
@@ -210,10 +221,13 @@ TEST_F(ProgramTest, EveryIoIsInOneReportAndInTheSummary) {
         "[^\n]*threads make the I/Os: io_uring is refused[^\n]*\nwhole run\n[^]*\n  all +(\\d+)\n"
         "  failed +0\n[^]*\n  periods      2\n  duration     (\\d\\S*) s\n  folder       disk\n"
         "  file system  (\\S+)\n  device       (\\S+)\n  engine       threads\n[^]*\n"
-        "analytics-host: (\\d+) I/Os \\((\\d+) reads, (\\d+) writes, 0 failed\\), "
-        "4 parcels written, 0 lost\nanalytics-host: account: pushed=4 restored=0 "
-        "delivered=4 failed=0 dropped=0 evicted=0 waiting=0\n");
+        "analytics-host: (\\d+) I/Os: (\\d+) reads, (\\d+) writes, 0 failed\n"
+        "analytics-host: 4 parcels written, 0 lost\n"
+        "analytics-host: account: pushed=4 restored=0\n"
+        "analytics-host: account: delivered=4 failed=0 dropped=0 evicted=0 waiting=0\n");
     ASSERT_TRUE(std::regex_match(outcome.errors, found, expected)) << outcome.errors;
+    const std::regex tooLong("\n[^\n]{81}"); // but for the log's line
+    EXPECT_FALSE(std::regex_search(outcome.errors, tooLong)) << outcome.errors;
     EXPECT_EQ(found[1], found[5]);
     EXPECT_NEAR(std::stod(found[6]), 0.7 * std::stod(found[1]), 0.1 * std::stod(found[1]));
     EXPECT_NEAR(std::stod(found[7]), 0.3 * std::stod(found[1]), 0.1 * std::stod(found[1]));

@@ -3,15 +3,24 @@
 #include "common/infra/Log.h"
 #include "host/services/Clock.h"
 
-void FailureLog::failed(const std::string& what, u64 nowNs) {
+#include <ostream>
+#include <system_error>
+
+std::ostream& operator<<(std::ostream& out, const FailedIo& io) {
+    out << (io.isRead ? "read" : "write") << " failed at offset=" << io.offset << ": ";
+    return io.result < 0 ? out << std::generic_category().message(-io.result)
+                         : out << "moved " << io.result << " bytes of " << io.length;
+}
+
+void FailureLog::failed(const FailedIo& io, u64 nowNs) noexcept {
     m_lastFailureNs = nowNs;
     ++m_unreported;
     m_inAll = m_isFailing ? m_inAll + 1 : 1;
     if (!m_isFailing) {
-        LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3) << what << std::endl;
+        LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3) << io << std::endl;
     } else if (nowNs - m_lastLineNs >= nsPerSecond) {
         LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3)
-            << "further I/Os failed=" << m_unreported << ", the last: " << what << std::endl;
+            << "further I/Os failed=" << m_unreported << ", the last: " << io << std::endl;
     } else {
         return;
     }
@@ -20,7 +29,7 @@ void FailureLog::failed(const std::string& what, u64 nowNs) {
     m_unreported = 0;
 }
 
-void FailureLog::succeeded(u64 nowNs) {
+void FailureLog::succeeded(u64 nowNs) noexcept {
     if (m_isFailing && nowNs - m_lastFailureNs >= nsPerSecond) {
         LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
             << "no I/O has failed for a second; failed in all=" << m_inAll << std::endl;

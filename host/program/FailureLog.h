@@ -2,16 +2,24 @@
 
 #include "common/infra/Defs.h"
 
-#include <string>
+#include <iosfwd>
+
+// An I/O that failed: "read failed at offset=4096: Input/output error".
+struct FailedIo {
+    bool isRead;
+    u64 offset;
+    int result; // a negative errno, or the bytes that were moved
+    u32 length;
+};
+std::ostream& operator<<(std::ostream& out, const FailedIo& io);
 
 // Keeps a log readable while a disk fails I/Os, however many: a line when failures begin, at most
 // one a second with their number while they last, and one when a second has passed without any.
-// Times are nanoseconds of the monotonic clock. Not synchronised.
+// Times are nanoseconds of the monotonic clock. Nothing throws. Not synchronised.
 class FailureLog {
 public:
-    // `what` describes the failed I/O.
-    void failed(const std::string& what, u64 nowNs);
-    void succeeded(u64 nowNs);
+    void failed(const FailedIo& io, u64 nowNs) noexcept;
+    void succeeded(u64 nowNs) noexcept;
 
 private:
     bool m_isFailing = false;

@@ -55,6 +55,11 @@ void start(const std::string& what, Start doStart) {
     }
 }
 
+// A line of the program's own.
+std::string say(const std::string& text) {
+    return "analytics-host: " + text + "\n";
+}
+
 // The program's own event: the maxima that the load generator kept.
 void sendMaxima(const LoadGenerator::Maxima& maxima) {
     TrackedPtr<AnalyticsParcel> parcel(TRACKED_NEW(AnalyticsParcel)(), TRACKED_DELETE);
@@ -90,7 +95,6 @@ int Host::run() {
     if (m_stopRequest.isRequested()) { // before there was anything to report
         return 128 + m_stopRequest.signal();
     }
-    m_scratchFile.checkBlockSize(m_options.blockSize);
     warnOfFolder();
     start();
     m_stopRequest.wait();
@@ -108,10 +112,11 @@ ScratchFile Host::makeScratchFile() const {
         return "filling the scratch file, " + std::to_string(filled >> 20U) + " of " +
                std::to_string(size >> 20U) + " MiB";
     });
-    return {m_options.path, size, [&](u64 filledBytes) {
-                filled = filledBytes;
-                return !m_stopRequest.isRequested();
-            }};
+    const auto progress = [&](u64 filledBytes) {
+        filled = filledBytes;
+        return !m_stopRequest.isRequested();
+    };
+    return {m_options.path, size, progress, m_options.blockSize};
 }
 
 void Host::warnOfFolder() const {
@@ -128,6 +133,8 @@ void Host::warnOfFolder() const {
 }
 
 void Host::start() {
+    ::start("the thread that limits the end",
+            [this] { m_shutdown = std::make_unique<ShutdownWatch>([this] { endAtDeadline(); }); });
     ::start("the forwarder's thread",
             [this] { m_forwarding.start(m_outbox, [this] { m_stopRequest.request(); }); });
     if (m_tweaksFile) {
@@ -165,7 +172,7 @@ Host::makeFinalizer(TrackedPtr<IPeriodicAnalyticsParcelFinalizer> finalizer) {
                 m_forwarding.addDiscarded(); // the scheduler looks at it next
             }
             if (isLast) {
-                m_lastReportMade = true;
+                m_owesReport = false;
                 m_stopRequest.request();
             }
         });
@@ -183,14 +190,13 @@ void Host::stopLoad() {
 }
 
 void Host::stop() {
-    m_shutdown = std::make_unique<ShutdownWatch>(
-        std::chrono::seconds(m_options.forwarding.shutdownTimeoutSecs),
-        [this] { endAtDeadline(); });
+    m_shutdown->begin(std::chrono::seconds(m_options.forwarding.shutdownTimeoutSecs));
     stopLoad();
     m_loadEndNs = monotonicNs();
     m_timer.stop();
-    if (!m_lastReportMade) {
+    if (m_owesReport) {
         m_scheduler->handleReachedTimeout(); // the running period; what it arms is dropped
+        m_owesReport = false;
     }
     m_scheduler.reset();
     sendMaxima(m_loadGenerator.maxima());
@@ -205,14 +211,35 @@ void Host::stop() {
     m_tweaksFile.reset();
 }
 
-// Waits for nobody.
-void Host::endAtDeadline() const {
-    tellAccount();
-    if (m_owesPage) {
-        std::cerr << "analytics-host: the page is not written: the end took too long" << std::endl;
+// Waits for nobody, and ends also without the memory to say why.
+void Host::endAtDeadline() const noexcept {
+    int exitCode = exitDone;
+    try {
+        exitCode = tellDeadline();
+    } catch (const std::exception&) { // it stays a failure
+        exitCode = exitFailed;
     }
-    const int exitCode = m_owesPage ? exitFailed : exitDone;
-    _exit(m_forwarding.numbers().lost() == 0 ? exitCode : exitLost);
+    _exit(exitCode);
+}
+
+int Host::tellDeadline() const {
+    const u64 inFlight = m_loadGenerator.inFlight();
+    std::string owed;
+    if (inFlight > 0) {
+        owed += say(std::to_string(inFlight) + " I/Os are in flight: the end took too long");
+    }
+    if (m_owesReport) {
+        owed += say("the running period is not reported: the end took too long");
+    }
+    if (m_owesPage) {
+        owed += say("the page is not written: the end took too long");
+    }
+    std::cerr << owed << std::flush;
+    tellAccount();
+    if (m_forwarding.numbers().lost() != 0) {
+        return exitLost;
+    }
+    return owed.empty() && m_loadGenerator.counts().failed == 0 ? exitDone : exitFailed;
 }
 
 // Answers whether it could be written, and says why not.
@@ -230,14 +257,16 @@ bool Host::writePage() {
 
 void Host::tellAccount() const {
     const AccountNumbers numbers = m_forwarding.numbers();
-    std::string text = "analytics-host: account: " + numbers.text() + "\n";
+    const std::string sums = numbers.text();
+    const std::size_t half = sums.find(" delivered=");
+    std::string text =
+        say("account: " + sums.substr(0, half)) + say("account:" + sums.substr(half));
     for (const auto& [reason, count] : numbers.failures) {
-        text += "analytics-host: failed for good: " + std::to_string(count) + ", " + reason + "\n";
+        text += say("failed for good: " + std::to_string(count) + ", " + reason);
     }
     if (numbers.discarded + numbers.outputLost != 0) {
-        text +=
-            "analytics-host: beside the account: discarded=" + std::to_string(numbers.discarded) +
-            " outputLost=" + std::to_string(numbers.outputLost) + "\n";
+        text += say("beside the account: discarded=" + std::to_string(numbers.discarded) +
+                    " outputLost=" + std::to_string(numbers.outputLost));
     }
     std::cerr << text << std::flush;
 }
@@ -247,12 +276,16 @@ int Host::summarize() const {
     const AccountNumbers account = m_forwarding.numbers();
     const u64 lost = account.lost();
     const MemReport memory = MemLedger::report();
-    std::cerr << summary().text() << "analytics-host: " << ios.completed() << " I/Os (" << ios.reads
-              << " reads, " << ios.writes << " writes, " << ios.failed << " failed), "
-              << account.delivered << " parcels written, " << lost << " lost"
-              << rateShortfall(m_options, ios.completed(), m_loadEndNs - m_loadStartNs)
-              << std::endl;
+    const std::string shortfall =
+        rateShortfall(m_options, ios.completed(), m_loadEndNs - m_loadStartNs);
+    std::cerr << summary().text()
+              << say(std::to_string(ios.completed()) + " I/Os: " + std::to_string(ios.reads) +
+                     " reads, " + std::to_string(ios.writes) + " writes, " +
+                     std::to_string(ios.failed) + " failed")
+              << say(std::to_string(account.delivered) + " parcels written, " +
+                     std::to_string(lost) + " lost");
     tellAccount();
+    std::cerr << (shortfall.empty() ? "" : say(shortfall)) << std::flush;
     if (memory.liveBlocks != 0 || memory.badReleases != 0) {
         std::cerr << "analytics-host: the memory ledger is not clean: " << memory << std::endl;
         return exitLost;

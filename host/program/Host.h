@@ -45,7 +45,8 @@ private:
     makeFinalizer(TrackedPtr<IPeriodicAnalyticsParcelFinalizer> finalizer);
     void stopLoad();
     void stop();
-    [[noreturn]] void endAtDeadline() const;
+    [[noreturn]] void endAtDeadline() const noexcept;
+    int tellDeadline() const;
     int summarize() const;
     RunSummary summary() const;
     bool writePage();
@@ -65,10 +66,12 @@ private:
 
     // The timer's thread writes them; read when the timer has stopped.
     RunTotals m_totals;
-    bool m_lastReportMade = false;
 
-    std::atomic<bool> m_owesPage;              // read by the watch
-    std::unique_ptr<ShutdownWatch> m_shutdown; // from the stop on
+    // Read by the watch.
+    std::atomic<bool> m_owesReport{true}; // of the last period
+    std::atomic<bool> m_owesPage;
+
+    std::unique_ptr<ShutdownWatch> m_shutdown; // null before the start
     u64 m_loadStartNs = 0;
     u64 m_loadEndNs = 0;
 };

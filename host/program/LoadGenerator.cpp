@@ -11,21 +11,13 @@
 #include <new>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::string describe(int result, u32 expected) {
-    if (result < 0) {
-        return std::generic_category().message(-result);
-    }
-    return "moved " + std::to_string(result) + " bytes of " + std::to_string(expected);
-}
-
-// What the machine does not have at all is not asked for: it might be promised, and the process
-// ended when it uses it.
+// Refuses more than the physical memory: the kernel might grant it and kill the process when it is
+// used.
 AlignedBuffer makeBuffers(const LoadGenerator::Load& load) {
     const u64 bytes = u64{load.blockSize} * load.queueDepth;
     const u64 memory =
@@ -116,9 +108,8 @@ LoadGenerator::Maxima LoadGenerator::maxima() const {
     return {m_longestIoUs, m_deepestQueue};
 }
 
-// What is due at a beat and finds no idle slot is made as soon as one is. A disk that cannot keep
-// the rate is so kept busy, but what it owes is bounded, to a tenth of a second: a stall is not
-// made up for.
+// An I/O that is due while all slots are busy is submitted when a slot becomes free. At most a
+// tenth of a second of I/Os is kept waiting, so a stall is not made up for.
 void LoadGenerator::pace() {
     pthread_setname_np(pthread_self(), "pacer");
     constexpr std::chrono::nanoseconds shortestBeat = std::chrono::milliseconds(1);
@@ -152,7 +143,7 @@ bool LoadGenerator::mayIssue() const {
     return !m_stopping && m_issued < m_load.maxIos.value_or(~u64{0});
 }
 
-// Hands over up to `count` I/Os.
+// Submits up to `count` I/Os.
 void LoadGenerator::issue(u64 count) {
     m_batch.clear();
     while (m_batch.size() < count && mayIssue() && !m_idle.empty()) {
@@ -205,7 +196,5 @@ void LoadGenerator::countResult(const Slot& slot, int result) {
         return;
     }
     ++m_counts.failed;
-    m_failureLog.failed(std::string(isRead ? "read" : "write") + " failed at offset=" +
-                            std::to_string(slot.offset) + ": " + describe(result, slot.length),
-                        nowNs);
+    m_failureLog.failed({isRead, slot.offset, result, slot.length}, nowNs);
 }

@@ -3,6 +3,7 @@
 #include "common/infra/Tweaks.h"
 #include "host/program/DayList.h"
 #include "host/program/ExitCodes.h"
+#include "host/program/Schedule.h"
 #include "host/report/CommandLine.h"
 #include "host/services/ReportInterval.h"
 
@@ -135,7 +136,8 @@ void addScheduleOptions(CLI::App& app, Options& options) {
     auto* interval =
         app.add_option("--interval", options.intervalSecs,
                        "Seconds between reports, 1 to " + std::to_string(maxReportIntervalSec) +
-                           " (default 5, or " + reportIntervalName + " of --tweaks)")
+                           " (default " + std::to_string(programIntervalSec) + ", or " +
+                           reportIntervalName + " of --tweaks)")
             ->check(wholeNumber(1, maxReportIntervalSec))
             ->option_text("SECONDS");
     auto* days = app.add_option_function<std::string>(
@@ -311,7 +313,7 @@ void checkSpool(const ForwardingOptions& options) {
     }
 }
 
-// What no single option can tell.
+// Checks that involve several options.
 void checkTogether(const Options& options) {
     checkSpool(options.forwarding);
     if (options.path.empty()) {

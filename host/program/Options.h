@@ -58,9 +58,9 @@ struct Options {
     bool abortOnAssert = false;
 };
 
-// Parses and checks the command line. What it answers is either the options, or the exit code of a
-// process that has said all it has to say: 0 after --help and --version, 2 after one line on
-// standard error that names what is wrong and what was expected.
+// Parses and checks the command line. Returns the options, or the code with which the process has
+// to exit: 0 after --help and --version, 2 after one line on standard error that names what is
+// wrong and what was expected.
 struct ParsedCommandLine {
     std::optional<Options> options;
     int exitCode = 0;

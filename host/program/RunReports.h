@@ -6,8 +6,8 @@
 #include <functional>
 
 // A finalizer around another that tells the program of each report. Before it closes the last
-// period it calls `beforeLast`, so that whatever feeds the report can be brought to an end within
-// it. After each report it calls `afterEach`. Reports beyond the last are made as usual.
+// period it calls `beforeLast`, so that the load can be stopped within that period. After each
+// report it calls `afterEach`. Reports beyond the last are made as usual.
 class RunReports : public IPeriodicAnalyticsParcelFinalizer {
 public:
     // Owns `finalizer`, which must come from tracked allocation. `reports` is the number of the

@@ -129,9 +129,10 @@ std::string RunSummary::text() const {
 std::string rateShortfall(const Options& options, u64 completedIos, u64 durationNs) {
     const double seconds = static_cast<double>(durationNs) / nsPerSecond;
     const auto made = static_cast<double>(completedIos);
-    if (options.rate == 0 || made + 1 >= 0.95 * options.rate * seconds || options.maxIos) {
+    if (options.rate == 0 || made + 1 >= 0.95 * options.rate * seconds ||
+        completedIos >= options.maxIos.value_or(~u64{0})) {
         return "";
     }
-    return fmt::format("; {:.0f} of the {} I/Os per second that were asked for",
+    return fmt::format("{:.0f} of the {} I/Os per second that were asked for",
                        std::floor(made / seconds), options.rate);
 }

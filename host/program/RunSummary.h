@@ -35,6 +35,6 @@ struct RunSummary {
     std::string text() const;
 };
 
-// What follows a summary where a rate was asked for and not reached, within a twentieth and the I/O
-// that is due next; empty elsewhere.
+// What to say where a rate was asked for and not reached, within a twentieth and the I/O that is
+// due next; empty if it was reached, or if all I/Os that were asked for are made.
 std::string rateShortfall(const Options& options, u64 completedIos, u64 durationNs);

@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr u32 defaultIntervalSecs = 5; // a demonstration should not take a day
-
 u32 intervalSecs() {
     return Tweaks::instance()->uintVal(reportIntervalName, DefaultTweakValue<unsigned int>());
 }
@@ -58,7 +56,7 @@ void writeMoment(std::ostream& out, time_t moment) {
 
 std::unique_ptr<TweaksFile> loadTweaks(const Options& options) {
     Tweaks::instance()->set(reportIntervalName,
-                            std::to_string(options.intervalSecs.value_or(defaultIntervalSecs)));
+                            std::to_string(options.intervalSecs.value_or(programIntervalSec)));
     if (options.tweaksFile.empty()) {
         return nullptr;
     }

@@ -10,6 +10,10 @@
 #include <iosfwd>
 #include <memory>
 
+// Between reports, if neither the command line nor the tunables file says: a demonstration should
+// not take a day.
+constexpr u32 programIntervalSec = 5;
+
 // Loads the tunables file, if there is one, and settles the interval: the command line's, else the
 // file's, else the program's. Throws TweaksFileError.
 std::unique_ptr<TweaksFile> loadTweaks(const Options& options);

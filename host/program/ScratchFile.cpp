@@ -32,11 +32,12 @@ std::string roomFor(u64 size) {
 
 } // namespace
 
-ScratchFile::ScratchFile(const std::string& folder, u64 size, const Progress& progress)
+ScratchFile::ScratchFile(const std::string& folder, u64 size, const Progress& progress,
+                         u64 blockSize)
     : m_folder(folder) {
     create();
     reserve(size);
-    fill(size, progress);
+    fill(size, progress, blockSize);
 }
 
 bool ScratchFile::isInMemory() const {
@@ -91,7 +92,7 @@ bool ScratchFile::openNamed(int flags) {
     m_file = FileDescriptor(::mkostemp(name.data(), O_CLOEXEC | flags));
     const int error = errno;
     // A file system that refuses direct I/O may have created the file all the same.
-    if (::unlink(name.c_str()) != 0 && m_file) {
+    if (::unlink(name.c_str()) != 0 && ::access(name.c_str(), F_OK) == 0) {
         fail("cannot remove the name of the scratch file " + name, m_folder, errno,
              "expected a folder in which files can be removed, see --path");
     }
@@ -99,7 +100,7 @@ bool ScratchFile::openNamed(int flags) {
     return static_cast<bool>(m_file);
 }
 
-// Not every file system can reserve; there, writing tells whether there is room.
+// Some file systems cannot reserve space. Then fill() finds out whether there is room.
 void ScratchFile::reserve(u64 size) const {
     while (::fallocate(descriptor(), 0, 0, static_cast<off_t>(size)) != 0) {
         if (errno == EOPNOTSUPP || errno == ENOSYS) {
@@ -111,8 +112,9 @@ void ScratchFile::reserve(u64 size) const {
     }
 }
 
-// Blocks that were never written are answered without asking the disk.
-void ScratchFile::fill(u64 size, const Progress& progress) const {
+// Fills every block: the kernel answers reads of unwritten blocks without reading the disk. Tries
+// the block size early, as soon as there is something to read.
+void ScratchFile::fill(u64 size, const Progress& progress, u64 blockSize) const {
     const AlignedBuffer buffer(fillBytes);
     std::memset(buffer.data(), 0xa5, buffer.size());
     for (u64 offset = 0; offset < size && (!progress || progress(offset));) {
@@ -125,6 +127,9 @@ void ScratchFile::fill(u64 size, const Progress& progress) const {
         if (written <= 0) {
             fail("cannot fill the scratch file", m_folder, written < 0 ? errno : ENOSPC,
                  roomFor(size));
+        }
+        if (offset == 0) {
+            checkBlockSize(blockSize);
         }
         offset += static_cast<u64>(written);
     }

@@ -20,8 +20,9 @@ public:
     using Progress = std::function<bool(u64 filledBytes)>;
 
     // Throws std::runtime_error, with what failed where and why, if the folder cannot be written to
-    // or has not enough room.
-    ScratchFile(const std::string& folder, u64 size, const Progress& progress = nullptr);
+    // or has not enough room, or if I/Os of `blockSize` bytes cannot be made.
+    ScratchFile(const std::string& folder, u64 size, const Progress& progress = nullptr,
+                u64 blockSize = 4096);
 
     int descriptor() const { return m_file.get(); }
     // Whether I/O bypasses the page cache; not every file system offers that.
@@ -30,15 +31,14 @@ public:
     bool isInMemory() const;
     // "unknown" twice where the kernel does not tell.
     FileSystem fileSystem() const;
-    // Throws std::runtime_error if I/Os of this size cannot be made.
-    void checkBlockSize(u64 blockSize) const;
 
 private:
     void create();
     bool openUnnamed(int flags);
     bool openNamed(int flags);
     void reserve(u64 size) const;
-    void fill(u64 size, const Progress& progress) const;
+    void fill(u64 size, const Progress& progress, u64 blockSize) const;
+    void checkBlockSize(u64 blockSize) const;
 
     const std::string m_folder;
     FileDescriptor m_file;

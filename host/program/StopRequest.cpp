@@ -98,7 +98,7 @@ void StopRequest::request() {
 
 void StopRequest::wait() {
     while (!isRequested()) {
-        // Interrupted or woken, the reason is looked at either way.
+        // poll() may return early on a signal; the loop checks the reason again.
         pollfd wake{wakeFd.get(), POLLIN, 0};
         eventfd_t wakes = 0;
         if (poll(&wake, 1, -1) > 0) {

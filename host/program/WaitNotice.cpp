@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <iostream>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -45,12 +46,16 @@ WaitNotice::~WaitNotice() {
 void WaitNotice::tell(Clock::time_point next) {
     pthread_setname_np(pthread_self(), "notice");
     bool isShown = false;
-    for (; !isOverBy(next); next += std::chrono::seconds(1)) {
-        show("analytics-host: " + m_what());
-        isShown = true;
-    }
-    if (isShown) {
-        show("");
+    try {
+        for (; !isOverBy(next); next += std::chrono::seconds(1)) {
+            show("analytics-host: " + m_what());
+            isShown = true;
+        }
+        if (isShown) {
+            show("");
+        }
+    } catch (const std::bad_alloc&) { // nothing depends on it
+        return;
     }
 }
 

@@ -19,7 +19,8 @@
 
 namespace {
 
-// The log's end for the life of the process: services write to it until their threads are gone.
+// The log sink. It lives until the process ends, because services log until their threads have
+// ended.
 std::unique_ptr<SpdlogSink> startLog(const Options& options) {
     LogService::setLevel(options.logLevel);
     LogService::setAbortOnAssert(options.abortOnAssert);
@@ -41,8 +42,8 @@ int run(const Options& options) {
     return Host(options).run();
 }
 
-// A standard stream that is closed would be the next file that is opened, and what is written to
-// that stream would go there. In its place comes one that refuses: a loss is then reported.
+// If a standard stream is closed, the next open() gets its number, and output would go into that
+// file. So a read-only /dev/null takes the number, and writes fail.
 void keepStandardStreamsApart() {
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
         if (fcntl(stream, F_GETFD) < 0) { // the lowest one free, so this is the one that is opened

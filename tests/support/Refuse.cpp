@@ -12,7 +12,7 @@ int main(int argc, char** argv) {
         return static_cast<std::uint32_t>(std::strtoul(argv[index], nullptr, 10));
     };
     if (argc >= 6 && refuseCall(number(1), number(2), number(3), number(4))) {
-        execv(argv[5], argv + 5);
+        execvp(argv[5], argv + 5);
     }
     std::perror("refuse");
     return 2;
