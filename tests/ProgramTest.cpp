@@ -1,4 +1,5 @@
 #include "common/infra/Defs.h"
+#include "tests/support/Files.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -181,25 +182,20 @@ protected:
         std::string output, errors;
     };
 
-    void SetUp() override { std::filesystem::create_directories(folder + "/disk"); }
-    void TearDown() override { std::filesystem::remove_all(folder); }
-
-    std::string read(const std::string& name) const {
-        std::ifstream file(folder + "/" + name);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
+    void SetUp() override { std::filesystem::create_directories(folder / "disk"); }
 
     // `around` is a shell command in which "$run" is the program with its options.
     Outcome run(const std::string& options, const std::string& around = "$run >out") {
         const std::string program = ANALYTICS_HOST " --size 2M --interval 1 " + options;
-        const std::string script = "cd " + folder + " && exec 2>err && run='" + program + "' && ";
+        const std::string script =
+            "cd " + (folder / "") + " && exec 2>err && run='" + program + "' && ";
         const int status = std::system((script + around).c_str());
-        return {WEXITSTATUS(status), read("out"), read("err")};
+        return {WEXITSTATUS(status), folder.read("out"), folder.read("err")};
     }
 
     Outcome expect(const Row& row) {
         const auto& [name, code, options, around, part] = row;
-        std::filesystem::remove(folder + "/pipe");
+        std::filesystem::remove(folder / "pipe");
         Outcome outcome = run(options, around);
         if (outcome.errors.find("left out") == std::string::npos) { // an engine, when it was built
             EXPECT_EQ(outcome.exitCode, code) << name << outcome.errors;
@@ -209,7 +205,7 @@ protected:
         return outcome;
     }
 
-    const std::string folder = testing::TempDir() + "analytics." + std::to_string(getpid());
+    const TempFolder folder;
 };
 
 TEST_F(ProgramTest, EveryIoIsInOneReportAndInTheSummary) {
@@ -256,7 +252,7 @@ TEST_F(ProgramTest, EveryIoIsInOneReportAndInTheSummary) {
     EXPECT_EQ(records[2]["u64Entries"]["deepestQueue"], 5);
     EXPECT_NEAR(records[2]["u64Entries"]["longestIoUs"].get<double>(), longestUs, 1);
     EXPECT_EQ(records[3]["eventName"], "ForwardingAccountParcel");
-    EXPECT_TRUE(std::filesystem::is_empty(folder + "/disk"));
+    EXPECT_TRUE(std::filesystem::is_empty(folder / "disk"));
 }
 
 class RunTest : public ProgramTest, public testing::WithParamInterface<Row> {};

@@ -7,6 +7,7 @@
 #include "host/services/Clock.h"
 #include "host/services/LogService.h"
 #include "host/testing/Installed.h"
+#include "tests/support/Files.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -15,8 +16,6 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <iomanip>
 #include <iterator>
@@ -215,8 +214,8 @@ TEST_F(ScheduleTest, TheRunKeepsTheDays) {
 }
 
 TEST_F(ScheduleTest, TheIntervalIsTheCommandLinesElseTheFilesElseFiveSeconds) {
-    const std::string file = testing::TempDir() + "interval" + std::to_string(getpid());
-    std::ofstream(file) << "t_StorageAnalyticsIntervalSec = 77\n";
+    const TempFolder folder;
+    const std::string file = folder.write("tweaks", "t_StorageAnalyticsIntervalSec = 77\n");
     const std::pair<std::string, u64> rows[] = {{"", 5'000},
                                                 {"--interval 9", 9'000},
                                                 {"--tweaks " + file, 77'000},
@@ -226,7 +225,6 @@ TEST_F(ScheduleTest, TheIntervalIsTheCommandLinesElseTheFilesElseFiveSeconds) {
         loadTweaks(options);
         EXPECT_EQ(nextMs(options), delayMs) << line;
     }
-    std::filesystem::remove(file);
 }
 
 StoragePeriod period(u32 first) {
