@@ -36,7 +36,7 @@ else()
 endif()
 
 analytics_install_room(host host FOLDER services TARGETS analytics_host
-    INTERNAL_HEADERS Text.h TimerQueue.h TweaksFileWatch.h TweaksReading.h)
+    INTERNAL_HEADERS FileTunables.h Text.h TimerQueue.h TweaksFileWatch.h TweaksReading.h)
 analytics_install_pkg_config(${CMAKE_CURRENT_SOURCE_DIR}/packaging/pkgconfig/analytics-host.pc.in host)
 if(TARGET analytics_io)
     analytics_install_room(io host FOLDER io TARGETS analytics_io INTERNAL_HEADERS IoBackend.h IoQueue.h)
