@@ -29,8 +29,8 @@ if(host_library_type STREQUAL SHARED_LIBRARY)
     set(host_requirements "")
     set(host_is_static OFF)
 else()
-    # The archives refer to each other.
-    set(host_libraries "-Wl,--start-group -lanalytics_host -lanalytics -Wl,--end-group")
+    # The archives refer to each other. One word, since pkgconf sorts words.
+    set(host_libraries "-Wl,--start-group,-lanalytics_host,-lanalytics,--end-group")
     set(host_requirements "spdlog fmt tomlplusplus")
     set(host_is_static ON)
 endif()

@@ -42,7 +42,7 @@ protected:
 // not null; it may point to any base of the object that has a virtual destructor. `file` and `line`
 // name the call site.
 template <typename T>
-ANALYTICS_TAG void internal_delete_helper(T* ptr, const char* file, int line) {
+void internal_delete_helper(T* ptr, const char* file, int line) {
     static_assert(!std::is_same_v<std::remove_cv_t<T>, IParcel>,
                   "a parcel is destroyed as what it is: cast the pointer to its class first");
     static_assert(!std::is_polymorphic_v<T> || std::has_virtual_destructor_v<T> ||
