@@ -65,9 +65,6 @@ if(TARGET analytics_fakes)
     # For a host with service headers of its own, which compiles them anew.
     install(DIRECTORY host/testing DESTINATION ${CMAKE_INSTALL_DATADIR}/analytics/src/host
             COMPONENT testing)
-endif()
-if(TARGET analytics_contract)
-    set_target_properties(analytics_contract PROPERTIES EXPORT_NAME contract)
     analytics_install_room(contract testing TARGETS analytics_contract)
 endif()
 if(TARGET analytics-host)
