@@ -10,7 +10,7 @@ import sys
 # Comments, directives, macros and texts.
 NO_CODE = re.compile(r"//.*|/\*[\s\S]*?\*/|^#(?:.*\\\n)*.*|__attribute__\(\(.*?\)\)+"
                      r"|\bANALYTICS_\w+(?:\(\w+\))?|\"(?:\\.|[^\"\\])*\"",
-                          re.MULTILINE)
+                     re.MULTILINE)
 SCOPE = re.compile(r"^(?:class|struct|namespace)\s+(?:\w+\([^)]*\)\s*)?(\w+)")
 # Declares no function, or one that the compiler writes or a derived class.
 NO_FUNCTION = re.compile(r"^(?:friend|using|typedef|static_assert|template)\b"
