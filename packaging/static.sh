@@ -16,10 +16,9 @@ readarray -t archives < <(find "$prefix" -name 'libanalytics*.a')
 PKG_CONFIG_PATH=$(dirname "${archives[0]}")/pkgconfig
 export PKG_CONFIG_PATH
 by_pkg_config() {
-    local modules=$1
-    shift
-    # shellcheck disable=SC2046 # words
-    "$CXX" -std=c++17 -rdynamic "$@" -o "$scratch/program" $(pkg-config --cflags --libs $modules)
+    local flags
+    read -ra flags < <(pkg-config --cflags --libs "$1")
+    "$CXX" -std=c++17 -rdynamic "${@:2}" -o "$scratch/program" "${flags[@]}"
     (cd "$scratch" && ./program records 2>log) || { cat "$scratch/log"; exit 1; }
 }
 by_pkg_config analytics-host "$packaging/subproject/main.cpp"
