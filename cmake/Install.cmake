@@ -29,14 +29,14 @@ if(host_library_type STREQUAL SHARED_LIBRARY)
     set(host_requirements "")
     set(host_is_static OFF)
 else()
-    # The archives refer to each other.
-    set(host_libraries "-Wl,--start-group -lanalytics_host -lanalytics -Wl,--end-group")
+    # The archives refer to each other. One word, since pkgconf sorts words.
+    set(host_libraries "-Wl,--start-group,-lanalytics_host,-lanalytics,--end-group")
     set(host_requirements "spdlog fmt tomlplusplus")
     set(host_is_static ON)
 endif()
 
 analytics_install_room(host host FOLDER services TARGETS analytics_host
-    INTERNAL_HEADERS Text.h TimerQueue.h TweaksFileWatch.h TweaksReading.h)
+    INTERNAL_HEADERS FileTunables.h Text.h TimerQueue.h TweaksFileWatch.h TweaksReading.h)
 analytics_install_pkg_config(${CMAKE_CURRENT_SOURCE_DIR}/packaging/pkgconfig/analytics-host.pc.in host)
 if(TARGET analytics_io)
     analytics_install_room(io host FOLDER io TARGETS analytics_io INTERNAL_HEADERS IoBackend.h IoQueue.h)
@@ -65,9 +65,6 @@ if(TARGET analytics_fakes)
     # For a host with service headers of its own, which compiles them anew.
     install(DIRECTORY host/testing DESTINATION ${CMAKE_INSTALL_DATADIR}/analytics/src/host
             COMPONENT testing)
-endif()
-if(TARGET analytics_contract)
-    set_target_properties(analytics_contract PROPERTIES EXPORT_NAME contract)
     analytics_install_room(contract testing TARGETS analytics_contract)
 endif()
 if(TARGET analytics-host)

@@ -2,7 +2,7 @@
 # packaging/try.sh EXAMPLE SCRATCH [PREFIX]
 #
 # Builds a copy of an example in the folder SCRATCH against the installation below PREFIX, or that of
-# the system, and runs its tests. CXX, CXXFLAGS and LDFLAGS count.
+# the system, and runs its tests, REQUIRED_TEST among them. CXX, CXXFLAGS and LDFLAGS count.
 set -euo pipefail
 
 scratch=$2
@@ -21,4 +21,8 @@ fi
 cmake -S source -B build ${prefix:+-DCMAKE_PREFIX_PATH="$prefix"}
 cmake --build build --parallel 2
 cd build
+if [[ -n ${REQUIRED_TEST:-} ]] && ! ctest -N | grep -q ": $REQUIRED_TEST\$"; then
+    echo "the test $REQUIRED_TEST is missing" >&2
+    exit 1
+fi
 exec ctest --output-on-failure --no-tests=error

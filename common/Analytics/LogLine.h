@@ -33,7 +33,7 @@ namespace log_line {
 
 // A log item, streamed into piece by piece. Numbers and addresses reach it as text: a host's own
 // stream may group digits the way the process's locale does.
-class Line {
+class ANALYTICS_TAG Line {
 public:
     Line(LogModule module, LogLevel level, const char* function)
         : m_item(module, level, function, 3) {}
@@ -73,7 +73,7 @@ private:
 };
 
 // Ends the line. & binds looser than <<, so it comes after the details.
-struct End {
+struct ANALYTICS_TAG End {
     void operator&(Line& line) const { line << std::endl; }
 };
 

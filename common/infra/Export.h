@@ -12,6 +12,6 @@
 // declaration, and not after the definition.
 #define ANALYTICS_TAG __attribute__((abi_tag("analytics")))
 
-// What a type that is named across the boundary carries, unless no process has its name already, as
-// with AnalyticsParcel: that is ANALYTICS_VISIBLE, and may be forward-declared.
+// For types that cross a library boundary and have a common name, such as Timer. Types with a name
+// of our own, such as AnalyticsParcel, take ANALYTICS_VISIBLE and may be forward-declared.
 #define ANALYTICS_EXPORT __attribute__((visibility("default"), abi_tag("analytics")))

@@ -2,12 +2,10 @@
 #include "common/Analytics/PeriodicAnalyticsScheduler.h"
 #include "common/Analytics/StorageAnalyticsGenerator.h"
 #include "common/infra/AIO.h"
-#include "common/infra/IParcelOutbox.h"
-#include "common/infra/Singleton.h"
-#include "common/infra/Timer.h"
 #include "common/infra/TrackedAllocation.h"
 #include "host/forwarding/Forwarder.h"
 #include "host/forwarding/KafkaSink.h"
+#include "host/services/HostServices.h"
 #include "host/services/StorageReportFinalizer.h"
 
 #include <fstream>
@@ -17,8 +15,7 @@ int main(int /*count*/, char** arguments) {
     KafkaSettings kafka;
     kafka.brokers = arguments[1];
     kafka.topic = arguments[2];
-    auto& outbox = static_cast<ParcelOutbox&>(*Singleton<IParcelOutbox, ParcelOutbox>::instance());
-    Forwarder forwarder(outbox, makeKafkaSink(kafka), {}, {});
+    Forwarder forwarder(hostOutbox(), makeKafkaSink(kafka), {}, {});
 
     auto* generator = TRACKED_NEW(StorageAnalyticsGenerator)();
     auto* finalizer = TRACKED_NEW(StorageReportFinalizer)(generator);
@@ -30,7 +27,7 @@ int main(int /*count*/, char** arguments) {
         std::getline(file, line);
     }
 
-    static_cast<Timer&>(*Singleton<ITimer, Timer>::instance()).stop();
+    hostTimer().stop();
     scheduler.handleReachedTimeout(); // the last, partial period
     forwarder.stop(std::chrono::seconds(5));
     std::cout << forwarder.account().numbers().text() << std::endl;

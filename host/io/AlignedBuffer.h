@@ -1,11 +1,13 @@
 #pragma once
 
+#include "common/infra/Export.h"
+
 #include <cstddef>
 #include <memory>
 #include <new>
 
 // Memory for direct I/O, aligned to a page; zeroed.
-class AlignedBuffer {
+class ANALYTICS_TAG AlignedBuffer {
 public:
     static constexpr std::size_t alignment = 4096;
 

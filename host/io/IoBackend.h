@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/infra/AIO.h"
+#include "common/infra/Export.h"
 #include "host/io/IoEngine.h"
 #include "host/io/IoQueue.h"
 
@@ -10,7 +11,7 @@
 
 // One way for an IoEngine's requests to reach the kernel. The operations do what the engine's do.
 // The engine checks the setup, and opens a backend only while it is closed.
-class IoBackend {
+class ANALYTICS_TAG IoBackend {
 public:
     IoBackend() = default;
     virtual ~IoBackend() = default; // must be closed by then
@@ -34,14 +35,14 @@ protected:
 };
 
 // io_uring is not available here. The message says why, and what would allow it.
-class IoUringRefused : public std::system_error {
+class ANALYTICS_TAG IoUringRefused : public std::system_error {
 public:
     using std::system_error::system_error;
 };
 
 // Throws IoUringRefused if a ring of this depth is not available.
-void probeIoUring(u32 queueDepth);
+ANALYTICS_TAG void probeIoUring(u32 queueDepth);
 
 // The first throws IoUringRefused at open().
-std::unique_ptr<IoBackend> makeRingBackend();
-std::unique_ptr<IoBackend> makePoolBackend();
+ANALYTICS_TAG std::unique_ptr<IoBackend> makeRingBackend();
+ANALYTICS_TAG std::unique_ptr<IoBackend> makePoolBackend();

@@ -7,11 +7,12 @@
 #include <cstddef>
 #include <memory>
 
-class IoBackend;
+class ANALYTICS_TAG IoBackend;
+class ANALYTICS_TAG IoQueue;
 
 // One I/O. The caller owns it and its buffer, and keeps both alive and unchanged from submit()
 // until `completed` is called; then it may be used again, also from inside `completed`.
-struct IoRequest {
+struct ANALYTICS_TAG IoRequest {
     enum Operation : u32 {
         Read,
         Write,

@@ -1,11 +1,12 @@
 #pragma once
 
+#include "common/infra/Export.h"
 #include "host/io/IoEngine.h"
 
 #include <cstddef>
 
 // Requests in their order, linked through themselves: queueing allocates nothing. Not synchronised.
-class IoQueue {
+class ANALYTICS_TAG IoQueue {
 public:
     bool empty() const { return m_head == nullptr; }
     std::size_t size() const { return m_size; }

@@ -1,12 +1,14 @@
 #pragma once
 
+#include "common/infra/Export.h"
+
 #include <unistd.h>
 
 #include <utility>
 
 // Owns a file descriptor: closes it at the end. Empty, and then -1, if it was made of a negative
 // number, as by an open() that failed, or its descriptor was moved away.
-class FileDescriptor {
+class ANALYTICS_TAG FileDescriptor {
 public:
     FileDescriptor() = default;
     explicit FileDescriptor(int value) : m_value(value) {}

@@ -1,6 +1,8 @@
 #pragma once
 
 #include "common/infra/Defs.h"
+#include "common/infra/Export.h"
+#include "host/services/FileTunableValues.h"
 
 #include <array>
 #include <cstddef>
@@ -9,7 +11,7 @@
 enum class TunableKind { Flag, Number };
 
 // A tunable that can be in a file. A flag is 0 or 1.
-struct FileTunable {
+struct ANALYTICS_TAG FileTunable {
     const char* name;
     TunableKind kind;
     u32 least;
@@ -19,14 +21,10 @@ struct FileTunable {
     void (*set)(u32); // of a live one: does not fail
 };
 
-constexpr std::size_t fileTunableCount = 7;
 constexpr std::size_t firstBound = 3; // from here on strictly ascending
 
-// One value for each tunable that can be in a file.
-using FileTunableValues = std::array<u32, fileTunableCount>;
-
 // Those that are not live come first.
-extern const std::array<FileTunable, fileTunableCount> fileTunables;
+ANALYTICS_TAG extern const std::array<FileTunable, fileTunableCount> fileTunables;
 
-FileTunableValues fileTunablesInForce();
-std::string valueText(const FileTunable& tunable, u32 value);
+ANALYTICS_TAG FileTunableValues fileTunablesInForce();
+ANALYTICS_TAG std::string valueText(const FileTunable& tunable, u32 value);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/infra/Defs.h"
+#include "common/infra/Export.h"
 
 #include <algorithm>
 #include <array>
@@ -8,7 +9,7 @@
 
 // The buckets of a log-linear histogram of latencies: one for each nanosecond below 16, then 16 of
 // equal width for each power of two, up to 4.8 hours. What is longer is in the last one.
-class LatencyBuckets {
+class ANALYTICS_TAG LatencyBuckets {
 public:
     static constexpr std::size_t count = 656;
 
@@ -47,7 +48,8 @@ private:
 using LatencyHistogram = std::array<u64, LatencyBuckets::count>;
 
 // The latency that so many thousandths of all are not longer than, 0 if there are none.
-inline u64 percentileNs(const LatencyHistogram& histogram, u64 total, u64 thousandths) {
+ANALYTICS_TAG inline u64 percentileNs(const LatencyHistogram& histogram, u64 total,
+                                      u64 thousandths) {
     const u64 rank = total / 1000 * thousandths + (total % 1000 * thousandths + 999) / 1000;
     u64 seen = 0;
     for (std::size_t bucket = 0; bucket < histogram.size(); ++bucket) {

@@ -10,7 +10,7 @@
 
 // Latency limits in microseconds. A latency class holds what took up to its bound, the last one
 // what took longer. An I/O is slow if it took at least the threshold.
-struct StorageLimits {
+struct ANALYTICS_TAG StorageLimits {
     u32 threshold = 0;
     u32 bounds[4] = {};
 };
@@ -23,7 +23,7 @@ ANALYTICS_EXPORT StorageLimits liveStorageLimits();
 //
 // replace() writes the next of four places and then puts it in force, so it does not change the
 // place that a judge() reads. A judge() starts again only if three replacements came meanwhile.
-class LimitsInForce {
+class ANALYTICS_TAG LimitsInForce {
 public:
     struct Verdict {
         std::size_t latencyClass;

@@ -7,7 +7,7 @@
 #include <string_view>
 
 // What a LogItem hands over at a flush. Valid during the call only.
-struct LogRecord {
+struct ANALYTICS_TAG LogRecord {
     LogModule module;
     LogLevel level;
     const char* function; // lives as long as the process

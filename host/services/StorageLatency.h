@@ -17,7 +17,7 @@
 #include <functional>
 
 // The figures of a counting period.
-struct StoragePeriod {
+struct ANALYTICS_TAG StoragePeriod {
     StorageAnalyticsCounters counters;
     StorageLimits limits; // in force during the period
     u64 failedIos = 0;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/infra/Defs.h"
+#include "common/infra/Export.h"
 #include "common/infra/Timer.h"
 
 #include <cstddef>
@@ -9,7 +10,7 @@
 #include <vector>
 
 // A callback and the time at which it is due, in nanoseconds of the monotonic clock.
-struct Expiry {
+struct ANALYTICS_TAG Expiry {
     u64 dueNs;
     u64 order; // of arming; decides between equal due times
     ITimer::Callback callback;
@@ -35,7 +36,7 @@ struct Expiry {
 //     }
 //
 // Not synchronised.
-class TimerQueue {
+class ANALYTICS_TAG TimerQueue {
 public:
     // True if the new expiry is now the first to come. Throws std::bad_alloc, and adds nothing
     // then.

@@ -2,6 +2,7 @@
 
 #include "common/infra/DynamicTweaks.h"
 #include "common/infra/Log.h"
+#include "host/services/FileTunables.h"
 #include "host/services/Text.h"
 #include "host/services/TweaksFileWatch.h"
 #include "host/services/TweaksReading.h"

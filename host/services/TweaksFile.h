@@ -3,7 +3,7 @@
 #include "common/infra/Defs.h"
 #include "common/infra/Export.h"
 #include "common/infra/Tweaks.h"
-#include "host/services/FileTunables.h"
+#include "host/services/FileTunableValues.h"
 #include "host/services/TweaksFileError.h"
 
 #include <memory>
@@ -12,8 +12,8 @@
 #include <thread>
 #include <vector>
 
-class TweaksFileWatch;
-class TweaksReading;
+class ANALYTICS_TAG TweaksFileWatch;
+class ANALYTICS_TAG TweaksReading;
 
 // A TOML file whose top-level keys are tunables, without regard to letter case:
 //

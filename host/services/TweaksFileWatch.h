@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/infra/Export.h"
 #include "host/services/FileDescriptor.h"
 
 #include <filesystem>
@@ -14,7 +15,7 @@
 // left out. Other events in a watched folder wake the waiting thread and are ignored.
 //
 // One thread waits; any may call stop().
-class TweaksFileWatch {
+class ANALYTICS_TAG TweaksFileWatch {
 public:
     // Throws as renew() does.
     explicit TweaksFileWatch(std::string path);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/infra/Export.h"
 #include "common/infra/Tweaks.h"
 #include "host/services/FileTunables.h"
 
@@ -11,7 +12,7 @@
 
 // What a tunables file says: a regular file of at most 64 KiB, in lines of at most 1,024 bytes,
 // each of which holds one tunable at most.
-class TweaksReading {
+class ANALYTICS_TAG TweaksReading {
 public:
     // Reads the file and checks its tunables one by one. Throws TweaksFileError.
     explicit TweaksReading(std::string path);

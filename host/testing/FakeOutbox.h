@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/Analytics/AnalyticsParcel.h"
+#include "common/infra/Export.h"
 #include "common/infra/IParcelOutbox.h"
 #include "common/infra/TrackedAllocation.h"
 
@@ -11,7 +12,7 @@
 
 // An outbox that records every push and can be told to fail the next one. It has no bound. One
 // thread at a time.
-class FakeOutbox : public IParcelOutbox {
+class ANALYTICS_TAG FakeOutbox : public IParcelOutbox {
 public:
     // Whatever sequence the host's interface answers.
     using Parcels = decltype(std::declval<IParcelOutbox&>().popParcels(KEL_ANALYTICS));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/infra/DynamicTweaks.h"
+#include "common/infra/Export.h"
 #include "common/infra/Tweaks.h"
 #include "host/testing/FakeOutbox.h"
 #include "host/testing/FakeTimer.h"
@@ -9,7 +10,7 @@
 
 // Fakes of the services that the library calls, installed for the lifetime of the object: first the
 // memory tracker, so that the others give back what they hold to the tracker that it came from.
-struct FakeServices {
+struct ANALYTICS_TAG FakeServices {
     RecordingMemShield memShield;
     Installed<MemShield, MemShield> installedMemShield{memShield};
     FakeTimer timer;

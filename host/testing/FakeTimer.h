@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/infra/Export.h"
 #include "common/infra/Timer.h"
 
 #include <algorithm>
@@ -12,7 +13,7 @@
 //
 // The three time stamps tell one time in their units. Every other clock is ahead of it by a time of
 // its own, so that asking the wrong one shows.
-class FakeTimer : public ITimer {
+class ANALYTICS_TAG FakeTimer : public ITimer {
 public:
     struct Expiry {
         Callback callback;

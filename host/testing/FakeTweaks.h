@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/infra/Defs.h"
+#include "common/infra/Export.h"
 
 #include <map>
 #include <string>
@@ -9,4 +10,4 @@
 // tunables are a class without virtual operations, so the fake takes its place at link time: a
 // program that calls this gets Tweaks::uintVal() from analytics_fakes. All else of Tweaks is the
 // host's. One thread at a time.
-std::map<std::string, u32>& uintTweaks();
+ANALYTICS_TAG std::map<std::string, u32>& uintTweaks();

@@ -1,11 +1,12 @@
 #pragma once
 
+#include "common/infra/Export.h"
 #include "common/infra/Singleton.h"
 
 // Makes an object the process's instance of a service for the lifetime of a scope, then puts the
 // instance before it back.
 template <typename I, typename T>
-class Installed {
+class ANALYTICS_TAG Installed {
 public:
     explicit Installed(I& instance) : m_previous(Singleton<I, T>::setInstance(&instance)) {}
     ~Installed() { Singleton<I, T>::setInstance(m_previous); }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/infra/Export.h"
 #include "host/testing/RecordingLog.h"
 
 #include <regex>
@@ -10,19 +11,19 @@
 
 // What differs without meaning: where in its source a call stands ("Source.cpp 12",
 // "Source.cpp:12") becomes "Source.cpp N".
-inline std::string withoutLineNumbers(const std::string& text) {
+ANALYTICS_TAG inline std::string withoutLineNumbers(const std::string& text) {
     return std::regex_replace(text, std::regex("\\.cpp[ :][0-9]+"), ".cpp N");
 }
 
 // g++ and clang++ set blanks around '*' and '&' differently in a signature, and qualify nested
 // types differently.
-inline std::string commonSignature(const std::string& function) {
+ANALYTICS_TAG inline std::string commonSignature(const std::string& function) {
     const std::string plain = std::regex_replace(function, std::regex(" *([*&]) *"), "$1");
     return std::regex_replace(plain, std::regex("\\w+::Days\\b"), "Days");
 }
 
 // All lines together.
-inline std::string toText(const RecordingLog& log) {
+ANALYTICS_TAG inline std::string toText(const RecordingLog& log) {
     std::string result;
     for (const RecordingLog::Line& line : log.lines()) {
         result += std::string(toString(line.module)) + " " + toString(line.level) + " [" +
@@ -34,7 +35,7 @@ inline std::string toText(const RecordingLog& log) {
 
 // All lines together, shorter: the function's name stands for its signature, the detail is left
 // out, and the text is in quotes with its line ends escaped: kel info getNextSchedule "text \n".
-inline std::string toBriefText(const RecordingLog& log) {
+ANALYTICS_TAG inline std::string toBriefText(const RecordingLog& log) {
     std::string result;
     for (const RecordingLog::Line& line : log.lines()) {
         std::smatch name;
@@ -48,7 +49,8 @@ inline std::string toBriefText(const RecordingLog& log) {
 }
 
 // The text with a name in the place of an address.
-inline std::string withName(const std::string& text, const void* address, const std::string& name) {
+ANALYTICS_TAG inline std::string withName(const std::string& text, const void* address,
+                                          const std::string& name) {
     std::ostringstream digits;
     digits << address;
     return std::regex_replace(text, std::regex(digits.str()), name);

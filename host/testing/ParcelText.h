@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/Analytics/AnalyticsParcel.h"
+#include "common/infra/Export.h"
 
 #include <sstream>
 #include <string>
@@ -8,7 +9,7 @@
 // A parcel as one text to compare: the header, then each entry with the type of its map:
 //
 //     name/category/text/details account=1 priority=0 value=7 time=3600000 u32:cm1=5 u64:cd11=3600
-inline std::string toText(const AnalyticsParcel& parcel) {
+ANALYTICS_TAG inline std::string toText(const AnalyticsParcel& parcel) {
     std::ostringstream text;
     text << parcel.getEventName() << "/" << parcel.getCategory() << "/" << parcel.getText() << "/"
          << parcel.getDetails() << " account=" << parcel.getAccount()

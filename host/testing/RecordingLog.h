@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/infra/Export.h"
 #include "host/services/LogService.h"
 
 #include <algorithm>
@@ -11,7 +12,7 @@
 
 // Takes the place of the log's sink for its lifetime and keeps every line. Thread-safe; must
 // outlive the threads that log.
-class RecordingLog : public ILogSink {
+class ANALYTICS_TAG RecordingLog : public ILogSink {
 public:
     struct Line {
         LogModule module;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/infra/Export.h"
 #include "common/infra/MemShield.h"
 
 #include <algorithm>
@@ -19,7 +20,7 @@
 //
 // A block that is not alive at exactly that address is named "unknown block" and not released. One
 // thread at a time.
-class RecordingMemShield final : public MemShield {
+class ANALYTICS_TAG RecordingMemShield final : public MemShield {
 public:
     bool active = true;
     std::vector<std::string> calls;

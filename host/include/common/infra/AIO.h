@@ -10,7 +10,7 @@
 
 // The storage latency of one counting period. ("avr", "mabe" below and "Curent" in Timer.h are the
 // interface's own spelling.)
-struct StorageAnalyticsCounters {
+struct ANALYTICS_TAG StorageAnalyticsCounters {
     u32 latencyThreshold = 0;              // microseconds; the one in force during the period
     u32 storageLatency[5] = {};            // completed I/Os by latency class, fastest first
     u32 avrHighStorageLatencyDuration = 0; // milliseconds; mean over the high-latency episodes

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/infra/Export.h"
+
 #include <mutex>
 
 // Locks that clang checks (-Wthread-safety); another compiler sees the standard ones alone. To use
@@ -22,7 +24,7 @@
 // For what the analysis cannot follow, such as a function that leaves with a mutex held.
 #define ANALYTICS_UNCHECKED_LOCKS ANALYTICS_LOCK_ATTRIBUTE(no_thread_safety_analysis)
 
-class ANALYTICS_LOCK_ATTRIBUTE(capability("mutex")) CheckedMutex : public std::mutex {
+class ANALYTICS_TAG ANALYTICS_LOCK_ATTRIBUTE(capability("mutex")) CheckedMutex : public std::mutex {
 public:
     void lock() ANALYTICS_LOCK_ATTRIBUTE(acquire_capability()) ANALYTICS_UNCHECKED_LOCKS {
         std::mutex::lock();
@@ -35,7 +37,8 @@ public:
 };
 
 // Holds a mutex until its end or its unlock(). A std::condition_variable can wait with it.
-class ANALYTICS_LOCK_ATTRIBUTE(scoped_lockable) CheckedLock : public std::unique_lock<std::mutex> {
+class ANALYTICS_TAG ANALYTICS_LOCK_ATTRIBUTE(scoped_lockable) CheckedLock
+    : public std::unique_lock<std::mutex> {
 public:
     explicit CheckedLock(CheckedMutex& mutex) ANALYTICS_LOCK_ATTRIBUTE(acquire_capability(mutex))
         : std::unique_lock<std::mutex>(mutex) {}

@@ -10,7 +10,7 @@
 
 // The default of a typed lookup: `m_valid` says whether there is one.
 template <typename T>
-struct DefaultTweakValue {
+struct ANALYTICS_TAG DefaultTweakValue {
     DefaultTweakValue() = default;
     DefaultTweakValue(const T& value) : m_valid(true), m_value(value) {}
 
