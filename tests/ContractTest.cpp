@@ -5,6 +5,7 @@
 #include "host/services/MemLedger.h"
 #include "host/testing/FakeOutbox.h"
 #include "host/testing/FakeTimer.h"
+#include "tests/support/Action.h"
 
 #include <gtest/gtest-spi.h>
 
@@ -251,27 +252,22 @@ TEST(ContractKit, NamesEachBrokenPromise) {
 // once.
 TEST(FakeTimerTest, TimeGoesOnInCallbacksThatArmThrowAndMoveIt) {
     FakeTimer timer;
-    using Action = std::function<void()>;
-    const auto arm = [&](Action& action, u32 delayMs = 0, bool once = true) {
-        const auto call = [](ITimer::Cookie cookie) { (*reinterpret_cast<Action*>(cookie))(); };
-        timer.addTimer(call, reinterpret_cast<ITimer::Cookie>(&action), delayMs, once);
-    };
     std::string calls;
     const auto note = [&](const char* name) {
         calls += name + std::to_string(timer.getTimestampMs()) + " ";
     };
     Action tick = [&] { note("tick"); };
-    Action again = [&] { note("again"), calls.size() < 40 ? arm(again) : void(); };
+    Action again = [&] { note("again"), calls.size() < 40 ? arm(timer, again) : void(); };
     Action failing = [&] { throw std::runtime_error("out of paper"); };
-    Action moving = [&] { note("moving"), timer.advanceTo(20), arm(tick); };
-    arm(again);
+    Action moving = [&] { note("moving"), timer.advanceTo(20), arm(timer, tick); };
+    arm(timer, again);
     EXPECT_EQ(timer.advanceTo(9), 6);
-    arm(failing);
+    arm(timer, failing);
     EXPECT_THROW(timer.advance(0), std::runtime_error);
-    arm(moving), arm(tick, 3);
+    arm(timer, moving), arm(timer, tick, 3);
     EXPECT_EQ(timer.advanceTo(10), 1);
     EXPECT_THROW(timer.advanceTo(19), std::invalid_argument);
-    arm(tick, 0, false);
+    arm(timer, tick, 0, false);
     EXPECT_EQ(timer.advance(2), 4);
     EXPECT_EQ(calls, "again0 again1 again2 again3 again4 again5 moving9 tick12 tick20 tick21 "
                      "tick21 tick22 ");
