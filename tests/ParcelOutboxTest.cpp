@@ -85,6 +85,7 @@ TEST_F(ParcelOutboxTest, DropsTheOldest) {
     EXPECT_EQ(log.lines().size(), 1U) << "a pop of some ends no run";
     push(7, 8);
     EXPECT_EQ(popAll(), (Numbers{6, 7, 8}));
+    EXPECT_EQ(log.lines().size(), 4U) << "a pop of all ends a run";
     push(1, 4);
     pop(), pop(), pop();
     push(1, 5);
@@ -124,6 +125,7 @@ TEST_F(ParcelOutboxTest, ParcelsChangeHandsWithoutMemory) {
 
 TEST_F(ParcelOutboxTest, TheListenerHearsWhenSomethingIsHeldAgain) {
     int heard = 0;
+    outbox.emplace(1);
     outbox->setListener([&] { ++heard; });
     push(1, 4);
     popAll();
@@ -142,7 +144,7 @@ TEST_F(ParcelOutboxTest, EveryWaiterIsWokenOrAtItsLimit) {
     constexpr u32 rounds = 200;
     for (u32 round = 0; round <= rounds && !HasFailure(); ++round) {
         std::atomic<u32> begun{0};
-        const auto waits = startTogether(1 + round % 2, [&] {
+        const auto waits = startTogether(2 - round % 2, [&] {
             ++begun;
             EXPECT_EQ(outbox->waitForParcel(milliseconds::max()), round < rounds);
         });

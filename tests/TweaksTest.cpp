@@ -186,15 +186,16 @@ TEST_F(TweaksFileTest, FollowsTheWayToTheFile) {
         {WarnLevel, "put d; ln d/f b/f", "-> 8"},
         {ErrorLevel, "rm b/f; mkfifo b/f", "is not a regular file, expected a file of tunables"},
         {WarnLevel, "rm b/f; put b", "-> 10"},
+        {ErrorLevel, "rm b/f; ln -s f b/f", "(Too many levels of symbolic links)"},
         {ErrorLevel, "rm -r b", missing},
-        {WarnLevel, "put b", "-> 12"},
+        {WarnLevel, "put b", "-> 13"},
         {ErrorLevel, "put swap -; mv swap/f b/f",
          "/f:1: " + threshold +
-             ": is -13, expected a whole number from 0 to 4294967295; the values in force stay"},
-        {WarnLevel, "echo $T=12 > swap/f; mv swap/f b/f", "/f: as before"},
+             ": is -14, expected a whole number from 0 to 4294967295; the values in force stay"},
+        {WarnLevel, "echo $T=13 > swap/f; mv swap/f b/f", "/f: as before"},
         {InfoLevel, "(echo $I=60; echo $F=true; echo $T=4) > swap/f; mv swap/f b/f",
          "Sec 86400 -> 60 (at the next start), " + flag + " false -> true, " + threshold +
-             " 12 -> 4\n"}};
+             " 13 -> 4\n"}};
     int number = 0;
     for (const auto& [level, command, told] : rows) {
         log.clear();
