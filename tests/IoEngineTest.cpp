@@ -126,7 +126,10 @@ TEST_P(IoEngineTest, DataMovesInsideTheRegisteredMemoryAsOutside) {
         char* const below = memory.data();
         char* const registered = below + block;
         char* const above = registered + block;
+        const bool isRefused = GetParam() == Kind::IoUring && bytes > memory.size();
+        const RecordingLog log;
         open(file, 3, registered, bytes);
+        EXPECT_EQ(log.texts(InfoLevel).size(), isRefused ? 1U : 0U);
         std::vector<Io> ios; // more than the queue is deep, as one batch
         ios.push_back(makeIo(IoRequest::Write, 3 * block, above));
         ios.push_back(makeIo(IoRequest::Write, 5 * block, below));
@@ -179,7 +182,7 @@ TEST_P(IoEngineTest, ClosingWaitsForWhatWasSubmittedAndRefusesMore) {
     std::string read(10, ' ');
     std::vector<Io> ios;
     for (char& each : read) {
-        ios.push_back(makeIo(IoRequest::Read, 0, &each, 1));
+        ios.push_back(makeIo(IoRequest::Read, 0, &each, 1, 1));
     }
     ios.push_back(makeIo(IoRequest::NoOp));
     ASSERT_TRUE(submitAll(ios));
@@ -294,7 +297,7 @@ TEST(AvailableEngineTest, WhereIoUringIsRefusedThreadsServe) {
         {SYS_io_uring_setup, EPERM, "Operation not permitted", "kernel.io_uring_disabled=0"},
         {SYS_io_uring_setup, ENOSYS, "Function not implemented", "a kernel that has it"},
         {SYS_io_uring_setup, ENOMEM, "Cannot allocate memory", "ulimit -l"},
-        {SYS_io_uring_register, EACCES, "Permission denied", "admits io_uring_setup"},
+        {SYS_io_uring_register, EACCES, "Permission denied", "kernel.io_uring_disabled=0"},
         {SYS_io_uring_enter, EBUSY, "Device or resource busy", "at another time"},
         {SYS_io_uring_enter, EAGAIN, "temporarily unavailable", "at another time"}};
     const std::ptrdiff_t descriptors = entriesOf("/proc/self/fd");

@@ -57,6 +57,10 @@ TEST(TweaksTest, LooksUpByNameAndType) {
 'false' -7 -8 9 0
 'true' -7 -8 9 1
 '' -7 -8 9 1)");
+    for (const char* const part :
+         {"true or false", "a whole number of 32 bits", "a whole number of 64 bits"}) {
+        EXPECT_TRUE(holds(toText(log), std::string(" expected ") + part + "\n"));
+    }
     log.clear();
     tweaks.set("t_Name", "12 \n\x7f");
     DefaultTweakValue<u32> invalid(9);
