@@ -244,10 +244,15 @@ TEST_F(StorageLatencyTest, NothingIsLostBetweenReadingAndCounting) {
 }
 
 TEST(ThreadLaneTest, IsOneThreadsUntilItEnds) {
-    pthread_key_t key{}; // a thread that sets it takes a lane once more in its last destructors
-    ASSERT_EQ(pthread_key_create(&key, [](void*) { ThreadLane::mine(); }), 0);
     const unsigned int mine = ThreadLane::mine();
     EXPECT_LT(mine, ThreadLane::count);
+    static std::atomic<int> shared{0};
+    pthread_key_t key{}; // a thread that sets it takes a lane again once it has given one back
+    const auto takeAgain = [](void*) {
+        const unsigned int again = ThreadLane::mine();
+        shared += std::async(std::launch::async, ThreadLane::mine).get() == again ? 1 : 0;
+    };
+    ASSERT_EQ(pthread_key_create(&key, takeAgain), 0);
     for (unsigned int i = 0; i < 2 * ThreadLane::count; ++i) {
         std::thread([&] {
             EXPECT_LT(ThreadLane::mine(), ThreadLane::count);
@@ -256,6 +261,7 @@ TEST(ThreadLaneTest, IsOneThreadsUntilItEnds) {
         }).join();
     }
     EXPECT_EQ(ThreadLane::mine(), mine);
+    EXPECT_EQ(shared, 0);
     pthread_key_delete(key);
 }
 
