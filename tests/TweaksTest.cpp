@@ -21,6 +21,7 @@ using Texts = std::vector<std::string>;
 const std::string interval = "t_StorageAnalyticsIntervalSec";
 const std::string flag = "t_disablePeriodicAnalytics";
 const std::string threshold = "t_StorageAnalyticsLatencyThreshold";
+const std::string moderate = "t_StorageAnalyticsLatencyModerate";
 
 TEST(StringUtilsTest, SplitsAtEachSeparatorAndFindsWhateverTheLetterCase) {
     EXPECT_EQ(StringUtils::splitStr(",a,, b", ','), (Texts{"", "a", "", " b"}));
@@ -146,8 +147,9 @@ TEST_F(TweaksFileTest, RefusesABadFileAsAWhole) {
          {below + "Unknown=1", below + "IntervalSec=0", below + "IntervalSec=4294968",
           below + "IntervalSec=1.5", below + "LatencyFast=4294967296",
           below + R"(LatencyFast="\n")", below + "LatencyFast=5000", below + "LatencySlow=5000",
-          below + "LatencyVerySlow=9", flag + "=1", flag + "=true\nT_DISABLEPERIODICANALYTICS=true",
-          "\n" + flag, line, line + "#", full, full + "\n", times(30'000, "a.") + "b=1",
+          below + "LatencyVerySlow=9", below + "LatencyFast=9\n" + moderate + "=9", flag + "=1",
+          flag + "=true\nT_DISABLEPERIODICANALYTICS=true", "\n" + flag, line, line + "#", full,
+          full + "\n", times(30'000, "a.") + "b=1",
           times(60, "x=[{" + times(500, "a.") + "b=[\n")}) {
         messages += messageOf([&] { load(content); }) + "\n";
         EXPECT_FALSE(live.t_disablePeriodicAnalytics) << content;
@@ -163,6 +165,7 @@ TEST_F(TweaksFileTest, RefusesABadFileAsAWhole) {
 2: t_StorageAnalyticsLatencyFast: is 5000, expected less than t_StorageAnalyticsLatencyModerate, which is 5000
 2: t_StorageAnalyticsLatencySlow: is 5000, expected more than t_StorageAnalyticsLatencyModerate, which is 5000
 2: t_StorageAnalyticsLatencyVerySlow: is 9, expected more than t_StorageAnalyticsLatencySlow, which is 20000
+3: t_StorageAnalyticsLatencyModerate: is 9, expected more than t_StorageAnalyticsLatencyFast, which is 9
 1: t_disablePeriodicAnalytics: is 1, expected true or false
 2: t_disablePeriodicAnalytics: is in the file twice, expected once
 2: not TOML; expected a name and its value in one line
@@ -221,6 +224,9 @@ TEST_F(TweaksFileTest, FollowsTheWayToTheFile) {
     held << threshold << "=0" << std::flush;
     std::filesystem::permissions(folder / "b/f", std::filesystem::perms::owner_all);
     EXPECT_TRUE(log.waitFor("-> 0"));
+    held << "\n" << flag << "=true" << std::flush;
+    held.close();
+    EXPECT_TRUE(log.waitFor(flag + " false -> true"));
 }
 
 TEST_F(TweaksFileTest, IsAppliedAsAWholeWhenMemoryFails) {
