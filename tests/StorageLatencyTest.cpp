@@ -48,7 +48,7 @@ protected:
         }
     }
     std::string closed() {
-        const std::string text = toText(latency.closePeriod());
+        std::string text = toText(latency.closePeriod());
         EXPECT_EQ(toText(latency.closedPeriod()), text);
         return text;
     }

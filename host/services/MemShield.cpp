@@ -96,10 +96,10 @@ private:
         }
     }
 
-    template <void (CheckedMutex::*operation)()>
+    template <void (CheckedMutex::*Operation)()>
     static void onAll() ANALYTICS_UNCHECKED_LOCKS {
         for (Stripe& stripe : instance().m_stripes) {
-            (stripe.mutex.*operation)();
+            (stripe.mutex.*Operation)();
         }
     }
 
