@@ -5,12 +5,8 @@
 #include "tests/support/FailingMemory.h"
 #include "tests/support/Together.h"
 
-#include <gtest/gtest.h>
 #include <malloc.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
 
 namespace {
 
@@ -55,13 +51,14 @@ TEST_F(MemLedgerTest, ABadReleaseIsRefused) {
     std::string told = "\n";
     for (const std::uintptr_t address : {0UL, start + 1, start + 31, start + 32}) {
         void* const pointer = reinterpret_cast<void*>(address);
-        log.clear();
-        release(pointer);
-        MemLedger::setTracking(false);
-        release(pointer);
-        MemLedger::setTracking(true);
+        for (const bool tracking : {true, false}) {
+            MemLedger::setTracking(tracking);
+            release(pointer);
+        }
         told += withName(withName(toBriefText(log), pointer, "POINTER"), block, "BLOCK");
+        log.clear();
     }
+    MemLedger::setTracking(true);
     EXPECT_EQ(told, R"(
 common error verifyPtr " Bad release of block=POINTER at User.cc:12, which is left alone: expected the start of a block that is allocated and not yet released\n"
 common error freeAndCount " Bad release of block=POINTER (place unknown: tracking is off), which is left alone: expected the start of a block that is allocated and not yet released\n"
@@ -72,12 +69,14 @@ common error freeAndCount " Bad release of block=POINTER (place unknown: trackin
 common error verifyPtr " Bad release of block=POINTER at User.cc:12, which is left alone: expected the start of a block that is allocated and not yet released\n"
 common error freeAndCount " Bad release of block=POINTER (place unknown: tracking is off), which is left alone: expected the start of a block that is allocated and not yet released\n"
 )");
-    // A check that is not followed by its release leaves nothing behind.
+    // A check without its release leaves nothing behind, and nothing for another thread.
+    memShield.verifyPtr(released, "User.cc", 12);
+    std::thread([&] { memShield.freeAndUnregister(released, "User.cc", 12); }).join();
     memShield.verifyPtr(released, "User.cc", 12);
     memShield.verifyPtr(block, "User.cc", 12);
     memShield.freeAndUnregister(released, "User.cc", 12);
     memShield.freeAndUnregister(block, "User.cc", 13);
-    EXPECT_EQ(bad(), 10U);
+    EXPECT_EQ(bad(), 12U);
 }
 
 TEST_F(MemLedgerTest, ReportsLiveBlocksByTypeAndPlaceMostBytesFirst) {

@@ -8,8 +8,6 @@
 #include "tests/support/FailingMemory.h"
 #include "tests/support/Together.h"
 
-#include <gtest/gtest.h>
-
 #include <optional>
 
 namespace {
@@ -87,6 +85,7 @@ TEST_F(ParcelOutboxTest, DropsTheOldest) {
     EXPECT_EQ(log.lines().size(), 1U) << "a pop of some ends no run";
     push(7, 8);
     EXPECT_EQ(popAll(), (Numbers{6, 7, 8}));
+    EXPECT_EQ(log.lines().size(), 4U) << "a pop of all ends a run";
     push(1, 4);
     pop(), pop(), pop();
     push(1, 5);
@@ -96,11 +95,10 @@ TEST_F(ParcelOutboxTest, DropsTheOldest) {
     outbox.reset();
     const std::string begin = "common warn logBegin \" parcel outbox is full, the oldest parcels "
                               "are dropped: maxSize=3 \\n\"\n";
+    const std::string end = "common info logLength \" parcel outbox is no longer full: dropped=";
     std::string lines;
     for (const char* dropped : {"2", "1", "1", "2", "3"}) {
-        lines += begin +
-                 "common info logLength \" parcel outbox is no longer full: dropped=" + dropped +
-                 " \\n\"\n";
+        lines += begin + end + dropped + " \\n\"\n";
     }
     EXPECT_EQ(toBriefText(log), lines);
 }
@@ -116,7 +114,7 @@ TEST_F(ParcelOutboxTest, ParcelsChangeHandsWithoutMemory) {
     withoutMemory([&] { outbox->pushParcel(extra, analytics); });
     allocationsLeft = 0;
     EXPECT_THROW(outbox->popParcels(analytics), std::bad_alloc);
-    for (int parcel = 0; parcel < 3; ++parcel) { // ends the run
+    while (!outbox->isEmpty()) { // ends the run
         withoutMemory([&] { popped = outbox->popParcel(analytics); });
         consume({popped});
     }
@@ -127,6 +125,7 @@ TEST_F(ParcelOutboxTest, ParcelsChangeHandsWithoutMemory) {
 
 TEST_F(ParcelOutboxTest, TheListenerHearsWhenSomethingIsHeldAgain) {
     int heard = 0;
+    outbox.emplace(1);
     outbox->setListener([&] { ++heard; });
     push(1, 4);
     popAll();
@@ -138,37 +137,30 @@ TEST_F(ParcelOutboxTest, TheListenerHearsWhenSomethingIsHeldAgain) {
     EXPECT_EQ(heard, 2);
 }
 
-TEST_F(ParcelOutboxTest, AWaitHasALimit) {
+// With a push, or with a stop in the last round.
+TEST_F(ParcelOutboxTest, EveryWaiterIsWokenOrAtItsLimit) {
     EXPECT_FALSE(outbox->waitForParcel(milliseconds(1)));
     EXPECT_FALSE(outbox->waitForParcel(milliseconds::min()));
-    push(1, 1);
-    outbox->stopWaiting();
-    EXPECT_TRUE(outbox->waitForParcel());
-    pop();
-    EXPECT_FALSE(outbox->waitForParcel());
-}
-
-// With a push, or with a stop in the last round.
-TEST_F(ParcelOutboxTest, EveryWaiterIsWoken) {
     constexpr u32 rounds = 200;
     for (u32 round = 0; round <= rounds && !HasFailure(); ++round) {
         std::atomic<u32> begun{0};
-        const auto wait = [&](milliseconds limit) { return ++begun, outbox->waitForParcel(limit); };
-        std::vector<std::future<bool>> waits(1 + round % 2);
-        for (auto& each : waits) {
-            each = std::async(std::launch::async, wait, milliseconds::max());
-        }
-        for (u32 turn = 0; begun < waits.size() || turn < round;
-             ++turn) { // so that they mostly wait by then
-            std::this_thread::yield();
+        const auto waits = startTogether(2 - round % 2, [&] {
+            ++begun;
+            EXPECT_EQ(outbox->waitForParcel(milliseconds::max()), round < rounds);
+        });
+        for (u32 turn = 0; begun < waits.size() || turn < round; ++turn) {
+            std::this_thread::yield(); // so that they mostly wait by then
         }
         round < rounds ? push(round, round) : outbox->stopWaiting();
-        for (auto& each : waits) {
+        for (const auto& each : waits) {
             ASSERT_EQ(each.wait_for(std::chrono::seconds(10)), std::future_status::ready) << round;
-            EXPECT_EQ(each.get(), round < rounds);
         }
         EXPECT_EQ(popAll().size(), round < rounds ? 1U : 0U);
     }
+    push(1, 1);
+    EXPECT_TRUE(outbox->waitForParcel());
+    pop();
+    EXPECT_FALSE(outbox->waitForParcel());
 }
 
 // Takes in order what is held when the waiting has ended.
@@ -186,8 +178,8 @@ TEST_F(ParcelOutboxTest, NothingIsLostBetweenThreads) {
     Numbers next{0, pushes, 2 * pushes}; // the least that may come from each
     u64 popped = 0;
     for (; const auto parcel = takeParcel(); ++popped) {
-        const u64 value = parcel->getValue();
-        EXPECT_GE(value, std::exchange(next[value / pushes], value + 1));
+        u64& least = next[parcel->getValue() / pushes];
+        EXPECT_GE(parcel->getValue(), std::exchange(least, parcel->getValue() + 1));
     }
     threads.clear();
     EXPECT_EQ(counts(), (Numbers{3 * pushes, popped, 3 * pushes - popped, 0, 0}));

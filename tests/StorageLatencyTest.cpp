@@ -12,38 +12,32 @@
 #include <cmath>
 #include <map>
 #include <numeric>
-#include <sstream>
 
 namespace {
 
 constexpr u64 us = 1'000;
 constexpr u64 ms = 1'000'000;
 
-// The figures of a period but for those groups that are all zero. Its limits, if they are not
-// usual.
+// Nothing if all figures of the group are zero.
+template <typename... Figures>
+std::string group(const char* name, Figures... figures) {
+    return (u64{figures} | ...) == 0 ? "" : (name + ... + (std::to_string(figures) + " "));
+}
+
+// The limits, if they are not the usual ones.
 std::string toText(const StoragePeriod& period) {
     const StorageAnalyticsCounters& counters = period.counters;
     const u32(&ios)[5] = counters.storageLatency;
     const u32(&bounds)[4] = period.limits.bounds;
-    std::string text;
-    const auto add = [&](const char* name, const std::vector<u64>& figures) {
-        if (std::accumulate(figures.begin(), figures.end(), u64{0}) != 0) {
-            text += name;
-            for (const u64 figure : figures) {
-                text += std::to_string(figure) + " ";
-            }
-        }
-    };
-    add("classes ", {std::begin(ios), std::end(ios)});
-    add("us ", {period.p50Us, period.p90Us, period.p99Us, period.p999Us, period.maxUs});
-    add("failed ", {period.failedIos});
-    add("episodes ", {period.episodes, period.episodeSumMs, counters.avrHighStorageLatencyDuration,
-                      counters.maxHighStorageLatencyDuration}); // the sum, mean, longest in ms
-    add("ms ", {period.periodMs});
-    if (period.limits.threshold != 100) {
-        add("limits ", {counters.latencyThreshold, bounds[0], bounds[1], bounds[2], bounds[3]});
-    }
-    return text;
+    return group("classes ", ios[0], ios[1], ios[2], ios[3], ios[4]) +
+           group("us ", period.p50Us, period.p90Us, period.p99Us, period.p999Us, period.maxUs) +
+           group("failed ", period.failedIos) +
+           group("episodes ", period.episodes, period.episodeSumMs, // the sum, mean, longest in ms
+                 counters.avrHighStorageLatencyDuration, counters.maxHighStorageLatencyDuration) +
+           group("ms ", period.periodMs) +
+           (period.limits.threshold == 100 ? ""
+                                           : group("limits ", counters.latencyThreshold, bounds[0],
+                                                   bounds[1], bounds[2], bounds[3]));
 }
 
 class StorageLatencyTest : public testing::Test {
@@ -54,7 +48,7 @@ protected:
         }
     }
     std::string closed() {
-        const std::string text = toText(latency.closePeriod());
+        std::string text = toText(latency.closePeriod());
         EXPECT_EQ(toText(latency.closedPeriod()), text);
         return text;
     }
@@ -70,15 +64,15 @@ TEST_F(StorageLatencyTest, APeriodTellsWhatCompletedInIt) {
     io(5), latency.countFailedIo(50 * us);
     std::thread([&] { latency.countFailedIo(1 * us); }).join();
     EXPECT_EQ(closed(), "classes 1 0 0 0 0 us 5 5 5 5 5 failed 2 ");
-    io(0);
-    EXPECT_EQ(closed(), "classes 1 0 0 0 0 ");
-    for (const double roundedUp : {0.001, 0.992, 1.0}) {
-        io(roundedUp);
-        EXPECT_EQ(closed(), "classes 1 0 0 0 0 us 1 1 1 1 1 ") << roundedUp;
-    }
-    io(1.001);
-    EXPECT_EQ(closed(), "classes 1 0 0 0 0 us 2 2 2 2 2 ");
     EXPECT_EQ(closed(), "");
+    for (const auto& [latencyUs, told] : {std::pair(0.0, ""),
+                                          {0.001, "us 1 1 1 1 1 "},
+                                          {0.992, "us 1 1 1 1 1 "},
+                                          {1.0, "us 1 1 1 1 1 "},
+                                          {1.001, "us 2 2 2 2 2 "}}) {
+        io(latencyUs);
+        EXPECT_EQ(closed(), std::string("classes 1 0 0 0 0 ") + told);
+    }
 }
 
 // They are told as the middles of their buckets.
@@ -238,10 +232,8 @@ TEST_F(StorageLatencyTest, NothingIsLostBetweenReadingAndCounting) {
         if (i == 1'000) {
             threads.clear();
         }
-        limits = {i < 100 ? 100U : 1'000U, {10, 20, 30, 40}}; // at first all are slow
-        if (i % 3 == 0) {
-            limits = {limits.threshold, {1'000, 2'000, 3'000, 4'000}};
-        }
+        const u32 unit = i % 3 == 0 ? 1'000 : 10;
+        limits = {i < 100 ? 100U : 1'000U, {unit, 2 * unit, 3 * unit, 4 * unit}}; // first all slow
         const StoragePeriod period = latency.closePeriod();
         const u32(&ios)[5] = period.counters.storageLatency;
         total += std::accumulate(std::begin(ios), std::end(ios), period.failedIos);
@@ -254,21 +246,22 @@ TEST_F(StorageLatencyTest, NothingIsLostBetweenReadingAndCounting) {
 TEST(ThreadLaneTest, IsOneThreadsUntilItEnds) {
     const unsigned int mine = ThreadLane::mine();
     EXPECT_LT(mine, ThreadLane::count);
+    static std::atomic<int> shared{0};
+    pthread_key_t key{}; // a thread that sets it takes a lane again once it has given one back
+    const auto takeAgain = [](void*) {
+        const unsigned int again = ThreadLane::mine();
+        shared += std::async(std::launch::async, ThreadLane::mine).get() == again ? 1 : 0;
+    };
+    ASSERT_EQ(pthread_key_create(&key, takeAgain), 0);
     for (unsigned int i = 0; i < 2 * ThreadLane::count; ++i) {
-        const unsigned int others = std::async(std::launch::async, ThreadLane::mine).get();
-        EXPECT_LT(others, ThreadLane::count);
-        EXPECT_NE(others, mine);
+        std::thread([&] {
+            EXPECT_LT(ThreadLane::mine(), ThreadLane::count);
+            EXPECT_NE(ThreadLane::mine(), mine);
+            EXPECT_EQ(pthread_setspecific(key, &key), 0);
+        }).join();
     }
     EXPECT_EQ(ThreadLane::mine(), mine);
-}
-
-TEST(ThreadLaneTest, IsGivenBackThoughItWasTakenInAThreadsLastDestructors) {
-    pthread_key_t key{};
-    ASSERT_EQ(pthread_key_create(&key, [](void*) { ThreadLane::mine(); }), 0);
-    for (unsigned int i = 0; i < 2 * ThreadLane::count; ++i) {
-        std::thread([&] { EXPECT_EQ(pthread_setspecific(key, &key), 0); }).join();
-    }
-    EXPECT_LT(std::async(std::launch::async, ThreadLane::mine).get(), ThreadLane::count);
+    EXPECT_EQ(shared, 0);
     pthread_key_delete(key);
 }
 
@@ -276,47 +269,44 @@ TEST(AioTest, EveryWayOfCountingReachesTheProcess) {
     const RecordingLog log;
     AIO aio, unused, failing;
     const Installed<AIO, AIO> installed(aio);
+    const auto goodIos = [](const StorageAnalyticsCounters& counters) {
+        const u32(&ios)[5] = counters.storageLatency;
+        return std::accumulate(std::begin(ios), std::end(ios), 0U);
+    };
     StorageAnalyticsCounters counters;
     StorageLatency writes;
-    aio.countIo(~u64{0});
-    aio.countFailedIo(1);
-    failing.countFailedIo(1);
-    AIO::Measure{}; // NOLINT(bugprone-unused-raii)
-    for (const bool fails : {true, false, false}) {
+    const u64 startNs = monotonicNs();
+    for (const bool fails : {false, true, false}) {
         AIO::Measure io(writes);
+        for (StorageLatency* const each : {&aio.latency(), &writes}) {
+            EXPECT_GE(each->inFlight().oldestStartNs().value_or(0), startNs);
+            EXPECT_TRUE(each->hasCounted());
+        }
+        while (monotonicNs() < startNs + 2 * ms) {
+            std::this_thread::yield();
+        }
         if (fails) {
             io.failed();
         }
     }
-    EXPECT_EQ(writes.closePeriod().failedIos, 1U);
-    EXPECT_EQ(writes.closedPeriod().counters.storageLatency[0], 2U);
+    EXPECT_EQ(writes.inFlight().oldestStartNs(), std::nullopt);
+    const StoragePeriod ofWrites = writes.closePeriod();
+    EXPECT_TRUE(ofWrites.failedIos == 1 && goodIos(ofWrites.counters) == 2);
+    EXPECT_GE(ofWrites.maxUs, 1'900U);
+    EXPECT_LE(ofWrites.maxUs, (monotonicNs() - startNs) / us + 1);
+    aio.countIo(~u64{0});
+    aio.countFailedIo(1);
+    failing.countFailedIo(1);
+    AIO::Measure{}; // NOLINT(bugprone-unused-raii)
     for (AIO* const each : {&unused, &unused, &failing, &aio}) {
         each->mabeStorageLatencyAnalytics(counters);
     }
     EXPECT_EQ(aio.latency().closedPeriod().failedIos, 2U);
-    EXPECT_EQ(counters.storageLatency[0] + 10 * counters.storageLatency[4], 13U);
+    EXPECT_EQ(goodIos(counters), 4U);
     EXPECT_EQ(toBriefText(log),
               "common warn mabeStorageLatencyAnalytics \"no I/O was ever counted: "
               "code that makes I/Os counts them by AIO::countIo(), "
               "AIO::countFailedIo() or an AIO::Measure\\n\"\n");
-}
-
-TEST(AioTest, AMeasureIsInFlightWhileItLasts) {
-    AIO aio;
-    const Installed<AIO, AIO> installed(aio);
-    StorageLatency reads([] { return StorageLimits{1, {1, 2, 3, 4}}; });
-    const u64 startNs = monotonicNs();
-    {
-        const AIO::Measure io(reads);
-        while (monotonicNs() < startNs + 2 * ms) {
-            std::this_thread::yield();
-        }
-        EXPECT_GE(reads.closePeriod().episodeSumMs, 1U);
-        EXPECT_TRUE(aio.latency().hasCounted());
-    }
-    EXPECT_GE(reads.closePeriod().maxUs, 1'900U);
-    EXPECT_LE(reads.closedPeriod().maxUs, (monotonicNs() - startNs) / us + 1);
-    EXPECT_EQ(reads.inFlight().oldestStartNs(), std::nullopt);
 }
 
 } // namespace

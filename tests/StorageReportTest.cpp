@@ -17,20 +17,16 @@ protected:
     AIO aio;
     Installed<AIO, AIO> installedAio{aio};
     u64 nowNs = 1'000 * ms;
-    StorageLatency set{[] {
-                           return StorageLimits{9'000, {10, 20, 30, 40}};
-                       },
-                       [&] { return nowNs; }};
+    const StorageLimits limits{9'000, {10, 20, 30, 40}};
+    StorageLatency set{[&] { return limits; }, [&] { return nowNs; }};
     StorageSetGenerator generator{"StorageReadsParcel", "reads", set};
 };
 
 TEST_F(StorageReportTest, TheFinalizerAddsThePeriodThatTheReportClosed) {
-    const TrackedPtr<StorageReportFinalizer> finalizer(
-        TRACKED_NEW(StorageReportFinalizer)(TRACKED_NEW(StorageAnalyticsGenerator)()),
-        TRACKED_DELETE);
+    StorageReportFinalizer finalizer(TRACKED_NEW(StorageAnalyticsGenerator)());
     for (const u64 latencyUs : {3, 2}) { // each report has those of its own period
         aio.countIo(latencyUs * us);
-        const auto parcel = report(*finalizer);
+        const auto parcel = report(finalizer);
         EXPECT_EQ(parcel->getEventName(), "StoragePeriodicParcel");
         EXPECT_EQ(parcel->getU32Entries().at("cm1"), 1U);
         EXPECT_EQ(parcel->getU32Entries().at("maxUs"), latencyUs);
@@ -94,9 +90,8 @@ TEST_F(StorageReportTest, AReportThatMemoryFailsIsMadeByTheNextAttempt) {
     StorageReportFinalizer finalizer(TRACKED_NEW(StorageAnalyticsGenerator)());
     TrackedPtr<AnalyticsParcel> parcel(nullptr, TRACKED_DELETE);
     set.countIo(1);
-    for (IPeriodicAnalyticsParcelFinalizer* const each :
-         {static_cast<IPeriodicAnalyticsParcelFinalizer*>(&finalizer),
-          static_cast<IPeriodicAnalyticsParcelFinalizer*>(&generator)}) {
+    for (auto* const each :
+         std::initializer_list<IPeriodicAnalyticsParcelFinalizer*>{&finalizer, &generator}) {
         parcel.reset();
         const std::size_t owned = services.memShield.live();
         EXPECT_GT(failEachAllocation([&] { parcel = report(*each); },

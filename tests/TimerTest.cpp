@@ -2,13 +2,10 @@
 #include "host/services/Clock.h"
 #include "host/services/TimerQueue.h"
 #include "host/testing/RecordingLog.h"
+#include "tests/support/Action.h"
 #include "tests/support/FailingMemory.h"
+#include "tests/support/Files.h"
 
-#include <gtest/gtest.h>
-#include <sys/resource.h>
-
-#include <filesystem>
-#include <functional>
 #include <future>
 
 namespace {
@@ -78,14 +75,8 @@ TEST(TimerQueueTest, RearmingNeedsNoMemory) {
 
 class TimerTest : public testing::Test {
 protected:
-    using Action = std::function<void()>;
-
-    static ITimer::Cookie cookieOf(Action& action) {
-        return reinterpret_cast<ITimer::Cookie>(&action);
-    }
     void arm(Action& action, u32 delayMs = 0, bool once = true) {
-        const auto call = [](ITimer::Cookie cookie) { (*reinterpret_cast<Action*>(cookie))(); };
-        timer.addTimer(call, cookieOf(action), delayMs, once);
+        ::arm(timer, action, delayMs, once);
     }
     void expectDone() {
         ASSERT_EQ(done.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
@@ -170,9 +161,7 @@ TEST_F(TimerTest, HasOneThreadFromInitToStop) {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "the sanitizer starts a thread of its own with the first of the process";
 #endif
-    const auto threads = [] {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
-    };
+    const auto threads = [] { return entriesOf("/proc/self/task"); };
     const std::ptrdiff_t before = threads();
     timer.init();
     timer.init();

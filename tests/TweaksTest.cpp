@@ -6,25 +6,22 @@
 #include "host/testing/Installed.h"
 #include "host/testing/LogText.h"
 #include "tests/support/FailingMemory.h"
+#include "tests/support/Files.h"
 #include "tests/support/Together.h"
 
-#include <gtest/gtest.h>
+#include <fmt/format.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <optional>
-#include <regex>
-#include <sstream>
 
 namespace {
 
-namespace fs = std::filesystem;
 using Texts = std::vector<std::string>;
 
 const std::string interval = "t_StorageAnalyticsIntervalSec";
 const std::string flag = "t_disablePeriodicAnalytics";
 const std::string threshold = "t_StorageAnalyticsLatencyThreshold";
+const std::string moderate = "t_StorageAnalyticsLatencyModerate";
 
 TEST(StringUtilsTest, SplitsAtEachSeparatorAndFindsWhateverTheLetterCase) {
     EXPECT_EQ(StringUtils::splitStr(",a,, b", ','), (Texts{"", "a", "", " b"}));
@@ -61,6 +58,10 @@ TEST(TweaksTest, LooksUpByNameAndType) {
 'false' -7 -8 9 0
 'true' -7 -8 9 1
 '' -7 -8 9 1)");
+    for (const char* const part :
+         {"true or false", "a whole number of 32 bits", "a whole number of 64 bits"}) {
+        EXPECT_TRUE(holds(toText(log), std::string(" expected ") + part + "\n"));
+    }
     log.clear();
     tweaks.set("t_Name", "12 \n\x7f");
     DefaultTweakValue<u32> invalid(9);
@@ -85,34 +86,22 @@ protected:
     DynamicTweaks live;
     Installed<Tweaks, Tweaks> installedTweaks{tweaks};
     Installed<DynamicTweaks, DynamicTweaks> installedLive{live};
-    const fs::path folder = testing::TempDir() + "tweaks." + std::to_string(getpid());
+    const TempFolder folder;
     const std::string path = folder / "tweaks.toml";
     std::optional<TweaksFile> file;
-    const std::ptrdiff_t descriptors = openDescriptors();
+    const std::ptrdiff_t descriptors = entriesOf("/proc/self/fd");
 
-    void SetUp() override { fs::create_directory(folder); }
     void TearDown() override {
         file.reset();
-        EXPECT_EQ(openDescriptors(), descriptors);
-        fs::remove_all(folder);
+        EXPECT_EQ(entriesOf("/proc/self/fd"), descriptors);
     }
-    static std::ptrdiff_t openDescriptors() {
-        return std::distance(fs::directory_iterator("/proc/self/fd"), {});
-    }
-    void write(const std::string& content) { std::ofstream(path) << content; }
+    void write(const std::string& content) { folder.write("tweaks.toml", content); }
     void load(const std::string& content) {
         write(content);
         file.emplace(path);
         file->load();
     }
-    std::string refusal(const std::string& content) {
-        try {
-            load(content);
-            return "";
-        } catch (const TweaksFileError& error) {
-            return std::string(error.what()).substr(path.size() + 1); // behind "PATH:"
-        }
-    }
+    std::string told() { return std::regex_replace(toBriefText(log), std::regex(path), "PATH"); }
 };
 
 TEST_F(TweaksFileTest, LogsEachChange) {
@@ -128,7 +117,7 @@ t_StorageAnalyticsLatencyVerySlow = 4294967295
     file->load(); // changes nothing
     write("");
     file->load();
-    EXPECT_EQ("\n" + std::regex_replace(toBriefText(log), std::regex(path), "PATH"), R"(
+    EXPECT_EQ("\n" + told(), R"(
 common info load " PATH: t_StorageAnalyticsIntervalSec 86400 -> 4294967, t_disablePeriodicAnalytics false -> true, t_StorageAnalyticsLatencyThreshold 50000 -> 0, t_StorageAnalyticsLatencyFast 1000 -> 1, t_StorageAnalyticsLatencyModerate 5000 -> 2, t_StorageAnalyticsLatencySlow 20000 -> 3, t_StorageAnalyticsLatencyVerySlow 100000 -> 4294967295\n"
 common warn load " PATH: t_StorageAnalyticsIntervalSec 4294967 -> 86400 (not in the file: the default), t_disablePeriodicAnalytics true -> false (not in the file: the default), t_StorageAnalyticsLatencyThreshold 0 -> 50000 (not in the file: the default), t_StorageAnalyticsLatencyFast 1 -> 1000 (not in the file: the default), t_StorageAnalyticsLatencyModerate 2 -> 5000 (not in the file: the default), t_StorageAnalyticsLatencySlow 3 -> 20000 (not in the file: the default), t_StorageAnalyticsLatencyVerySlow 4294967295 -> 100000 (not in the file: the default)\n"
 )");
@@ -146,25 +135,27 @@ TEST_F(TweaksFileTest, APinnedValueStays) {
 TEST_F(TweaksFileTest, RefusesABadFileAsAWhole) {
     const auto times = [](int count, const std::string& part) {
         std::string all;
-        for (int i = 0; i < count; ++i) {
+        while (count-- > 0) {
             all += part;
         }
         return all;
     };
     const std::string line = times(1024, "#"), full = times(64, line.substr(1) + "\n");
     const std::string below = flag + "=true\nt_StorageAnalytics"; // a good line
-    std::string told = "\n";
+    std::string messages = "\n";
     for (const std::string& content :
          {below + "Unknown=1", below + "IntervalSec=0", below + "IntervalSec=4294968",
           below + "IntervalSec=1.5", below + "LatencyFast=4294967296",
           below + R"(LatencyFast="\n")", below + "LatencyFast=5000", below + "LatencySlow=5000",
-          below + "LatencyVerySlow=9", flag + "=1", flag + "=true\nT_DISABLEPERIODICANALYTICS=true",
-          "\n" + flag, line, line + "#", full, full + "\n", times(30'000, "a.") + "b=1",
+          below + "LatencyVerySlow=9", below + "LatencyFast=9\n" + moderate + "=9", flag + "=1",
+          flag + "=true\nT_DISABLEPERIODICANALYTICS=true", "\n" + flag, line, line + "#", full,
+          full + "\n", times(30'000, "a.") + "b=1",
           times(60, "x=[{" + times(500, "a.") + "b=[\n")}) {
-        told += refusal(content) + "\n";
+        messages += messageOf([&] { load(content); }) + "\n";
         EXPECT_FALSE(live.t_disablePeriodicAnalytics) << content;
     }
-    EXPECT_EQ(std::regex_replace(told, std::regex("not TOML: .*;"), "not TOML;"), R"(
+    messages = std::regex_replace(messages, std::regex("not TOML: .*;"), "not TOML;");
+    EXPECT_EQ(std::regex_replace(messages, std::regex(path + ":"), ""), R"(
 2: t_StorageAnalyticsUnknown: is not a tunable, expected one of t_StorageAnalyticsIntervalSec, t_disablePeriodicAnalytics, t_StorageAnalyticsLatencyThreshold, t_StorageAnalyticsLatencyFast, t_StorageAnalyticsLatencyModerate, t_StorageAnalyticsLatencySlow, t_StorageAnalyticsLatencyVerySlow
 2: t_StorageAnalyticsIntervalSec: is 0, expected a whole number from 1 to 4294967
 2: t_StorageAnalyticsIntervalSec: is 4294968, expected a whole number from 1 to 4294967
@@ -174,81 +165,68 @@ TEST_F(TweaksFileTest, RefusesABadFileAsAWhole) {
 2: t_StorageAnalyticsLatencyFast: is 5000, expected less than t_StorageAnalyticsLatencyModerate, which is 5000
 2: t_StorageAnalyticsLatencySlow: is 5000, expected more than t_StorageAnalyticsLatencyModerate, which is 5000
 2: t_StorageAnalyticsLatencyVerySlow: is 9, expected more than t_StorageAnalyticsLatencySlow, which is 20000
+3: t_StorageAnalyticsLatencyModerate: is 9, expected more than t_StorageAnalyticsLatencyFast, which is 9
 1: t_disablePeriodicAnalytics: is 1, expected true or false
 2: t_disablePeriodicAnalytics: is in the file twice, expected once
 2: not TOML; expected a name and its value in one line
-
+no error
 1: is too long, expected at most 1024 bytes
-
+no error
  is too long, expected at most 65536 bytes
 1: is too long, expected at most 1024 bytes
 1: not TOML; expected a name and its value in one line
 )");
 }
 
-TEST_F(TweaksFileTest, RefusesWhatIsNoFile) {
-    ASSERT_EQ(std::system(("mkfifo " + path).c_str()), 0);
-    for (const std::string& other : {path, folder.native()}) {
-        EXPECT_THROW(TweaksFile(other).load(), TweaksFileError) << other;
-    }
-}
-
-TEST_F(TweaksFileTest, FollowsTheFile) {
-    const std::string fresh = folder / "fresh";
-    load(threshold + "=1\n");
-    write(threshold + "=2\n"); // between load() and follow()
-    file->follow();
-    EXPECT_TRUE(log.waitFor("Threshold 1 -> 2"));
-    std::ofstream(fresh) << threshold << "=-3\n";
-    fs::rename(fresh, path);
-    EXPECT_TRUE(log.waitFor(":1: " + threshold +
-                            ": is -3, expected a whole number from 0 to "
-                            "4294967295; the values in force stay"));
-    write(threshold + "=2\n");
-    EXPECT_TRUE(log.waitFor(path + ": as before"));
-    write(threshold + "=4\n" + interval + "=60\n" + flag + "=true\n");
-    EXPECT_TRUE(log.waitFor("Sec 86400 -> 60 (at the next start), " + flag + " false -> true, " +
-                            threshold + " 2 -> 4\n"));
-    EXPECT_EQ(log.texts(ErrorLevel).size(), 1U);
-    EXPECT_EQ(log.texts(WarnLevel).size(), 1U); // the first after a refusal
-}
-
-// Each row changes what the path leads to in another way, as a shell does it.
+// Each row changes what the path leads to in another way, as a shell does it, and tells what is
+// logged then. The following begins after the second change. The first after a refusal is news.
 TEST_F(TweaksFileTest, FollowsTheWayToTheFile) {
     const std::string missing = "cannot be read (No such file or directory)";
-    const std::pair<const char*, std::string> rows[] = {
-        // and what is logged then
-        {"put a/..1; ln -s ..1 a/..data; ln -s ..data/f a/f; ln -s a current", "1"},
-        {"put a/..1", "-> 2"},
-        {"put a/..2; ln -s ..2 swap; mv -T swap a/..data", "-> 3"}, // as for a ConfigMap
-        {"put b; ln -s b swap; mv -T swap current", "-> 4"},
-        {"rm b/f", missing},
-        {"put c; ln -s ../c/f b/f", "-> 6"},
-        {"rm b/f", missing},
-        {"put d; ln d/f b/f", "-> 8"},
-        {"rm b/f; mkfifo b/f", "is not a regular file, expected a file of tunables"},
-        {"rm b/f; put b", "-> 10"},
-        {"rm -r b", missing},
-        {"put b", "-> 12"}};
+    const std::tuple<LogLevel, const char*, std::string> rows[] = {
+        {InfoLevel, "put a/..1; ln -s ..1 a/..data; ln -s ..data/f a/f; ln -s a current", "-> 1"},
+        {InfoLevel, "put a/..1", "-> 2"},
+        {InfoLevel, "put a/..2; ln -s ..2 swap; mv -T swap a/..data", "-> 3"}, // as a ConfigMap
+        {InfoLevel, "put b; ln -s b swap; mv -T swap current", "-> 4"},
+        {ErrorLevel, "rm b/f", missing},
+        {WarnLevel, "put c; ln -s ../c/f b/f", "-> 6"},
+        {ErrorLevel, "rm b/f", missing},
+        {WarnLevel, "put d; ln d/f b/f", "-> 8"},
+        {ErrorLevel, "rm b/f; mkfifo b/f", "is not a regular file, expected a file of tunables"},
+        {WarnLevel, "rm b/f; put b", "-> 10"},
+        {ErrorLevel, "rm b/f; ln -s f b/f", "(Too many levels of symbolic links)"},
+        {ErrorLevel, "rm -r b", missing},
+        {WarnLevel, "put b", "-> 13"},
+        {ErrorLevel, "put swap -; mv swap/f b/f",
+         "/f:1: " + threshold +
+             ": is -14, expected a whole number from 0 to 4294967295; the values in force stay"},
+        {WarnLevel, "echo $T=13 > swap/f; mv swap/f b/f", "/f: as before"},
+        {InfoLevel, "(echo $I=60; echo $F=true; echo $T=4) > swap/f; mv swap/f b/f",
+         "Sec 86400 -> 60 (at the next start), " + flag + " false -> true, " + threshold +
+             " 13 -> 4\n"}};
     int number = 0;
-    for (const auto& [command, told] : rows) {
+    for (const auto& [level, command, told] : rows) {
         log.clear();
-        const std::string value = std::to_string(++number);
-        const std::string put =
-            "put() { mkdir -p $1; echo " + threshold + "=" + value + " > $1/f; }";
-        ASSERT_EQ(std::system(("cd " + folder.native() + "; " + put + "; " + command).c_str()), 0);
-        if (!file) {
+        const std::string script =
+            fmt::format("cd {}; T={}; I={}; F={}; put() {{ mkdir -p $1; echo $T=$2{} > $1/f; }}; ",
+                        folder / "", threshold, interval, flag, ++number);
+        ASSERT_EQ(std::system((script + command).c_str()), 0);
+        if (number == 1) {
             file.emplace(folder / "current/f");
             file->load();
+        } else if (number == 2) {
             file->follow();
         }
         EXPECT_TRUE(log.waitFor(told)) << command;
+        EXPECT_FALSE(log.texts(level).empty()) << command;
     }
     log.clear();
     std::ofstream held(folder / "b/f"); // not closed yet
     held << threshold << "=0" << std::flush;
-    fs::permissions(folder / "b/f", fs::perms::owner_all);
+    std::filesystem::permissions(folder / "b/f", std::filesystem::perms::owner_all);
     EXPECT_TRUE(log.waitFor("-> 0"));
+    held << "\n" << flag << "=true" << std::flush;
+    held.close();
+    EXPECT_TRUE(log.waitFor(flag + " false -> true"));
 }
 
 TEST_F(TweaksFileTest, IsAppliedAsAWholeWhenMemoryFails) {

@@ -2,6 +2,7 @@
 
 #include "host/services/SpdlogSink.h"
 
+#include <array>
 #include <atomic>
 #include <cstdlib>
 
@@ -72,40 +73,14 @@ void LogService::drop(LogLevel level) noexcept {
 }
 
 const char* toString(LogLevel level) {
-    switch (level) {
-    case AssertLevel:
-        return "assert";
-    case FatalLevel:
-        return "fatal";
-    case ErrorLevel:
-        return "error";
-    case WarnLevel:
-        return "warn";
-    case InfoLevel:
-        return "info";
-    case DebugLevel:
-        return "debug";
-    case CtrLevel:
-        return "ctr";
-    case LongTermInfoLevel:
-        return "long-term-info";
-    case LevelsCount:
-        break;
-    }
-    return "unknown";
+    constexpr std::array names{"assert", "fatal", "error", "warn",
+                               "info",   "debug", "ctr",   "long-term-info"};
+    static_assert(names.size() == LevelsCount);
+    return level < LevelsCount ? names[level] : "unknown";
 }
 
 const char* toString(LogModule module) {
-    switch (module) {
-    case LogModuleKel:
-        return "kel";
-    case LogModuleQem:
-        return "qem";
-    case LogModuleCommon:
-        return "common";
-    case LogModuleInvalid:
-    case LogModulesCount:
-        break;
-    }
-    return "invalid";
+    constexpr std::array names{"invalid", "kel", "qem", "common"};
+    static_assert(names.size() == LogModulesCount);
+    return names[module < LogModulesCount ? module : LogModuleInvalid];
 }

@@ -11,10 +11,10 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <map>
+#include <memory>
 #include <new>
 #include <optional>
 #include <ostream>
@@ -39,8 +39,7 @@ class BlockTable {
 public:
     // Usable before main() and after it, because it is made at the first use and never destroyed.
     static BlockTable& instance() {
-        alignas(BlockTable) static std::array<std::byte, sizeof(BlockTable)> storage;
-        static auto* const table = new (storage.data()) BlockTable;
+        static auto* const table = new BlockTable;
         return *table;
     }
 
@@ -90,20 +89,16 @@ private:
 
     // fork() waits for every lock, so that the child finds each stripe whole and unlocked.
     BlockTable() {
-        if (pthread_atfork([] { instance().lockAll(); }, [] { instance().unlockAll(); },
-                           [] { instance().unlockAll(); }) != 0) {
+        if (pthread_atfork(onAll<&CheckedMutex::lock>, onAll<&CheckedMutex::unlock>,
+                           onAll<&CheckedMutex::unlock>) != 0) {
             throw std::bad_alloc();
         }
     }
 
-    void lockAll() ANALYTICS_UNCHECKED_LOCKS {
-        for (Stripe& stripe : m_stripes) {
-            stripe.mutex.lock();
-        }
-    }
-    void unlockAll() ANALYTICS_UNCHECKED_LOCKS {
-        for (Stripe& stripe : m_stripes) {
-            stripe.mutex.unlock();
+    template <void (CheckedMutex::*Operation)()>
+    static void onAll() ANALYTICS_UNCHECKED_LOCKS {
+        for (Stripe& stripe : instance().m_stripes) {
+            (stripe.mutex.*Operation)();
         }
     }
 
@@ -126,24 +121,6 @@ std::atomic<u64> badReleases{0};
 // block. Only a check and a release in one call could detect this.
 thread_local std::optional<const void*> reportedBlock;
 
-// The live block that the pointer points into, past its start.
-struct Surroundings {
-    const void* block = nullptr;
-    BlockInfo info{};
-};
-
-Surroundings findAround(const void* pointer) {
-    Surroundings found;
-    const auto address = reinterpret_cast<std::uintptr_t>(pointer);
-    BlockTable::instance().visit([&](const void* block, const BlockInfo& info) {
-        const auto start = reinterpret_cast<std::uintptr_t>(block);
-        if (address > start && address - start < info.size) {
-            found = {block, info};
-        }
-    });
-    return found;
-}
-
 // A release without a place has a null `file`.
 void reportBadRelease(const char* function, const void* block, const char* file,
                       unsigned int line) {
@@ -157,49 +134,16 @@ void reportBadRelease(const char* function, const void* block, const char* file,
     }
     item << ", which is left alone: expected the start of a block that is allocated and not yet "
             "released";
-    const Surroundings around = findAround(block);
-    if (around.block != nullptr) {
-        item << ", and this one points into the " << around.info.typeName << " at " << around.block
-             << ", allocated at " << around.info.file << ":" << around.info.line;
-    }
+    const auto address = reinterpret_cast<std::uintptr_t>(block);
+    BlockTable::instance().visit([&](const void* other, const BlockInfo& info) {
+        const auto start = reinterpret_cast<std::uintptr_t>(other);
+        if (address > start && address - start < info.size) {
+            item << ", and this one points into the " << info.typeName << " at " << other
+                 << ", allocated at " << info.file << ":" << info.line;
+        }
+    });
     item << std::endl;
 }
-
-// The totals of a report, and its places by their texts: equal ones may be different literals.
-class ReportBuilder {
-public:
-    void add(const BlockInfo& info) {
-        const auto key = std::make_tuple(std::string_view(info.typeName),
-                                         std::string_view(info.file), info.line);
-        MemReport::Place& place =
-            m_places.try_emplace(key, MemReport::Place{info.typeName, info.file, info.line, 0, 0})
-                .first->second;
-        ++place.blocks;
-        place.bytes += info.size;
-        ++m_report.liveBlocks;
-        m_report.liveBytes += info.size;
-    }
-
-    MemReport finish(u64 allocations) {
-        m_report.allocations = allocations;
-        m_report.releases = allocations - m_report.liveBlocks;
-        m_report.badReleases = badReleases.load(std::memory_order_relaxed);
-        for (const auto& [key, place] : m_places) {
-            m_report.places.push_back(place);
-        }
-        std::stable_sort(m_report.places.begin(), m_report.places.end(),
-                         [](const MemReport::Place& left, const MemReport::Place& right) {
-                             return left.bytes > right.bytes;
-                         });
-        return m_report;
-    }
-
-private:
-    using Key = std::tuple<std::string_view, std::string_view, unsigned int>;
-
-    MemReport m_report;
-    std::map<Key, MemReport::Place> m_places;
-};
 
 } // namespace
 
@@ -214,17 +158,12 @@ bool MemShield::isMemshieldActive() {
 
 void* MemShield::allocAndRegister(unsigned long size, unsigned long /*reserved*/,
                                   const char* typeName, const char* file, unsigned int line) {
-    void* block = std::malloc(size);
-    if (block == nullptr) {
+    std::unique_ptr<void, decltype(&std::free)> block(std::malloc(size), std::free);
+    if (!block) {
         throw std::bad_alloc();
     }
-    try {
-        BlockTable::instance().add(block, {size, typeName, file, line});
-    } catch (...) {
-        std::free(block);
-        throw;
-    }
-    return block;
+    BlockTable::instance().add(block.get(), {size, typeName, file, line});
+    return block.release();
 }
 
 void MemShield::verifyPtr(void* block, const char* file, unsigned int line) {
@@ -259,10 +198,23 @@ void MemLedger::setTracking(bool on) {
 }
 
 MemReport MemLedger::report() {
-    ReportBuilder builder;
-    const u64 allocations = BlockTable::instance().visit(
-        [&](const void*, const BlockInfo& info) { builder.add(info); });
-    return builder.finish(allocations);
+    using Text = std::string_view; // equal texts may be different literals
+    MemReport report;
+    std::map<std::tuple<Text, Text, unsigned int>, MemReport::Place> places;
+    report.allocations = BlockTable::instance().visit([&](const void*, const BlockInfo& info) {
+        MemReport::Place& place = places[{info.typeName, info.file, info.line}];
+        place = {info.typeName, info.file, info.line, place.blocks + 1, place.bytes + info.size};
+        ++report.liveBlocks;
+        report.liveBytes += info.size;
+    });
+    report.releases = report.allocations - report.liveBlocks;
+    report.badReleases = badReleases.load(std::memory_order_relaxed);
+    for (const auto& [key, place] : places) {
+        report.places.push_back(place);
+    }
+    std::stable_sort(report.places.begin(), report.places.end(),
+                     [](const auto& left, const auto& right) { return left.bytes > right.bytes; });
+    return report;
 }
 
 std::ostream& operator<<(std::ostream& out, const MemReport& report) {

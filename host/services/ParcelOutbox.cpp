@@ -13,11 +13,13 @@
 
 namespace {
 
-// Longer waits would leave the range of the clock.
+// Stands for no limit; longer waits would leave the range of the clock.
 constexpr std::chrono::milliseconds longestWait = std::chrono::hours(24) * 365 * 100;
 
 void destroy(IParcel* parcel) {
-    TRACKED_DELETE(static_cast<AnalyticsParcel*>(parcel));
+    if (parcel != nullptr) {
+        TRACKED_DELETE(static_cast<AnalyticsParcel*>(parcel));
+    }
 }
 
 // A queue in a block of fixed size, so that pushing allocates nothing and cannot fail.
@@ -94,19 +96,8 @@ struct ANALYTICS_HIDDEN ParcelOutbox::Impl {
     bool waitsAreOver ANALYTICS_GUARDED_BY(mutex) = false;
     std::function<void()> listener ANALYTICS_GUARDED_BY(mutex);
 
-    std::vector<IParcel*> takeAll() ANALYTICS_REQUIRES(mutex);
     IParcel* takeOldest(u64 Counts::*column);
-    template <typename Wait>
-    bool waitForParcel(Wait wait);
 };
-
-std::vector<IParcel*> ParcelOutbox::Impl::takeAll() {
-    std::vector<IParcel*> taken(parcels.size());
-    for (IParcel*& parcel : taken) {
-        parcel = parcels.pop();
-    }
-    return taken;
-}
 
 // Null if nothing is held. `column` is where the parcel is counted.
 IParcel* ParcelOutbox::Impl::takeOldest(u64 Counts::*column) {
@@ -121,17 +112,6 @@ IParcel* ParcelOutbox::Impl::takeOldest(u64 Counts::*column) {
 
     DropRun::logEnd(endedRun);
     return parcel;
-}
-
-// `wait` blocks on `changed`, and is false once its time is over.
-template <typename Wait>
-bool ParcelOutbox::Impl::waitForParcel(Wait wait) {
-    CheckedLock lock(mutex);
-    ++waiting;
-    while (!waitsAreOver && parcels.isEmpty() && wait(lock)) {
-    }
-    --waiting;
-    return !parcels.isEmpty();
 }
 
 ParcelOutbox::ParcelOutbox(u64 maxSize) : m_impl(std::make_unique<Impl>(maxSize)) {
@@ -166,9 +146,7 @@ RcStatus ParcelOutbox::pushParcel(IParcel* parcel, ParcelType type) {
     if (awaited) { // all of them: the one that is woken may not be the one that pops
         m_impl->changed.notify_all();
     }
-    if (full) {
-        destroy(dropped);
-    }
+    destroy(dropped);
     if (beginsRun) {
         DropRun::logBegin(m_impl->maxSize);
     }
@@ -185,7 +163,10 @@ std::vector<IParcel*> ParcelOutbox::popParcels(ParcelType type) {
     if (type != KEL_ANALYTICS) {
         return {};
     }
-    std::vector<IParcel*> taken = m_impl->takeAll();
+    std::vector<IParcel*> taken(m_impl->parcels.size());
+    for (IParcel*& parcel : taken) {
+        parcel = m_impl->parcels.pop();
+    }
     m_impl->counts.popped += taken.size();
     const u64 endedRun = m_impl->run.end();
     lock.unlock();
@@ -210,26 +191,24 @@ u64 ParcelOutbox::getMaxSize() const {
 // One by one, since the destructor must not need memory for a list of them.
 void ParcelOutbox::freeAndRemoveAllParcels() {
     for (u64 left = size(); left > 0; --left) {
-        if (IParcel* parcel =
-                m_impl->takeOldest(&Counts::freed)) { // another thread may have taken some
-            destroy(parcel);
-        }
+        destroy(m_impl->takeOldest(&Counts::freed)); // null if another thread has taken some
     }
 }
 
 bool ParcelOutbox::waitForParcel(std::chrono::milliseconds limit) {
     const auto end = std::chrono::steady_clock::now() +
                      std::clamp(limit, std::chrono::milliseconds(0), longestWait);
-    return m_impl->waitForParcel([&](CheckedLock& lock) {
-        return m_impl->changed.wait_until(lock, end) == std::cv_status::no_timeout;
-    });
+    CheckedLock lock(m_impl->mutex);
+    ++m_impl->waiting;
+    while (!m_impl->waitsAreOver && m_impl->parcels.isEmpty() &&
+           m_impl->changed.wait_until(lock, end) == std::cv_status::no_timeout) {
+    }
+    --m_impl->waiting;
+    return !m_impl->parcels.isEmpty();
 }
 
 bool ParcelOutbox::waitForParcel() {
-    return m_impl->waitForParcel([this](CheckedLock& lock) {
-        m_impl->changed.wait(lock);
-        return true;
-    });
+    return waitForParcel(longestWait);
 }
 
 void ParcelOutbox::stopWaiting() {

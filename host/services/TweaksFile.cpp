@@ -25,17 +25,6 @@ void set(const FileTunableValues& before, const FileTunableValues& after) {
     }
 }
 
-// Whether a value changes because the file no longer names the tunable.
-bool isReset(const TweaksReading& reading, const FileTunableValues& before,
-             const FileTunableValues& after) {
-    for (std::size_t i = 0; i < after.size(); ++i) {
-        if (after[i] != before[i] && !reading.names(i)) {
-            return true;
-        }
-    }
-    return false;
-}
-
 } // namespace
 
 TweaksFileError::TweaksFileError(const std::string& message)
@@ -58,11 +47,12 @@ void TweaksFile::load() {
     const TweaksReading reading(m_path);
     CheckedLock lock(DynamicTweaks::instance()->together);
     const FileTunableValues before = fileTunablesInForce();
-    const FileTunableValues after = reading.resolve(unnamed(before), m_pinned);
-    const std::string changes = describe(reading, before, after);
+    const FileTunableValues after = reading.resolve(m_defaults, before, m_pinned);
+    bool isNews = m_refused;
+    const std::string changes = describe(reading, before, after, isNews);
     set(before, after);
     lock.unlock();
-    const bool isNews = std::exchange(m_refused, false) || isReset(reading, before, after);
+    m_refused = false;
     if (isNews || !changes.empty()) {
         LogItem(LogModuleCommon, isNews ? WarnLevel : InfoLevel, __PRETTY_FUNCTION__, 3)
             << " " << m_shownPath << ": " << (changes.empty() ? "as before" : changes.c_str())
@@ -72,27 +62,21 @@ void TweaksFile::load() {
 
 void TweaksFile::follow() {
     m_watch = std::make_unique<TweaksFileWatch>(m_path);
-    m_thread = std::thread(&TweaksFile::followChanges, this);
-}
-
-// The values of tunables that the file does not name or that are pinned.
-FileTunableValues TweaksFile::unnamed(const FileTunableValues& inForce) const {
-    FileTunableValues values = m_defaults;
-    for (std::size_t i = 0; i < values.size(); ++i) {
-        if (m_pinned.count(fileTunables[i].name) != 0) {
-            values[i] = inForce[i];
+    m_thread = std::thread([this] {
+        while (followNext()) {
         }
-    }
-    return values;
+    });
 }
 
-// What changes, for the log; empty if nothing does.
+// What changes, for the log; empty if nothing does. Sets `isReset` if a value changes because the
+// file no longer names the tunable.
 std::string TweaksFile::describe(const TweaksReading& reading, const FileTunableValues& before,
-                                 const FileTunableValues& after) const {
+                                 const FileTunableValues& after, bool& isReset) const {
     std::string changes;
     for (std::size_t i = 0; i < after.size(); ++i) {
         const FileTunable& tunable = fileTunables[i];
         if (after[i] != before[i]) {
+            isReset = isReset || !reading.names(i);
             changes += fmt::format("{}{} {} -> {}{}{}", changes.empty() ? "" : ", ", tunable.name,
                                    valueText(tunable, before[i]), valueText(tunable, after[i]),
                                    reading.names(i) ? "" : " (not in the file: the default)",
@@ -100,11 +84,6 @@ std::string TweaksFile::describe(const TweaksReading& reading, const FileTunable
         }
     }
     return changes;
-}
-
-void TweaksFile::followChanges() {
-    while (followNext()) {
-    }
 }
 
 // Waits for a change and loads the file. False after the watch's stop().

@@ -55,11 +55,9 @@ public:
     void follow();
 
 private:
-    void followChanges();
     bool followNext();
-    FileTunableValues unnamed(const FileTunableValues& inForce) const;
     std::string describe(const TweaksReading& reading, const FileTunableValues& before,
-                         const FileTunableValues& after) const;
+                         const FileTunableValues& after, bool& isReset) const;
 
     const std::string m_path;
     const std::string m_shownPath;

@@ -26,7 +26,7 @@ constexpr int maxLinks = 40; // as in the kernel's own lookup
 
 // Of the folders on the way.
 constexpr u32 wayEvents = IN_ATTRIB | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
-                          IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_MASK_ADD;
+                          IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 // Of the file's own folder. Single writes are left out: the file is not whole until it is closed.
 constexpr u32 fileEvents = wayEvents | IN_CLOSE_WRITE;
 

@@ -58,9 +58,15 @@ std::string readFile(const std::string& path) {
     return content;
 }
 
-bool isSameName(std::string_view left, std::string_view right) {
-    return std::equal(left.begin(), left.end(), right.begin(), right.end(),
-                      [](char a, char b) { return lowerCase(a) == lowerCase(b); });
+// Of the tunable, whatever the letter case; fileTunableCount if it is none.
+std::size_t indexOf(std::string_view name) {
+    const auto isSame = [](char left, char right) { return lowerCase(left) == lowerCase(right); };
+    const auto isNamed = [&](const FileTunable& tunable) {
+        const std::string_view other = tunable.name;
+        return std::equal(name.begin(), name.end(), other.begin(), other.end(), isSame);
+    };
+    return static_cast<std::size_t>(
+        std::find_if(fileTunables.begin(), fileTunables.end(), isNamed) - fileTunables.begin());
 }
 
 // "is not a tunable, expected one of ..."
@@ -116,12 +122,12 @@ TweaksReading::TweaksReading(std::string path) : m_path(std::move(path)) {
 }
 
 FileTunableValues
-TweaksReading::resolve(const FileTunableValues& defaults,
+TweaksReading::resolve(const FileTunableValues& defaults, const FileTunableValues& inForce,
                        const std::set<std::string, CaseInsensitiveLess>& pinned) const {
-    FileTunableValues values = defaults;
+    FileTunableValues values = inForce;
     for (std::size_t i = 0; i < values.size(); ++i) {
-        if (m_entries[i] && pinned.count(fileTunables[i].name) == 0) {
-            values[i] = m_entries[i]->value;
+        if (pinned.count(fileTunables[i].name) == 0) {
+            values[i] = m_entries[i] ? m_entries[i]->value : defaults[i];
         }
     }
     for (std::size_t i = firstBound + 1; i < values.size(); ++i) {
@@ -137,33 +143,25 @@ TweaksReading::resolve(const FileTunableValues& defaults,
 void TweaksReading::addLine(u32 line, std::string_view text) {
     try {
         for (auto&& [key, node] : toml::parse(text)) {
-            const std::string_view name = key.str();
-            const auto* const found =
-                std::find_if(fileTunables.begin(), fileTunables.end(),
-                             [&](const auto& tunable) { return isSameName(tunable.name, name); });
-            if (found == fileTunables.end()) {
-                fail(line, fmt::format("{}: {}", name, notATunable()));
+            const std::size_t index = indexOf(key.str());
+            if (index == fileTunableCount) {
+                fail(line, fmt::format("{}: {}", key.str(), notATunable()));
             }
-            const std::optional<u32> value = valueOf(*found, node);
+            const FileTunable& tunable = fileTunables[index];
+            const std::optional<u32> value = valueOf(tunable, node);
             if (!value) {
-                fail(line, fmt::format("{}: {}, expected {}", found->name, describe(node),
-                                       expectation(*found)));
+                fail(line, fmt::format("{}: {}, expected {}", tunable.name, describe(node),
+                                       expectation(tunable)));
             }
-            add(line, *found, *value);
+            if (names(index)) {
+                fail(line, fmt::format("{}: is in the file twice, expected once", tunable.name));
+            }
+            m_entries[index] = Entry{*value, line};
         }
     } catch (const toml::parse_error& error) {
         fail(line, fmt::format("not TOML: {}; expected a name and its value in one line",
                                error.description()));
     }
-}
-
-void TweaksReading::add(u32 line, const FileTunable& tunable, u32 value) {
-    std::optional<Entry>& entry =
-        m_entries[static_cast<std::size_t>(&tunable - fileTunables.data())];
-    if (entry) {
-        fail(line, fmt::format("{}: is in the file twice, expected once", tunable.name));
-    }
-    entry = Entry{value, line};
 }
 
 void TweaksReading::fail(u32 line, std::string_view problem) const {
@@ -172,11 +170,10 @@ void TweaksReading::fail(u32 line, std::string_view problem) const {
 
 // The bounds at `lower` and above it, at least one of them in the file, are out of order.
 void TweaksReading::failOrder(std::size_t lower, const FileTunableValues& values) const {
-    const bool namesUpper = names(lower + 1);
-    const std::size_t named = namesUpper ? lower + 1 : lower;
-    const std::size_t other = namesUpper ? lower : lower + 1;
+    const std::size_t named = names(lower + 1) ? lower + 1 : lower;
+    const std::size_t other = named == lower ? lower + 1 : lower;
     fail(m_entries[named]->line,
          fmt::format("{}: is {}, expected {} than {}, which is {}", fileTunables[named].name,
-                     values[named], namesUpper ? "more" : "less", fileTunables[other].name,
+                     values[named], named > other ? "more" : "less", fileTunables[other].name,
                      values[other]));
 }

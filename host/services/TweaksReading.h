@@ -20,9 +20,9 @@ public:
     // Whether the file has the tunable.
     bool names(std::size_t tunable) const { return m_entries[tunable].has_value(); }
 
-    // The values to apply, where `defaults` fills what is not in the file or is pinned. Throws
-    // TweaksFileError if they do not fit together.
-    FileTunableValues resolve(const FileTunableValues& defaults,
+    // The values to apply: what is in force for a pinned tunable, the default for one that the file
+    // does not name. Throws TweaksFileError if they do not fit together.
+    FileTunableValues resolve(const FileTunableValues& defaults, const FileTunableValues& inForce,
                               const std::set<std::string, CaseInsensitiveLess>& pinned) const;
 
 private:
@@ -32,7 +32,6 @@ private:
     };
 
     void addLine(u32 line, std::string_view text);
-    void add(u32 line, const FileTunable& tunable, u32 value);
     [[noreturn]] void fail(u32 line, std::string_view problem) const;
     [[noreturn]] void failOrder(std::size_t lower, const FileTunableValues& values) const;
 

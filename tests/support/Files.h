@@ -17,6 +17,12 @@ inline std::string readFile(const std::string& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+// How many files and folders a folder holds: of this process the open descriptors, in
+// "/proc/self/fd", or the threads, in "/proc/self/task".
+inline std::ptrdiff_t entriesOf(const std::string& folder) {
+    return std::distance(std::filesystem::directory_iterator(folder), {});
+}
+
 // A folder that goes with its test.
 class TempFolder {
 public:
