@@ -32,7 +32,7 @@ constexpr std::array<LatencyClass, classCount> latencyClasses = {{
 
 constexpr std::size_t nameWidth = 20;
 constexpr std::size_t mostHosts = 10;
-constexpr std::size_t mostLines = 10; // of gaps, and of other things that may be many
+constexpr std::size_t mostLines = 10; // of gaps, clock steps and changes of the limits
 
 // The character that begins the text, and how many columns it takes.
 struct Character {
@@ -98,19 +98,19 @@ Fitted fitted(std::string_view text, std::size_t width) {
     return whole;
 }
 
-// Cut where it is too wide, filled up where it is not.
+// The text cut or filled up to `width` columns.
 std::string column(std::string_view text, std::size_t width) {
     const Fitted fit = fitted(text, width);
     return fit.text + std::string(width - fit.columns, ' ');
 }
 
 std::string marks(double share, u64 count, double width) {
-    // An I/O is an I/O: what is not empty shows at least one mark.
+    // A class with at least one I/O shows at least one mark.
     const auto number = static_cast<std::size_t>(share * width + 0.5);
     return std::string(count == 0 ? 0 : std::max<std::size_t>(number, 1), '#');
 }
 
-// "99.3 %"; what is more than nothing does not look like nothing.
+// "99.3 %". A share above zero is never shown as 0.
 std::string percent(double share, u64 count) {
     return count > 0 && share < 0.0005 ? "<0.1 %" : fmt::format("{:.1f} %", 100 * share);
 }
@@ -120,8 +120,8 @@ void writeTitle(Out out, std::string_view title, bool inColour) {
     fmt::format_to(out, "{}\n", fmt::format(style, "{}", title));
 }
 
-std::string counted(u64 count, const char* what) {
-    return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
+std::string counted(u64 count, std::string_view what) {
+    return fmt::format("{} {}{}", count, what, count == 1 ? "" : what.back() == 's' ? "es" : "s");
 }
 
 void writeHead(Out out, const Figures& figures, bool inColour) {
@@ -158,11 +158,8 @@ void writeLatencies(Out out, const Totals& totals) {
     const auto& us = totals.percentilesUs;
     fmt::format_to(out, "  worst period: p50 {}  p90 {}  p99 {}  p99.9 {}\n", latencyText(us[P50]),
                    latencyText(us[P90]), latencyText(us[P99]), latencyText(us[P999]));
-    const double mean = totals.episodes == 0 ? 0
-                                             : static_cast<double>(totals.episodeSumMs) /
-                                                   static_cast<double>(totals.episodes);
     fmt::format_to(out, "  high-latency episodes: {}, mean {}, longest {}\n", totals.episodes,
-                   durationText(mean), durationText(totals.longestEpisodeMs));
+                   durationText(totals.meanEpisodeMs()), durationText(totals.longestEpisodeMs));
 }
 
 void writeRow(Out out, std::string_view name, const Totals& totals) {
@@ -272,7 +269,7 @@ std::string gapText(const GapLine& line) {
                                           readableText(line.gap.afterMs), before);
 }
 
-// The first of what may be many.
+// The first ten lines, and how many follow.
 template <typename Values, typename Text>
 void writeFirst(Out out, const Values& values, Text textOfOne) {
     const std::size_t count = std::min(mostLines, values.size());
