@@ -41,10 +41,18 @@ struct Character {
     std::size_t width = 1;
 };
 
+// Whether a character beyond ASCII controls a terminal or the direction of writing. Below 0x80 it
+// is a longer encoding than it should have.
 bool steers(u32 code) {
-    return (code >= 0x80 && code < 0xa0) || (code >= 0x200b && code <= 0x200f) ||
+    return code < 0xa0 || (code >= 0x200b && code <= 0x200f) ||
            (code >= 0x2028 && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069) ||
            code == 0xfeff;
+}
+
+bool areContinuations(std::string_view bytes) {
+    return std::all_of(bytes.begin(), bytes.end(), [](char byte) {
+        return (static_cast<unsigned char>(byte) & 0xc0U) == 0x80U;
+    });
 }
 
 u32 codeOf(std::string_view bytes) {
@@ -63,10 +71,10 @@ Character firstOf(std::string_view text) {
         return {safe, 1, safe.size()};
     }
     const std::size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
-    if (lead < 0xc0 || length > text.size()) {
+    const std::string_view bytes = text.substr(0, length);
+    if (lead < 0xc0 || bytes.size() < length || !areContinuations(bytes.substr(1))) {
         return {"?", 1, 1};
     }
-    const std::string_view bytes = text.substr(0, length);
     const u32 code = codeOf(bytes);
     if (steers(code)) {
         return {"?", length, 1};
@@ -229,10 +237,15 @@ void writeSets(Out out, const Figures& figures, bool inColour) {
 }
 
 void writeMaxima(Out out, const Figures& figures, bool inColour) {
+    if (figures.totals.reports == 0 && figures.maxima.empty()) {
+        return;
+    }
     fmt::format_to(out, "\n");
     writeTitle(out, "Maxima", inColour);
-    fmt::format_to(out, "  longest I/O in a report: {}\n",
-                   latencyText(figures.totals.percentilesUs[Max]));
+    if (figures.totals.reports > 0) {
+        fmt::format_to(out, "  longest I/O in a report: {}\n",
+                       latencyText(figures.totals.percentilesUs[Max]));
+    }
     for (const auto& [name, maximum] : figures.maxima) {
         fmt::format_to(out, "  {} = {}  ({})\n", shown(name, 24), maximum.value,
                        shown(maximum.host, 24));
@@ -323,9 +336,9 @@ std::string textOf(const Figures& figures, bool inColour) {
         writeLatencies(out, figures.totals);
         writePeriods(out, figures, inColour);
         writeHosts(out, figures, inColour);
-        writeSets(out, figures, inColour);
-        writeMaxima(out, figures, inColour);
     }
+    writeSets(out, figures, inColour);
+    writeMaxima(out, figures, inColour);
     writeAccount(out, figures, inColour);
     writeRecords(out, figures, inColour);
     return text;

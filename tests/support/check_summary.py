@@ -325,6 +325,24 @@ def check_fleet():
     for arguments, text in ([], ALL), (["--host", "db", "--step=5m"], DB_ALONE), (
             ["--since", "2026-11-23T12:10", "--until", "2026-11-23 12:11:01.000Z", "--host=db", "--host=web"], PART):
         same(f"summary with {arguments}", run(*arguments, FILE), (0, text, ""))
+    same("summary of no records", run("--since=2027-01-01", FILE)[1], "Storage latency\n  no records in this time\n"
+         + ALL[ALL.index("\nAccount"):ALL.index("  host db: limits")])
+    sums = run("--since=2026-11-23T12:11", "--until=2026-11-23T12:11:01.001", "--host=web", FILE)[1]
+    same("summary without a report of a whole process", sums[:sums.index("\nAccount")], """\
+Storage latency
+  2026-11-23 12:11:00 to 2026-11-23 12:11:01 UTC, 1 s
+  1 host, 1 boot, 0 reports
+
+Sets, which are parts of the above
+  set                            I/Os     slow                   p99   episode
+  reads                             5   60.0 %  ######          3 us      0 ms
+  writes                            0    0.0 %                  0 us      0 ms
+
+Maxima
+  deepestQueue = 7  (web)
+  longestIoUs = 5  (web)
+""")
+    same("periods of single seconds", [(line["from"], line["to"]) for line in figures("--step=1s", FILE)["periods"]][:2], [(at(0), at(2)), (at(2), at(4))])
     got = figures(FILE)
     same("names of the figures", list(got), list(JSON))
     for name in JSON:
@@ -341,6 +359,20 @@ def check_steps():
         same(f"step for {seconds} s, {period_ms} ms", figures("steps.jsonl")["stepMs"], step_ms)
 
 
+def check_boundaries():
+    """What is just a step of the clock, what is just an eviction, and what has no slow I/O."""
+    file = FOLDER / "boundary.jsonl"
+    for ahead in (1999, 2000, -1999, -2000):
+        file.write_bytes(report("h b", 1, 0, (1, 0, 0, 0, 0)) + report("h b", 2, 60, (1, 0, 0, 0, 0), ahead=ahead))
+        same(f"clock set by {ahead}", [step["byMs"] for step in figures(file)["clockSteps"]], [2000] if abs(ahead) == 2000 else [])
+    same("no slow I/O", (figures(file)["worstTenMinutes"], "worst 10 min" in run(file)[1], "Over time" in run(file)[1]), (None, False, True))
+    for first, last, count, expected in ((0, 5, 5, 0), (7, 3, 5, 0), (3, 3, 1, 1), (1, 2**64 - 2, 9, 9), (1, 2**64 - 1, 9, 0), (2, 4, 9, 3)):
+        file.write_bytes(evicted("h b", 1, 0, "h b", first, last, count))
+        same(f"evicted {first} to {last}", figures(file)["evicted"], expected)
+    file.write_bytes(report("h" * 95 + "\u00e9" * 20 + " b", 1, 0, (1, 0, 0, 0, 0)))
+    same("a name cut at a character", figures(file)["hostsBySlowShare"][0]["host"][:96], "h" * 95 + "~")
+
+
 def check_command_lines():
     rows = [  # arguments, exit code, what standard output holds, what standard error holds
         ([FILE, "--json", "--html", "row.html"], 0, '"recordsRead": 33', ""),
@@ -349,6 +381,7 @@ def check_command_lines():
         (["--hots=a"], 2, "", "'--hots=a' is not an option, did you mean '--host'? (see --help)"),
         (["--versoin"], 2, "", "'--versoin' is not an option, did you mean '--version'? (see --help)"),
         (["--hotsx=a"], 2, "", "'--hotsx=a' is not an option, did you mean '--host'? (see --help)"),
+        (["--hostabc"], 2, "", "'--hostabc' is not an option (see --help)"),
         (["--colour"], 2, "", "'--colour' is not an option (see --help)"),
         (["-f"], 2, "", "'-f' is not an option (see --help)"),
         (["--since"], 2, "", "--since: 1 required TIME missing (see --help)"),
@@ -416,6 +449,9 @@ def check_inputs():
         same(f"plain {data[:20]!r}", count in run("plain")[1], True)
         with open(FOLDER / "plain", "rb") as file:
             same(f"standard input {data[:20]!r}", count in run("-", stdin=file)[1], True)
+    (FOLDER / "plain").write_bytes(b"".join(report("h b", number, 1, (1, 0, 0, 0, 0), 2**64 - 1, episodes=(1, 2**64 - 1, 1)) for number in (1, 2)))
+    got = figures("plain")
+    same("sums at the top", (got["failedIos"], got["episodeSumMs"], got["ios"]), (2**64 - 1, 2**64 - 1, 2))
     many = FOLDER / "many.jsonl"  # maxima, sets: those beyond the 64th are one
     many.write_bytes(b"".join(record("h b", 1 + n, n, "HostMaximaParcel", u64s={f"m{n}": n}) + report("h b", 200 + n, n, (1, 0, 0, 0, 0), strings=dict(set=f"s{n}"))
                               for n in range(70)) + report("h" * 130 + " b", 1, 0, (1, 0, 0, 0, 0)) + report("h" * 131 + " b", 1, 0, (1, 0, 0, 0, 0)))
@@ -456,35 +492,44 @@ def check_page():
     same("page after reading", (process.wait(100), page_data("page.html")["summary"]["recordsRead"]), (0, 0))
 
 
-def check_terminal():
-    """Colours, and the progress of a long file: one line without a line feed, which is too long."""
-    with open(FOLDER / "long.jsonl", "wb") as file:
-        file.truncate(1 << 30)
-    side, other = pty.openpty()
-    process = subprocess.Popen([PROGRAM, "long.jsonl", FILE], cwd=FOLDER, stdin=subprocess.DEVNULL, stdout=other, stderr=other)
-    os.close(other)
+def on_terminal(stream, *arguments):
+    """Runs the program with this stream on a terminal: what came there, and what came on the other stream."""
+    side, terminal = pty.openpty()
+    other = "stderr" if stream == "stdout" else "stdout"
+    with open(FOLDER / other, "w") as file:
+        process = subprocess.Popen([PROGRAM, *arguments], cwd=FOLDER, stdin=subprocess.DEVNULL, **{stream: terminal, other: file})
+    os.close(terminal)
     text = b""
     try:
         while select.select([side], [], [], 100)[0]:
             text += os.read(side, 65536)
     except OSError:  # the program has closed it
-        text = text.decode().replace("\r\n", "\n")
-    (FOLDER / "long.jsonl").unlink()
-    same("exit code", process.wait(100), 0)
-    clear = "\r\x1b[K"
-    progress, summary = text[:text.rindex(clear)], text[text.rindex(clear) + len(clear):]
+        pass
+    same("exit code on a terminal", process.wait(100), 0)
+    return text.decode().replace("\r\n", "\n"), (FOLDER / other).read_text()
+
+
+def check_terminal():
+    """Colours, and the progress of a long file: one line without a line feed, which is too long."""
+    with open(FOLDER / "long.jsonl", "wb") as file:
+        file.truncate(1 << 30)
+    plain = ALL.replace("4 not", "5 not").replace(f"  {FILE[:29]}~:27: it is no JSON object\n", "").replace(
+        f"  {FILE[:29]}~:23", f"  long.jsonl:1: it is longer than 16 MiB\n  {FILE[:29]}~:23")
+    progress, summary = on_terminal("stderr", "long.jsonl", FILE)
+    same("summary beside the progress", summary, plain)
     shares = re.findall(r"\r\x1b\[Kreading long.jsonl: (\d+) MiB, (\d+) %", progress)
-    same("progress", (len(shares) > 0, re.sub(r"\r\x1b\[Kreading long.jsonl: \d+ MiB, \d+ %", "", progress)), (True, ""))
+    same("progress", (len(shares) > 0, re.sub(r"\r\x1b\[Kreading long.jsonl: \d+ MiB, \d+ %", "", progress)), (True, "\r\x1b[K"))
     same("its shares", [int(share) for _, share in shares], [int(size) * 100 // 1024 for size, _ in shares])
-    plain = ALL.replace("4 not", "5 not").replace(f"  {FILE[:29]}~:23: it is not JSON", f"  long.jsonl:1: it is longer than 16 MiB\n  {FILE[:29]}~:23: it is not JSON")
-    same("on a terminal", re.sub(r"\x1b\[[0-9;]*m", "", summary), plain.replace(f"  {FILE[:29]}~:27: it is no JSON object\n", ""))
+    summary, errors = on_terminal("stdout", "long.jsonl", FILE)
+    same("summary on a terminal", (re.sub(r"\x1b\[[0-9;]*m", "", summary), errors), (plain, ""))
     same("colours", re.findall(r"\x1b\[(\d+)m#", summary), ["32", "36", "33", "35", "31"])
     same("titles", re.findall(r"\x1b\[1m(\w+)", summary), ["Storage", "Over", "Worst", "Sets", "Maxima", "Account", "Records"])
+    (FOLDER / "long.jsonl").unlink()
 
 
 def main():
     FOLDER.mkdir(parents=True, exist_ok=True)
-    for check in check_fleet, check_steps, check_command_lines, check_inputs, check_page, check_terminal:
+    for check in check_fleet, check_steps, check_boundaries, check_command_lines, check_inputs, check_page, check_terminal:
         check()
     print("\n".join(differences) or "the summary is as expected")
     sys.exit(1 if differences else 0)
