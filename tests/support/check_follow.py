@@ -60,9 +60,10 @@ def files(terminal, path, lines, fleet):
         file.write(lines[10][50:])
     terminal.wait_for(r"\s11 read, \d+ doubled, \d+ missing, 0 not understood")
     with path.open("ab") as file:
-        file.write(lines[11].rstrip(b"\n"))
-    following = path.with_suffix(".new")
-    following.write_bytes(b"".join(lines[12:20]))
+        file.write(lines[11] + lines[12].rstrip(b"\n"))
+    terminal.wait_for(r"\s12 read")
+    following = path.parent / "aside" / "file"  # its folder is not watched: the move alone tells
+    following.write_bytes(b"".join(lines[13:20]))
     following.rename(path)
     terminal.wait_for(r"\s20 read, \d+ doubled, \d+ missing, 0 not understood")
     path.write_bytes(b"".join(lines[20:23]))
@@ -121,7 +122,7 @@ def stream(program, folder, lines):
 def main():
     program, folder = sys.argv[1], pathlib.Path(sys.argv[2]) / "follow"
     shutil.rmtree(folder, ignore_errors=True)
-    folder.mkdir(parents=True)
+    (folder / "aside").mkdir(parents=True)
     path = folder / "followed.jsonl"
     _, fleet = report_records.fleet_of([str(path), "--hosts", "1", "--reports", "40"])
     fleet.make()
