@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <random>
 #include <string>
 #include <string_view>
@@ -93,14 +94,39 @@ TEST_F(Reading, SaysWhyALineIsNoRecord) {
         {with("\"boot\":\"b\"", "\"boot\":1"), "it has no boot"},
         {with("\"sequence\":7", "\"sequence\":0"), "its sequence is no number from 1"},
         {with("\"sequence\":7", "\"sequence\":1.5"), "its sequence is no number from 1"},
+        {with(":7", ":18446744073709551615"), "its sequence is no number from 1"},
+        {with("\"forwardedAt\":", "\"at\":"), "its forwardedAt is no date"},
         {with("2026-11-23T12:00:01", "2026-11-31T12:00:01"), "its forwardedAt is no date"},
         {with("1795435200000", "-1"), "its timeStampMs is no time"},
+        {with("1795435200000", "253402300800000"), "its timeStampMs is no time"},
+        {with("\"StoragePeriodicParcel\"", "\"\""), "it has no eventName"},
+        {with("\"text\":", "\"t\":"), "it has no text"},
+        {with("\"[Latency Threshold=50000][lt=60000]\"", "7"), "its text is no string"},
+        {with("\"stringEntries\":{}", "\"stringEntries\":[]"), "its stringEntries are no object"},
+        {with("\"stringEntries\":{}", "\"stringEntries\":{\"set\":1}"),
+         "a string entry is no string"},
+        {with("u32Entries", "u"), "it has no u32Entries"},
+        {with("u64Entries", "u"), "it has no u64Entries"},
+        {with("\"cm1\":1", "\"cm1\":\"1\""), "a u32 entry is no number from 0"},
         {with("\"cm1\":1", "\"cm1\":4294967296"), "a u32 entry is above 4294967295"},
         {with("\"failedIos\":8", "\"failedIos\":-8"), "a u64 entry is no number from 0"},
     };
     for (const auto& [line, reason] : rows) {
         EXPECT_EQ(read(line), reason) << line;
     }
+}
+
+TEST_F(Reading, TakesTheGreatestNumbers) {
+    read(with(":7", ":18446744073709551614"));
+    EXPECT_EQ(m_record.sequence, 18446744073709551614U);
+    read(with("1795435200000", "253402300799999"));
+    EXPECT_EQ(m_record.timeStampMs, 253402300799999);
+    read(with("\"cm1\":1", "\"cm1\":4294967295"));
+    EXPECT_EQ(m_record.totals.classes[0], 4294967295U);
+    read(with("=50000]", "=4294967295]"));
+    EXPECT_EQ(m_record.limits.thresholdUs, 4294967295U);
+    read(with("Threshold=50000", "Limit=50000"));
+    EXPECT_EQ(m_record.limits.thresholdUs, 0U) << "it does not say";
 }
 
 TEST_F(Reading, OrdersProcessesAndLimitsByTimeWhateverTheOrder) {
@@ -193,50 +219,100 @@ TEST(LineSplitter, DropsALineBeyondTheLongest) {
     EXPECT_EQ(splitInPieces(longest + "y\nnext\n", 100'000),
               (std::vector<std::string>{"1:!", "2:next"}));
     EXPECT_EQ(splitInPieces(longest + "\n", 1U << 16U).front().size(), longest.size() + 2);
+    EXPECT_EQ(splitInPieces("a\n" + longest + "y", 100'000),
+              (std::vector<std::string>{"1:a", "2:!"}))
+        << "the last line";
 }
 
-TEST(Sequences, NamesGapsWhateverTheOrder) {
-    std::vector<u64> numbers = {3, 4, 6, 9, 10, 20};
-    do {
+std::string textOf(const std::vector<Gap>& gaps) {
+    std::string text;
+    for (const Gap& gap : gaps) {
+        text += fmt::format("{} of {} to {}, {} {} {}; ", gap.count, gap.first, gap.last,
+                            gap.isFirst, gap.afterMs, gap.beforeMs);
+    }
+    return text;
+}
+
+TEST(Sequences, NamesTheGapsOfASetWhateverTheOrder) {
+    std::mt19937_64 random(1); // NOLINT(cert-msc51-cpp): the same numbers each time
+    for (int round = 0; round < 5000; ++round) {
         Sequences seen;
-        for (const u64 number : numbers) {
-            ASSERT_TRUE(seen.add(number, static_cast<s64>(number)));
-            ASSERT_FALSE(seen.add(number, 0));
+        std::map<u64, s64> moments;
+        for (u64 left = random() % 14; left > 0; --left) {
+            const u64 number = 1 + random() % 16;
+            const auto moment = static_cast<s64>(left);
+            ASSERT_EQ(seen.add(number, moment), moments.emplace(number, moment).second);
         }
         Ranges evicted;
-        evicted.add(15, 18);
-        evicted.add(14, 19);
-        evicted.add(12, 15);
-        std::string text;
-        for (const Gap& gap : seen.gaps(evicted)) {
-            text += fmt::format("{} from {} to {}{}, ", gap.count, gap.afterMs, gap.beforeMs,
-                                gap.isFirst ? " first" : "");
+        std::string fates(32, 'm');
+        for (u64 left = random() % 4; left > 0; --left) {
+            const u64 first = 1 + random() % 16;
+            const u64 count = 1 + random() % 5;
+            evicted.add(first, first + count - 1);
+            fates.replace(first, count, count, 'e');
         }
-        ASSERT_EQ(text, "2 from 0 to 3 first, 1 from 4 to 6, 2 from 6 to 9, 1 from 10 to 20, ")
-            << "11 alone: the rest was evicted";
-    } while (std::next_permutation(numbers.begin(), numbers.end()));
+        std::vector<Gap> expected;
+        u64 begin = 1;
+        s64 afterMs = 0;
+        for (const auto& [number, moment] : moments) {
+            const std::string gap = fates.substr(begin, number - begin);
+            const auto count = static_cast<u64>(std::count(gap.begin(), gap.end(), 'm'));
+            if (count > 0) {
+                expected.push_back({begin, number - 1, count, begin == 1, afterMs, moment});
+            }
+            begin = number + 1;
+            afterMs = moment;
+        }
+        ASSERT_EQ(textOf(seen.gaps(evicted)), textOf(expected)) << round;
+    }
 }
 
 TEST(Moment, IsReadAsItIsWritten) {
-    for (const char* text : {"1970-01-01T00:00:00.000Z", "2024-02-29T23:59:59.999Z",
-                             "2100-03-01T00:00:00.001Z", "9999-12-31T23:59:59.000Z"}) {
+    for (const char* text :
+         {"1970-01-01T00:00:00.000Z", "2024-02-29T23:59:59.999Z", "2100-03-01T00:00:00.001Z",
+          "9999-12-31T23:59:59.000Z", "2000-02-29T12:34:56.789Z", "1969-12-31T23:59:59.999Z"}) {
         const auto moment = parseMoment(text);
         ASSERT_TRUE(moment) << text;
         EXPECT_EQ(isoText(*moment), text);
     }
-    EXPECT_EQ(parseMoment("2026-11-23"), parseMoment("2026-11-23 00:00"));
-    for (const char* text : {"", "2026", "2026-13-01", "2025-02-29", "2026-11-23T24:00",
-                             "2026-11-23T12", "2026-11-23T12:00:00+01:00", "2026-11-23x"}) {
+    const std::vector<std::pair<const char*, const char*>> rows = {
+        {"2026-11-23", "2026-11-23T00:00:00.000Z"},
+        {"2026-11-23 01:02", "2026-11-23T01:02:00.000Z"},
+        {"2026-11-23T23:59Z", "2026-11-23T23:59:00.000Z"},
+        {"2026-11-23T12:00:60", "2026-11-23T12:01:00.000Z"}, // a leap second
+        {"2026-11-23T12:00:00.5", "2026-11-23T12:00:00.500Z"},
+        {"2026-11-23T12:00:00.0129Z", "2026-11-23T12:00:00.012Z"},
+    };
+    for (const auto& [text, same] : rows) {
+        EXPECT_EQ(isoText(parseMoment(text).value_or(-1)), same) << text;
+    }
+    for (const char* text :
+         {"", "2026", "2026-13-01", "2026-00-01", "2026-11-00", "2026-11-31", "2025-02-29",
+          "2100-02-29", "2026-11-23T24:00", "2026-11-23T12:60", "2026-11-23T12:00:61",
+          "2026-11-23T12", "2026-11-23T12:00:00+01:00", "2026-11-23x", "2026-11-23Z",
+          "2026-11-23T12:00:00.", "2026-11-23T12:00.5", "2026-11-23T12:00ZZ", "26-11-23"}) {
         EXPECT_FALSE(parseMoment(text)) << text;
     }
+}
+
+TEST(Duration, ReadsInItsUnit) {
+    std::string texts;
+    for (const double ms : {0.0, 0.254, 999.0, 1e3, 2.5e3, 119'999.0, 120e3, 7'199'999.0, 7200e3,
+                            99 * 3600e3, 172'799'999.0, 172'800e3, 150 * 86400e3}) {
+        texts += durationText(ms) + ", ";
+    }
+    EXPECT_EQ(texts,
+              "0 ms, 0.254 ms, 999 ms, 1 s, 2.5 s, 120 s, 2 min, 120 min, 2 h, 4.12 d, 48 h, "
+              "2 d, 150 d, ");
 }
 
 TEST(Duration, NeedsANumberWithAUnit) {
     EXPECT_EQ(parseDuration("30s"), 30'000);
     EXPECT_EQ(parseDuration("5m"), 300'000);
     EXPECT_EQ(parseDuration("2h"), 7'200'000);
-    EXPECT_EQ(parseDuration("1d"), 86'400'000);
-    for (const char* text : {"", "5", "0s", "-1s", "1.5h", "5 m", "99999999999999999999s", "m"}) {
+    EXPECT_EQ(parseDuration("1000000d"), 86'400'000'000'000);
+    for (const char* text :
+         {"", "5", "0s", "-1s", "1.5h", "5 m", "1000001s", "99999999999999999999s", "m", "5w"}) {
         EXPECT_FALSE(parseDuration(text)) << text;
     }
 }
@@ -251,6 +327,22 @@ TEST(ShownText, FitsItsColumnsWithoutSteeringTheTerminal) {
         {"\xe6\x97\xa5\xe6\x97\xa5\xe6\x97\xa5\xe6\x97\xa5\xe6\x97\xa5\xe6\x97\xa5",
          "\xe6\x97\xa5\xe6\x97\xa5\xe6\x97\xa5\xe6\x97\xa5~"},
         {"\xff\xe2", "??"},
+        {"123456789\x1b", "123456789~"},
+        {"\xc3\x1b[m", "?\\x1b[m"}, // no continuation of the character before
+        {"\xe0\x80\x9b", "?"},      // a control character in more bytes than it needs
+        {"\xf0\x9f\x98\x80", "\xf0\x9f\x98\x80"},
+        // The last one that steers and the first one that does not, at each edge.
+        {"\xc2\x9f\xc2\xa0", "?\xc2\xa0"},
+        {"\xe2\x80\x8a\xe2\x80\x8b", "\xe2\x80\x8a?"},
+        {"\xe2\x80\x8f\xe2\x80\x90", "?\xe2\x80\x90"},
+        {"\xe2\x80\xa7\xe2\x80\xa8", "\xe2\x80\xa7?"},
+        {"\xe2\x80\xae\xe2\x80\xaf", "?\xe2\x80\xaf"},
+        {"\xe2\x81\xa5\xe2\x81\xa6", "\xe2\x81\xa5?"},
+        {"\xe2\x81\xa9\xe2\x81\xaa", "?\xe2\x81\xaa"},
+        {"\xef\xbb\xbf", "?"},
+        // One column each, and two.
+        {"123456789\xe1\x83\xbf", "123456789\xe1\x83\xbf"},
+        {"123456789\xe1\x84\x80", "123456789~"},
     };
     for (const auto& [text, expected] : rows) {
         EXPECT_EQ(shown(text, 10), expected);

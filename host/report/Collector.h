@@ -16,12 +16,12 @@ struct StrangeLine {
     std::string reason;
 };
 
-// Adds the lines of any number of files up. One thread at a time.
+// Adds up the lines of any number of files. One thread at a time.
 class Collector {
 public:
     explicit Collector(Choice choice) : m_fleet(std::move(choice)) {}
 
-    // What the lines of `file` go into. It must not outlive the collector.
+    // Takes the bytes of `file`, a name for messages. It must not outlive the collector.
     LineSplitter linesOf(const std::string& file);
 
     const Fleet& fleet() const { return m_fleet; }

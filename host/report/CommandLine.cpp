@@ -54,7 +54,7 @@ std::size_t distance(const std::string& from, const std::string& to) {
     return row.back();
 }
 
-// What is wrong, on one line, and for an unknown option the nearest known one.
+// One line that says what is wrong. For an unknown option it suggests the nearest known one.
 std::string messageOf(const CLI::ParseError& error, const CLI::App& app) {
     const std::vector<std::string> unknown = app.remaining();
     if (dynamic_cast<const CLI::ExtrasError*>(&error) == nullptr || unknown.empty()) {
@@ -82,8 +82,13 @@ std::optional<int> parse(CLI::App& app, int argc, const char* const* argv,
         app.parse(argc, argv);
         checkTogether();
         return std::nullopt;
-    } catch (const CLI::Success& answered) { // --help, --version
-        return app.exit(answered);
+    } catch (const CLI::Success& asked) { // --help, --version
+        app.exit(asked);
+        if (std::cout.flush()) {
+            return exitDone;
+        }
+        std::cerr << app.get_name() << ": cannot write to standard output" << std::endl;
+        return exitFailed;
     } catch (const CLI::ParseError& error) {
         std::cerr << app.get_name() << ": " << messageOf(error, app) << " (see --help)"
                   << std::endl;

@@ -9,10 +9,10 @@ class App;
 
 namespace report {
 
-// Parses a program's command line, with a help that fits 80 columns, and has what no single option
-// can tell checked, by a function that throws CLI::ValidationError. Answers nothing, or the exit
-// code of a process that has said all it has to say: 0 after --help and --version, 2 after one line
-// on standard error that names what is wrong and what was expected.
+// Parses a program's command line, with a help that fits 80 columns. Then calls `checkTogether`,
+// which checks options against each other and throws CLI::ValidationError. Returns nothing if all
+// is well, else the code with which the process has to exit: 0 after --help and --version, 1 if
+// their text could not be written, 2 after an error message of one line.
 std::optional<int> parse(CLI::App& app, int argc, const char* const* argv,
                          const std::function<void()>& checkTogether);
 

@@ -7,9 +7,8 @@ namespace report {
 
 namespace {
 
-constexpr s64 tenMinutesMs = 600'000;
 constexpr s64 mostPeriods = 12;
-// Shorter differences of the clocks are a record's time in the outbox.
+// A record may wait in the outbox: a smaller difference of the two clocks is no step.
 constexpr s64 leastClockStepMs = 2'000;
 
 // Whether `a` is worse than `b`.
@@ -18,10 +17,6 @@ bool isWorse(const Totals& a, const Totals& b) {
         return std::make_tuple(each.slowShare(), each.slowIos(), each.ios());
     };
     return badness(a) > badness(b);
-}
-
-s64 ceilDiv(s64 a, s64 b) {
-    return (a + b - 1) / b;
 }
 
 std::vector<Slice> periodsOf(const std::vector<Cell>& cells, s64 stepMs) {
@@ -94,7 +89,7 @@ void addBoot(const Host& host, const Boot& boot, Figures& figures) {
 void addHost(const Host& host, Figures& figures) {
     const std::vector<const Boot*> boots = host.bootsInOrder();
     if (boots.empty()) {
-        return; // nothing but an eviction tells of it
+        return; // only an eviction names this host
     }
     for (const Boot* boot : boots) {
         addBoot(host, *boot, figures);

@@ -9,7 +9,7 @@
 
 namespace report {
 
-// What was reported from a moment until another.
+// The reports of a time span, its end excluded.
 struct Slice {
     s64 fromMs = 0;
     s64 untilMs = 0;
@@ -32,25 +32,25 @@ struct GapLine {
 struct ClockStep {
     std::string host;
     std::string boot;
-    s64 byMs = 0; // at most, in either direction
+    s64 byMs = 0; // the greatest difference seen, without its direction
 };
 
-// Threshold or bounds that differ from those of the host's report before.
+// A report whose threshold or bounds differ from those of the host's previous one.
 struct LimitsChange {
     std::string host;
-    s64 atMs = 0; // the first report seen to have them
+    s64 atMs = 0; // when it was made
     Limits before;
     Limits after;
 };
 
-// What the summary says, in every form that it takes.
+// The content of the summary. Text, JSON and page show the same figures.
 struct Figures {
     u64 recordsRead = 0;
     u64 duplicates = 0;
     u64 missing = 0;
     u64 evicted = 0;
     u64 notUnderstood = 0;
-    u64 otherRecords = 0; // neither storage reports nor maxima
+    u64 otherRecords = 0; // of the time span; neither storage reports nor maxima
     std::vector<StrangeLine> firstNotUnderstood;
 
     std::size_t boots = 0;
@@ -59,7 +59,7 @@ struct Figures {
     s64 stepMs = 0;
 
     Totals totals;
-    std::vector<Slice> periods;  // of equal length, those with reports: twelve at most
+    std::vector<Slice> periods;  // at most twelve of equal length; those without reports left out
     std::optional<Slice> worst;  // ten minutes, or a step if that is longer
     std::vector<HostLine> hosts; // by share of slow I/Os, the greatest first
     std::map<std::string, Totals, std::less<>> sets;
@@ -70,6 +70,11 @@ struct Figures {
     std::size_t accounts = 0;                // how many processes gave one
     Account account;                         // their sum
 };
+
+// `a` divided by `b`, rounded up. Both are above 0.
+constexpr s64 ceilDiv(s64 a, s64 b) {
+    return (a + b - 1) / b;
+}
 
 Figures figuresOf(const Collector& collector);
 

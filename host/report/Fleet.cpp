@@ -15,7 +15,7 @@ constexpr std::array<s64, 15> ladderSeconds = {
     1, 5, 10, 30, 60, 300, 600, 1800, 3600, 21600, 86400, 604800, 2419200, 29030400, 290304000};
 constexpr s64 mostSteps = 1500;
 
-// Names that hosts give to things and that are few: further ones are summed up as one.
+// Of sets and of maxima. Hosts choose these names; those beyond the limit are added up as one.
 constexpr std::size_t mostNames = 64;
 constexpr const char* furtherNames = "(others)";
 
@@ -211,13 +211,15 @@ void Fleet::addStorage(const Record& record, Host& host) {
 void Fleet::addMaxima(const Record& record, const Host& host) {
     for (const auto& [key, value] : record.numbers) {
         Maximum& maximum = named(m_maxima, key);
-        if (value > maximum.value || maximum.host.empty()) {
+        // Of equal values the first host's, whatever the order of the records.
+        if (maximum.host.empty() || value > maximum.value ||
+            (value == maximum.value && host.name < maximum.host)) {
             maximum = {value, host.name};
         }
     }
 }
 
-// They may be another process's, of which nothing else was read.
+// The evicted records may be those of another process, of which nothing else was read.
 void Fleet::addEvicted(const Record& record) {
     const u64 first = record.number("first");
     const u64 last = record.number("last");
@@ -230,10 +232,9 @@ void Fleet::addEvicted(const Record& record) {
 }
 
 bool Fleet::isStepTooShort() const {
-    constexpr u64 tenMinutesMs = 600'000;
-    const u64 periodMs = std::min(m_longestPeriodMs, tenMinutesMs);
+    const auto periodMs = static_cast<s64>(std::min<u64>(m_longestPeriodMs, tenMinutesMs));
     // A period is a little longer or shorter than the interval of the reports.
-    return static_cast<u64>(m_stepMs) < periodMs - periodMs / 10 ||
+    return m_stepMs < periodMs - periodMs / 10 ||
            m_toMs / m_stepMs - m_fromMs / m_stepMs >= mostSteps;
 }
 

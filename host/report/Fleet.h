@@ -14,7 +14,9 @@
 
 namespace report {
 
-// A host's storage reports whose periods ended within one step.
+constexpr s64 tenMinutesMs = 600'000;
+
+// The storage reports of a host whose periods ended within one step.
 struct Cell {
     s64 index = 0; // of the step: its begin divided by its length
     Totals totals;
@@ -73,7 +75,7 @@ struct Host {
     std::map<std::string, std::unique_ptr<Boot>, std::less<>> boots;
     Cells cells;
 
-    // By the first moment at which a record was made; those that have any.
+    // Those with records, in the order of their first record's forwardedAt.
     std::vector<const Boot*> bootsInOrder() const;
 };
 
@@ -82,37 +84,37 @@ struct Maximum {
     std::string host;
 };
 
-// Which records count.
+// The records that count. Without a value or a host: all.
 struct Choice {
-    std::optional<s64> sinceMs;               // from then on
-    std::optional<s64> untilMs;               // before then
-    std::set<std::string, std::less<>> hosts; // empty: all
-    std::optional<s64> stepMs;                // none: the shortest that fits, see Fleet::stepMs()
+    std::optional<s64> sinceMs;               // the first time stamp that counts
+    std::optional<s64> untilMs;               // the first one after it that does not
+    std::set<std::string, std::less<>> hosts; // as keptName() gives them
+    std::optional<s64> stepMs;                // none: see Fleet::stepMs()
 };
 
-// What the records of any number of hosts add up to, in any order. Memory grows with hosts times
-// steps, and with the runs of sequence numbers of each process, not with the records.
+// Adds up the records of any number of hosts, in any order. Memory grows with hosts times steps and
+// with the gaps in each process's sequence numbers, not with the number of records.
 class Fleet {
 public:
     explicit Fleet(Choice choice);
 
-    // A record that was there before, or that is not chosen, changes the counts alone.
+    // A record of another host is ignored; a doubled one only changes the counts.
     void add(const Record& record);
 
-    u64 recordsRead() const { return m_recordsRead; } // of the hosts chosen, with the doubled
+    u64 recordsRead() const { return m_recordsRead; } // of the hosts chosen, doubled ones included
     u64 duplicates() const { return m_duplicates; }
     u64 evicted() const { return m_evicted; }
     u64 otherRecords() const { return m_otherRecords; }
-    // The one chosen; else the shortest of a ladder that makes at most 1500 steps and is no shorter
-    // than the reports' periods, as far as these are up to ten minutes.
+    // The step length of --step. Otherwise the shortest standard length that gives at most 1500
+    // steps and is not below the report period (periods above ten minutes count as ten).
     s64 stepMs() const { return m_stepMs; }
-    // The first and the last time stamp of those chosen; nothing if there are none.
+    // The first and the last time stamp that count; nothing if none does.
     std::optional<s64> from() const;
     std::optional<s64> to() const;
     const std::map<std::string, Host, std::less<>>& hosts() const { return m_hosts; }
     const std::map<std::string, Totals, std::less<>>& sets() const { return m_sets; }
     const std::map<std::string, Maximum, std::less<>>& maxima() const { return m_maxima; }
-    // Of all hosts together. Limits are the last report's.
+    // The sum of all hosts. The limits of a step are those of its first and its last report.
     Cells allCells() const;
 
 private:
@@ -141,7 +143,7 @@ private:
     s64 m_stepMs;
 };
 
-// A name as it is kept: of a long one the begin, and a number that tells it from others.
+// Shortens a long name to its beginning and a hash.
 std::string keptName(std::string_view name);
 
 } // namespace report

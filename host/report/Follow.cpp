@@ -56,10 +56,10 @@ public:
     Followed(const std::string& path, Collector& collector)
         : m_path(path), m_collector(collector) {}
 
-    bool isStream() const { return m_path.empty(); }
+    bool isStream() const { return m_path == Input::standard; }
     bool hasEnded() const { return m_hasEnded; }
 
-    // What there is, of a stream what one read gives.
+    // All that the file holds; of a stream, what one read gives.
     void readOn() {
         reopenIfReplaced();
         while (m_input && readSome() && !isStream()) {
@@ -71,7 +71,10 @@ private:
         char* const room = m_lines->room();
         const std::size_t count = m_input->read(room, m_lines->roomSize());
         m_lines->bytesAdded(count);
-        m_hasEnded = isStream() && count == 0;
+        if (isStream() && count == 0) {
+            m_hasEnded = true;
+            m_lines->finish();
+        }
         return count > 0;
     }
 
@@ -84,7 +87,7 @@ private:
         } else if (stat(m_path.c_str(), &status) == 0 &&
                    (!m_input || status.st_ino != m_inode ||
                     static_cast<u64>(status.st_size) < m_input->position())) {
-            if (m_input) { // what was still written to it
+            if (m_input) { // reads what the replaced file got at last
                 while (status.st_ino != m_inode && readSome()) {
                 }
                 m_lines->finish();
@@ -145,8 +148,10 @@ public:
           m_signals(stopSignals()),
           m_changes(checked(inotify_init1(IN_CLOEXEC | IN_NONBLOCK), "cannot watch files")) {
         for (const std::string& path : options.files) {
-            watch(path);
             m_files.emplace_back(path, m_collector);
+            if (!m_files.back().isStream()) {
+                watch(path);
+            }
         }
     }
 
@@ -159,16 +164,15 @@ public:
     }
 
 private:
-    // Changes of the file are seen in its folder, where it may also be replaced.
+    // A folder reports changes of its files and new files. A link and its target may be in two.
     void watch(const std::string& path) {
-        if (path.empty()) {
-            return;
-        }
-        const auto folder = std::filesystem::absolute(path).parent_path();
-        if (inotify_add_watch(m_changes.get(), folder.c_str(),
-                              IN_MODIFY | IN_CREATE | IN_MOVED_TO) < 0) {
-            throw std::system_error(errno, std::generic_category(),
-                                    "cannot watch the folder of " + path);
+        namespace fs = std::filesystem;
+        for (const auto& file : {fs::absolute(path), fs::weakly_canonical(path)}) {
+            if (inotify_add_watch(m_changes.get(), file.parent_path().c_str(),
+                                  IN_MODIFY | IN_CREATE | IN_MOVED_TO) < 0) {
+                throw std::system_error(errno, std::generic_category(),
+                                        "cannot watch the folder of " + path);
+            }
         }
     }
 
@@ -182,11 +186,11 @@ private:
     }
 
     bool mustEnd() const {
-        const bool isAllStream = m_files.size() == 1 && m_files.front().isStream();
-        return m_isStopped || (isAllStream && m_files.front().hasEnded());
+        return m_isStopped || std::all_of(m_files.begin(), m_files.end(),
+                                          [](const Followed& file) { return file.hasEnded(); });
     }
 
-    // Until something has happened, or what is new may be shown.
+    // Waits for a signal, for input, or until the new figures may be shown, and handles it.
     void wait() {
         std::array<pollfd, 3> polled{{{m_signals.get(), POLLIN, 0},
                                       {m_changes.get(), POLLIN, 0},

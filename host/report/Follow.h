@@ -4,10 +4,10 @@
 
 namespace report {
 
-// Shows the summary anew as records come in, at most four times a second: on a terminal in place,
-// else one behind the other. A file that is replaced or begun anew is read from its begin; one
-// that is not there yet is waited for. Ends with SIGINT or SIGTERM, or when standard input, if that
-// is all, ends. Answers the exit code. Throws std::runtime_error.
+// Reads the files on and on and shows the summary again when records came in, at most four times a
+// second: in place on a terminal, else one after the other. A file that is replaced or cut is read
+// from its beginning; a missing file is waited for. Ends with SIGINT or SIGTERM, and at the end of
+// standard input if there is no file. Returns the exit code. Throws std::runtime_error.
 int follow(const Options& options);
 
 } // namespace report

@@ -65,7 +65,7 @@ Json stepsOf(const std::vector<Cell>& cells, s64 stepMs) {
 // How many steps make a column of the heat map.
 s64 heatFactor(const std::vector<Cell>& all) {
     const s64 steps = all.empty() ? 1 : all.back().index - all.front().index + 1;
-    return (steps + mostHeatColumns - 1) / mostHeatColumns;
+    return ceilDiv(steps, mostHeatColumns);
 }
 
 void addHeatOf(const Host& host, std::size_t row, s64 factor, s64 columnMs, Json& heat) {
@@ -79,7 +79,7 @@ void addHeatOf(const Host& host, std::size_t row, s64 factor, s64 columnMs, Json
     }
 }
 
-// Hosts over time, the worst first.
+// I/Os by host and time, the worst host first.
 Json heatOf(const Figures& figures, const Fleet& fleet, const std::vector<Cell>& all) {
     const s64 factor = heatFactor(all);
     const std::size_t count = std::min(mostHeatHosts, figures.hosts.size());
@@ -98,7 +98,7 @@ Json heatOf(const Figures& figures, const Fleet& fleet, const std::vector<Cell>&
     return heat;
 }
 
-// JSON that may stand within a script element: the same values, nothing that ends the element or a
+// The same JSON with escapes for the characters that could end the script element around it or a
 // line of the script.
 std::string inScript(std::string_view json) {
     constexpr std::array<std::pair<std::string_view, std::string_view>, 5> escapes = {
@@ -129,7 +129,7 @@ std::string inText(std::string_view text) {
     return safe;
 }
 
-// The template with each "@NAME@" replaced. What is put in is not looked at again.
+// The template with each "@NAME@" replaced. Inserted text is not searched for names.
 std::string filled(std::string_view page,
                    const std::unordered_map<std::string_view, std::string>& parts) {
     std::string text;

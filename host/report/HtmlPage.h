@@ -6,14 +6,14 @@
 
 namespace report {
 
-// One page that shows what was collected, with charts, and needs nothing but itself.
+// One HTML page with charts of what was collected. It loads nothing from elsewhere.
 std::string pageOf(const Collector& collector);
 
-// Opens the file as writePage() will, and leaves what it holds; one that is not there is made.
-// Throws like writePage().
+// Checks that the file can be written. Keeps its content, or creates it empty. Throws like
+// writePage().
 void checkPage(const std::string& path);
 
-// Writes the page to a file, which is replaced if it is there. Throws std::runtime_error, with path
+// Writes the page to the file in place of its content. Throws std::runtime_error that names path
 // and reason.
 void writePage(const Collector& collector, const std::string& path);
 

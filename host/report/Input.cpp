@@ -9,6 +9,7 @@
 #include <zstd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
@@ -88,7 +89,7 @@ private:
 constexpr const char* expected = " (expected a file of JSON lines, plain, gzip or zstd)";
 
 std::string nameOf(const std::string& path) {
-    return path.empty() ? "standard input" : escaped(path);
+    return path == Input::standard ? "standard input" : escaped(path);
 }
 
 [[noreturn]] void failOpening(const std::string& path, int error) {
@@ -108,7 +109,7 @@ int openFile(const std::string& path) {
 
 void Input::check(const std::string& path) {
     struct stat status {};
-    if (path.empty()) {
+    if (path == standard) {
         return;
     }
     if (stat(path.c_str(), &status) != 0 || access(path.c_str(), R_OK) != 0) {
@@ -121,12 +122,13 @@ void Input::check(const std::string& path) {
 
 Input::Input(const std::string& path)
     : m_name(nameOf(path)),
-      m_owned(path.empty() ? -1 : openFile(path)),
-      m_descriptor(path.empty() ? STDIN_FILENO : m_owned.get()) {
+      m_owned(path == standard ? -1 : openFile(path)),
+      m_descriptor(path == standard ? STDIN_FILENO : m_owned.get()) {
     struct stat status {};
-    if (fstat(m_descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
-        m_size = static_cast<u64>(status.st_size);
+    if (fstat(m_descriptor, &status) == 0 && S_ISDIR(status.st_mode)) {
+        failOpening(path, EISDIR);
     }
+    m_size = S_ISREG(status.st_mode) ? static_cast<u64>(status.st_size) : 0;
 }
 
 Input::~Input() = default;
@@ -149,6 +151,7 @@ std::size_t Input::readRaw(char* to, std::size_t size) {
         count = ::read(m_descriptor, to, size);
     } while (count < 0 && errno == EINTR);
     if (count < 0) {
+        m_raw.clear(); // may be room for these bytes
         throw InputError(std::generic_category().message(errno));
     }
     m_position += static_cast<u64>(count);
@@ -156,15 +159,13 @@ std::size_t Input::readRaw(char* to, std::size_t size) {
 }
 
 void Input::recognize() {
-    m_raw.resize(zstdMagic.size());
-    std::size_t have = 0;
+    std::array<char, zstdMagic.size()> bytes{};
     std::size_t count = 0;
     do {
-        count = readRaw(m_raw.data() + have, m_raw.size() - have);
-        have += count;
-    } while (count > 0 && have < m_raw.size() && m_raw[0] != '{' && m_raw[0] != '\n');
-    m_raw.resize(have);
-    m_isRecognized = have > 0;
+        count = readRaw(bytes.data(), bytes.size() - m_raw.size());
+        m_raw.append(bytes.data(), count);
+    } while (count > 0 && m_raw.size() < bytes.size() && m_raw[0] != '{' && m_raw[0] != '\n');
+    m_isRecognized = !m_raw.empty();
     if (startsWith(m_raw, gzipMagic)) {
         m_decoder = std::make_unique<GzipDecoder>();
     } else if (startsWith(m_raw, zstdMagic)) {

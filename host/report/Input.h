@@ -10,12 +10,12 @@
 
 namespace report {
 
-// An input could not be read, or not to its end. Says which, and why.
+// An input could not be read to its end. The message names the input and the reason.
 class InputError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Where compressed bytes become plain ones.
+// Decompresses a stream of bytes.
 class IDecoder {
 public:
     IDecoder() = default;
@@ -33,25 +33,26 @@ public:
     virtual bool isComplete() const = 0;
 };
 
-// The bytes of a file or of standard input, decompressed if they are gzip's or zstd's, which their
-// first bytes tell.
+// The bytes of a file or of standard input, decompressed if the first ones are those of gzip or
+// zstd.
 class Input {
 public:
-    // Throws InputError, with path and reason, if the file cannot be opened.
+    static constexpr const char* standard = "-"; // the path of standard input
+
+    // Throws InputError if the file cannot be opened, without opening it.
     static void check(const std::string& path);
 
-    // An empty path is standard input. Throws as check() does.
+    // Throws InputError if the file cannot be opened.
     explicit Input(const std::string& path);
     ~Input();
     Input(const Input&) = delete;
     Input& operator=(const Input&) = delete;
 
-    // Waits for bytes. 0 at the end. Throws InputError, with path and reason.
+    // Waits for bytes. Returns 0 at the end. Throws InputError, also for damaged data.
     std::size_t read(char* to, std::size_t size);
 
     const std::string& name() const { return m_name; }
-    int descriptor() const { return m_descriptor; }
-    u64 position() const { return m_position; } // in the file, compressed as it may be
+    u64 position() const { return m_position; } // how much of the file was read, as it is stored
     u64 size() const { return m_size; }         // 0: not known
 
 private:

@@ -12,12 +12,6 @@ Json momentOf(std::optional<s64> ms) {
     return ms ? Json(isoText(*ms)) : Json(nullptr);
 }
 
-double meanEpisodeMs(const Totals& totals) {
-    return totals.episodes == 0
-               ? 0
-               : static_cast<double>(totals.episodeSumMs) / static_cast<double>(totals.episodes);
-}
-
 Json jsonOf(const Totals& totals) {
     Json classes = Json::object();
     for (std::size_t i = 0; i < totals.classes.size(); ++i) {
@@ -38,7 +32,7 @@ Json jsonOf(const Totals& totals) {
               {"max", percentiles[Max]}}},
             {"episodes", totals.episodes},
             {"episodeSumMs", totals.episodeSumMs},
-            {"meanEpisodeMs", meanEpisodeMs(totals)},
+            {"meanEpisodeMs", totals.meanEpisodeMs()},
             {"longestEpisodeMs", totals.longestEpisodeMs}};
 }
 

@@ -9,7 +9,7 @@
 
 namespace report {
 
-// Makes lines of bytes as they come. Holds one line at most, of up to `longest` bytes.
+// Splits bytes into lines as they come. Holds at most one line, of up to `longest` bytes.
 class LineSplitter {
 public:
     struct Line {
@@ -29,8 +29,8 @@ public:
     std::size_t roomSize() const;
     // Calls `onLine` for each line that is complete with these bytes.
     void bytesAdded(std::size_t count);
-    // Calls `onLine` for what stands behind the last line feed, if there is anything. More bytes
-    // may follow; they begin a line.
+    // Calls `onLine` for the rest after the last line feed, if there is one. Further bytes begin a
+    // new line.
     void finish();
 
 private:

@@ -23,7 +23,7 @@ tm utcOf(s64 ms) {
     return utc;
 }
 
-// Takes a number of exactly `digits` digits off the text's begin; -1 if there is none.
+// Takes a number of exactly `digits` digits from the front of the text; -1 if there is none.
 int takeNumber(std::string_view& text, std::size_t digits) {
     int number = 0;
     if (text.size() < digits) {
@@ -78,8 +78,11 @@ std::optional<s64> takeDate(std::string_view& text) {
     return daysOf(year, month, day) * dayMs;
 }
 
-// Up to three digits count, as RFC 3339 allows any number.
+// Of any number of digits, as RFC 3339 allows, three count; -1 if there is none.
 int takeFraction(std::string_view& text) {
+    if (text.empty() || !isBetween('0', text.front(), '9')) {
+        return -1;
+    }
     int ms = 0;
     int weight = 100;
     while (!text.empty() && isBetween('0', text.front(), '9')) {
@@ -93,11 +96,13 @@ int takeFraction(std::string_view& text) {
 std::optional<s64> takeTime(std::string_view& text) {
     const int hour = takeNumber(text, 2);
     const int minute = take(text, ':') ? takeNumber(text, 2) : -1;
-    const int second = take(text, ':') ? takeNumber(text, 2) : 0;
-    if (!isBetween(0, hour, 23) || !isBetween(0, minute, 59) || !isBetween(0, second, 60)) {
+    const bool hasSecond = take(text, ':');
+    const int second = hasSecond ? takeNumber(text, 2) : 0;
+    const int fraction = hasSecond && take(text, '.') ? takeFraction(text) : 0;
+    if (!isBetween(0, hour, 23) || !isBetween(0, minute, 59) || !isBetween(0, second, 60) ||
+        fraction < 0) {
         return std::nullopt;
     }
-    const int fraction = take(text, '.') ? takeFraction(text) : 0;
     return ((hour * 60 + minute) * 60 + second) * secondMs + fraction;
 }
 

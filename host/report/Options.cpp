@@ -2,11 +2,10 @@
 
 #include "host/report/CommandLine.h"
 #include "host/report/ExitCodes.h"
+#include "host/report/Input.h"
 #include "host/report/Moment.h"
 
 #include <CLI/CLI.hpp>
-
-#include <algorithm>
 
 namespace report {
 
@@ -16,7 +15,7 @@ const char* const description =
     "Shows what the records of any number of hosts say about storage latency. Reads\n"
     "JSON lines, as analytics-host --format jsonl and the engines give them: from the\n"
     "files, else from standard input; plain, gzip or zstd; in any order, doubled or\n"
-    "with gaps. Prints a summary, or draws a page.";
+    "with gaps. Prints a summary, or draws a page.\n";
 
 const char* const footer =
     "Examples:\n"
@@ -48,7 +47,7 @@ s64 stepOption(const std::string& text) {
 }
 
 void addOptions(CLI::App& app, Options& options) {
-    app.add_option("FILE", options.files, "Files of records; - is standard input");
+    app.add_option("FILE", options.files, "Files of records; - is standard input")->type_name("");
     app.add_option_function<std::string>(
            "--since",
            [&](const std::string& text) { options.choice.sinceMs = momentOption("--since", text); },
@@ -96,9 +95,8 @@ ParsedCommandLine parseCommandLine(int argc, const char* const* argv) {
     for (const std::string& host : options.hosts) {
         options.choice.hosts.insert(keptName(host));
     }
-    std::replace(options.files.begin(), options.files.end(), std::string("-"), std::string());
     if (options.files.empty()) {
-        options.files.emplace_back();
+        options.files.emplace_back(Input::standard);
     }
     return {options, exitDone};
 }

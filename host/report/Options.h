@@ -9,7 +9,7 @@
 namespace report {
 
 struct Options {
-    std::vector<std::string> files; // empty: standard input
+    std::vector<std::string> files; // at least one
     std::vector<std::string> hosts;
     Choice choice; // these hosts among it
     bool isJson = false;
@@ -18,8 +18,8 @@ struct Options {
 };
 
 struct ParsedCommandLine {
-    std::optional<Options>
-        options; // none: `exitCode` is the answer, and what there is to say is said
+    // Nothing: the process has to exit with `exitCode`; the message was written.
+    std::optional<Options> options;
     int exitCode = 0;
 };
 

@@ -19,7 +19,7 @@ namespace report {
 
 namespace {
 
-// What can be read counts. Throws InputError for what cannot.
+// Throws InputError where the rest cannot be read; what was read before counts.
 void readAll(Input& input, LineSplitter& lines) {
     Progress progress;
     for (;;) {
@@ -33,7 +33,7 @@ void readAll(Input& input, LineSplitter& lines) {
     }
 }
 
-// Answers whether the whole file could be read, and says why not.
+// Returns whether the whole file could be read; if not, writes why to standard error.
 bool readFile(const std::string& path, Collector& collector) {
     Input input(path);
     LineSplitter lines = collector.linesOf(input.name());

@@ -4,8 +4,8 @@
 
 namespace report {
 
-// Reads, and shows what was read. Answers the exit code. Throws std::runtime_error, with what,
-// where and why, if there is nothing to show.
+// Reads the files and shows their figures. Returns the exit code. Throws std::runtime_error if
+// nothing can be read or written; the message names what, where and why.
 int run(const Options& options);
 
 } // namespace report

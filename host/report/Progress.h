@@ -6,12 +6,12 @@
 
 namespace report {
 
-// Tells on standard error, if that is a terminal, how far a file is read. At most ten times a
+// Shows on standard error, if it is a terminal, how much of a file is read, at most ten times a
 // second.
 class Progress {
 public:
     Progress();
-    ~Progress(); // leaves an empty line
+    ~Progress(); // clears the line
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 

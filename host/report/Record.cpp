@@ -12,6 +12,10 @@ u64 saturatingSum(u64 a, u64 b) {
     return a > std::numeric_limits<u64>::max() - b ? std::numeric_limits<u64>::max() : a + b;
 }
 
+double ratio(u64 part, u64 whole) {
+    return whole == 0 ? 0.0 : static_cast<double>(part) / static_cast<double>(whole);
+}
+
 } // namespace
 
 void Totals::add(const Totals& other) {
@@ -37,7 +41,11 @@ u64 Totals::slowIos() const {
 }
 
 double Totals::slowShare() const {
-    return ios() == 0 ? 0.0 : static_cast<double>(slowIos()) / static_cast<double>(ios());
+    return ratio(slowIos(), ios());
+}
+
+double Totals::meanEpisodeMs() const {
+    return ratio(episodeSumMs, episodes);
 }
 
 u64 Record::number(std::string_view key) const {

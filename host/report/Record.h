@@ -9,13 +9,13 @@
 
 namespace report {
 
-// What a period's percentiles and its longest I/O are, by index.
+// Indices of a period's percentiles and of its longest I/O.
 enum Percentile { P50, P90, P99, P999, Max, PercentileCount };
 
 constexpr std::size_t classCount = 5;
 
-// What storage reports add up to. Counts stop at the top of u64. Percentiles are the worst of the
-// periods', since those of several periods cannot be known from theirs.
+// The sum of storage reports. Counts stop at the top of u64. Percentiles are the worst of the
+// periods', since the percentiles of periods do not give those of their sum.
 struct Totals {
     u64 reports = 0;
     std::array<u64, classCount> classes{};
@@ -29,9 +29,10 @@ struct Totals {
     u64 ios() const;     // that succeeded
     u64 slowIos() const; // the classes 3 to 5
     double slowShare() const;
+    double meanEpisodeMs() const;
 };
 
-// In microseconds. 0: the report did not say.
+// In microseconds. 0: not in the report.
 struct Limits {
     u32 thresholdUs = 0;
     std::array<u32, classCount - 1> boundsUs{};
@@ -42,7 +43,7 @@ struct Limits {
     bool operator!=(const Limits& other) const { return !(*this == other); }
 };
 
-// What a line says. Texts are valid until the next line is parsed.
+// The content of a line. Texts are valid until the next line is parsed.
 struct Record {
     enum Kind { Storage, Maxima, Account, Evicted, Other };
 

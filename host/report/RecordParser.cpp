@@ -17,7 +17,7 @@ namespace {
 using simdjson::dom::element;
 using simdjson::dom::object;
 
-// What is wrong with a line. Caught in parse().
+// Thrown for a line that is no record. Caught in parse().
 struct NoRecord {
     const char* reason;
 };
@@ -52,7 +52,7 @@ Record::Kind kindOf(std::string_view eventName) {
     return Record::Other;
 }
 
-// The fields of a line that are looked at, as the line has them.
+// The fields of a line that the reader uses.
 struct Fields {
     std::optional<element> schema;
     std::optional<element> host;
@@ -156,7 +156,7 @@ u32 thresholdOf(std::string_view text) {
     return threshold;
 }
 
-// Whether these are the entries of a storage report, which then are in `record`.
+// Returns whether these are the entries of a storage report, and fills them into `record`.
 bool readU32s(object entries, Record& record) {
     std::array<u32, classCount> classes{};
     u32 episodes = 0;

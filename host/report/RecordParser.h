@@ -9,7 +9,7 @@
 
 namespace report {
 
-// Takes JSON lines apart. One thread at a time.
+// Parses JSON lines. One thread at a time.
 class RecordParser {
 public:
     // How many bytes behind a line must be readable.
@@ -18,8 +18,8 @@ public:
     RecordParser();
     ~RecordParser();
 
-    // Fills `record`, whose texts stay valid until the next call. Answers null, or why the line is
-    // no record. Any bytes will do.
+    // Fills `record`, whose texts stay valid until the next call. Returns null, or why the line is
+    // no record. The line may hold any bytes.
     const char* parse(std::string_view line, Record& record);
 
 private:

@@ -17,12 +17,12 @@ private:
     std::map<u64, u64> m_lastOf; // by first
 };
 
-// Sequence numbers that were not seen, between the moments of the records around them.
+// Sequence numbers that were not seen, and the times of the records before and after them.
 struct Gap {
     u64 first = 0;
     u64 last = 0;
-    u64 count = 0;        // of those from first to last; others were evicted
-    bool isFirst = false; // nothing was seen before it, and `afterMs` means nothing
+    u64 count = 0;        // the missing ones from first to last; the others were evicted
+    bool isFirst = false; // no record was seen before it; `afterMs` is not set
     s64 afterMs = 0;
     s64 beforeMs = 0;
 };
@@ -33,7 +33,7 @@ public:
     // False if the number was seen before.
     bool add(u64 sequence, s64 atMs);
 
-    // From 1 to the greatest number seen, without what is in `evicted`; in order.
+    // The gaps from 1 to the greatest number seen, in order. Evicted numbers are not missing.
     std::vector<Gap> gaps(const Ranges& evicted) const;
 
 private:

@@ -32,7 +32,7 @@ constexpr std::array<LatencyClass, classCount> latencyClasses = {{
 
 constexpr std::size_t nameWidth = 20;
 constexpr std::size_t mostHosts = 10;
-constexpr std::size_t mostLines = 10; // of gaps, and of other things that may be many
+constexpr std::size_t mostLines = 10; // of gaps, clock steps and changes of the limits
 
 // The character that begins the text, and how many columns it takes.
 struct Character {
@@ -41,10 +41,18 @@ struct Character {
     std::size_t width = 1;
 };
 
+// Whether a character beyond ASCII controls a terminal or the direction of writing. Below 0x80 it
+// is a longer encoding than it should have.
 bool steers(u32 code) {
-    return (code >= 0x80 && code < 0xa0) || (code >= 0x200b && code <= 0x200f) ||
+    return code < 0xa0 || (code >= 0x200b && code <= 0x200f) ||
            (code >= 0x2028 && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069) ||
            code == 0xfeff;
+}
+
+bool areContinuations(std::string_view bytes) {
+    return std::all_of(bytes.begin(), bytes.end(), [](char byte) {
+        return (static_cast<unsigned char>(byte) & 0xc0U) == 0x80U;
+    });
 }
 
 u32 codeOf(std::string_view bytes) {
@@ -63,10 +71,10 @@ Character firstOf(std::string_view text) {
         return {safe, 1, safe.size()};
     }
     const std::size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
-    if (lead < 0xc0 || length > text.size()) {
+    const std::string_view bytes = text.substr(0, length);
+    if (lead < 0xc0 || bytes.size() < length || !areContinuations(bytes.substr(1))) {
         return {"?", 1, 1};
     }
-    const std::string_view bytes = text.substr(0, length);
     const u32 code = codeOf(bytes);
     if (steers(code)) {
         return {"?", length, 1};
@@ -98,19 +106,19 @@ Fitted fitted(std::string_view text, std::size_t width) {
     return whole;
 }
 
-// Cut where it is too wide, filled up where it is not.
+// The text cut or filled up to `width` columns.
 std::string column(std::string_view text, std::size_t width) {
     const Fitted fit = fitted(text, width);
     return fit.text + std::string(width - fit.columns, ' ');
 }
 
 std::string marks(double share, u64 count, double width) {
-    // An I/O is an I/O: what is not empty shows at least one mark.
+    // A class with at least one I/O shows at least one mark.
     const auto number = static_cast<std::size_t>(share * width + 0.5);
     return std::string(count == 0 ? 0 : std::max<std::size_t>(number, 1), '#');
 }
 
-// "99.3 %"; what is more than nothing does not look like nothing.
+// "99.3 %". A share above zero is never shown as 0.
 std::string percent(double share, u64 count) {
     return count > 0 && share < 0.0005 ? "<0.1 %" : fmt::format("{:.1f} %", 100 * share);
 }
@@ -120,8 +128,8 @@ void writeTitle(Out out, std::string_view title, bool inColour) {
     fmt::format_to(out, "{}\n", fmt::format(style, "{}", title));
 }
 
-std::string counted(u64 count, const char* what) {
-    return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
+std::string counted(u64 count, std::string_view what) {
+    return fmt::format("{} {}{}", count, what, count == 1 ? "" : what.back() == 's' ? "es" : "s");
 }
 
 void writeHead(Out out, const Figures& figures, bool inColour) {
@@ -158,11 +166,8 @@ void writeLatencies(Out out, const Totals& totals) {
     const auto& us = totals.percentilesUs;
     fmt::format_to(out, "  worst period: p50 {}  p90 {}  p99 {}  p99.9 {}\n", latencyText(us[P50]),
                    latencyText(us[P90]), latencyText(us[P99]), latencyText(us[P999]));
-    const double mean = totals.episodes == 0 ? 0
-                                             : static_cast<double>(totals.episodeSumMs) /
-                                                   static_cast<double>(totals.episodes);
     fmt::format_to(out, "  high-latency episodes: {}, mean {}, longest {}\n", totals.episodes,
-                   durationText(mean), durationText(totals.longestEpisodeMs));
+                   durationText(totals.meanEpisodeMs()), durationText(totals.longestEpisodeMs));
 }
 
 void writeRow(Out out, std::string_view name, const Totals& totals) {
@@ -232,10 +237,15 @@ void writeSets(Out out, const Figures& figures, bool inColour) {
 }
 
 void writeMaxima(Out out, const Figures& figures, bool inColour) {
+    if (figures.totals.reports == 0 && figures.maxima.empty()) {
+        return;
+    }
     fmt::format_to(out, "\n");
     writeTitle(out, "Maxima", inColour);
-    fmt::format_to(out, "  longest I/O in a report: {}\n",
-                   latencyText(figures.totals.percentilesUs[Max]));
+    if (figures.totals.reports > 0) {
+        fmt::format_to(out, "  longest I/O in a report: {}\n",
+                       latencyText(figures.totals.percentilesUs[Max]));
+    }
     for (const auto& [name, maximum] : figures.maxima) {
         fmt::format_to(out, "  {} = {}  ({})\n", shown(name, 24), maximum.value,
                        shown(maximum.host, 24));
@@ -272,7 +282,7 @@ std::string gapText(const GapLine& line) {
                                           readableText(line.gap.afterMs), before);
 }
 
-// The first of what may be many.
+// The first ten lines, and how many follow.
 template <typename Values, typename Text>
 void writeFirst(Out out, const Values& values, Text textOfOne) {
     const std::size_t count = std::min(mostLines, values.size());
@@ -326,9 +336,9 @@ std::string textOf(const Figures& figures, bool inColour) {
         writeLatencies(out, figures.totals);
         writePeriods(out, figures, inColour);
         writeHosts(out, figures, inColour);
-        writeSets(out, figures, inColour);
-        writeMaxima(out, figures, inColour);
     }
+    writeSets(out, figures, inColour);
+    writeMaxima(out, figures, inColour);
     writeAccount(out, figures, inColour);
     writeRecords(out, figures, inColour);
     return text;

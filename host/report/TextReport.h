@@ -7,10 +7,10 @@
 
 namespace report {
 
-// The figures to read, in lines of at most 80 columns. `inColour` is for a terminal.
+// The summary in lines of at most 80 columns, with colours if `inColour`.
 std::string textOf(const Figures& figures, bool inColour);
 
-// The text in at most `width` columns, with nothing in it that steers a terminal.
+// The text cut to `width` columns, without characters that control a terminal.
 std::string shown(std::string_view text, std::size_t width);
 
 } // namespace report
