@@ -1,12 +1,13 @@
 #pragma once
 
+#include "common/infra/Export.h"
+#include "common/infra/Lock.h"
 #include "host/forwarding/Record.h"
 #include "host/forwarding/Sink.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,13 +22,13 @@
 //     sink.answer(1, Fate::Failed, "too large");
 //
 // Any thread. The members are set before the forwarder starts.
-class FakeSink final : public ISink {
+class ANALYTICS_TAG FakeSink final : public ISink {
 public:
     const char* name() const override { return "engine"; }
     void start(IAnswers& answers) override { m_answers = &answers; }
     void send(const std::vector<const Record*>& batch) override {
         {
-            const std::lock_guard<std::mutex> lock(m_mutex);
+            const CheckedLock lock(m_mutex);
             for (const Record* record : batch) {
                 m_inFlight.push_back(record);
                 m_calls.push_back(record->sequence);
@@ -43,7 +44,7 @@ public:
     }
     void purge() override {
         {
-            const std::lock_guard<std::mutex> lock(m_mutex);
+            const CheckedLock lock(m_mutex);
             m_calls.push_back(purged);
         }
         if (purgesAtOnce) {
@@ -53,7 +54,7 @@ public:
 
     // What was called since the last look: the sequences sent, and purges, such as "1-3 purge 2".
     std::string calls() {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const CheckedLock lock(m_mutex);
         const std::vector<u64> calls = std::exchange(m_calls, {});
         std::string text;
         for (std::size_t i = 0; i < calls.size(); ++i) {
@@ -72,7 +73,7 @@ public:
     void answer(u64 sequence, Fate fate, const std::string& reason = {}) {
         u64 ticket = 0;
         {
-            const std::lock_guard<std::mutex> lock(m_mutex);
+            const CheckedLock lock(m_mutex);
             const auto record =
                 std::find_if(m_inFlight.begin(), m_inFlight.end(),
                              [&](const Record* each) { return each->sequence == sequence; });
@@ -84,7 +85,7 @@ public:
     void answerAll(Fate fate, const std::string& reason = {}) {
         std::vector<const Record*> records;
         {
-            const std::lock_guard<std::mutex> lock(m_mutex);
+            const CheckedLock lock(m_mutex);
             records.swap(m_inFlight);
         }
         for (const Record* record : records) {
@@ -93,7 +94,7 @@ public:
     }
     // The lines of all records sent.
     std::vector<std::string> lines() const {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const CheckedLock lock(m_mutex);
         return m_lines;
     }
 
@@ -105,8 +106,8 @@ private:
     static constexpr u64 purged = 0; // no record's sequence
 
     IAnswers* m_answers = nullptr;
-    mutable std::mutex m_mutex; // of what follows
-    std::vector<const Record*> m_inFlight;
-    std::vector<u64> m_calls;
-    std::vector<std::string> m_lines;
+    mutable CheckedMutex m_mutex;
+    std::vector<const Record*> m_inFlight ANALYTICS_GUARDED_BY(m_mutex);
+    std::vector<u64> m_calls ANALYTICS_GUARDED_BY(m_mutex);
+    std::vector<std::string> m_lines ANALYTICS_GUARDED_BY(m_mutex);
 };
