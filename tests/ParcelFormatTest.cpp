@@ -1,42 +1,13 @@
 #include "host/forwarding/ParcelFormat.h"
 
+#include "tests/support/Forwarding.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
 #include <string>
 
 namespace {
-
-// A storage report with a figure of its own in every entry.
-AnalyticsParcel storageReport() {
-    AnalyticsParcel parcel;
-    parcel.setEventName("StoragePeriodicParcel");
-    parcel.setCategory("storage");
-    parcel.setKelTimeStamp(1'700'000'000'123);
-    parcel.setText("[Latency Threshold=50000][lt=60000]");
-    parcel.setValue(7);
-    for (const auto& [key, value] : std::map<std::string, u32>{{"cm1", 120},
-                                                               {"cm2", 30},
-                                                               {"cm3", 4},
-                                                               {"cm4", 1},
-                                                               {"cm5", 0},
-                                                               {"cm6", 12},
-                                                               {"boundFastUs", 900},
-                                                               {"boundModerateUs", 5'000},
-                                                               {"boundSlowUs", 20'500},
-                                                               {"boundVerySlowUs", 1'000'000},
-                                                               {"p50Us", 71},
-                                                               {"p90Us", 999},
-                                                               {"p99Us", 1'234'567},
-                                                               {"p999Us", 34'567},
-                                                               {"maxUs", ~u32{0}},
-                                                               {"episodes", 5}}) {
-        parcel.addEntry(key, value);
-    }
-    parcel.addEntry("cd11", u64{1}).addEntry("failedIos", u64{6}).addEntry("periodMs", u64{1'980});
-    return parcel.addEntry("episodeSumMs", u64{35});
-}
 
 TEST(ParcelFormatTest, AStorageReportIsATableOfItsOwnFigures) {
     EXPECT_EQ(formatParcel(storageReport(), false),
