@@ -2,8 +2,8 @@
 
 #include "host/forwarding/Sqlite.h"
 #include "host/testing/RecordingLog.h"
+#include "tests/support/Examples.h"
 #include "tests/support/Files.h"
-#include "tests/support/Forwarding.h"
 
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
