@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/infra/Defs.h"
+#include "common/infra/Export.h"
 #include "common/infra/IParcelOutbox.h"
 #include "common/infra/Lock.h"
 
@@ -14,7 +15,7 @@ class IParcel;
 
 // Where every record is, at one moment: pushed + restored = delivered + failed + dropped + evicted
 // + waiting, in every snapshot.
-struct AccountNumbers {
+struct ANALYTICS_TAG AccountNumbers {
     u64 pushed = 0;    // into the outbox, or made by the forwarder itself
     u64 restored = 0;  // found in the spool of an earlier run
     u64 delivered = 0; // the sink has them
@@ -39,8 +40,10 @@ struct AccountNumbers {
     std::string text() const;
 };
 
+class ANALYTICS_TAG Account;
+
 // Moves of a batch of records from column to column.
-class AccountChange {
+class ANALYTICS_TAG AccountChange {
 public:
     enum Column : std::size_t { Hand, Spool, Delivered, Failed, Evicted };
 
@@ -49,14 +52,14 @@ public:
     void fail(Column from, const std::string& reason, u64 count = 1);
 
 private:
-    friend class Account;
+    friend Account;
     std::array<s64, 5> m_columns{};
     std::map<std::string, u64> m_failures;
 };
 
 // The account of an outbox and of its forwarder, from its construction on. A record changes its
 // column in one step under the mutex, a batch at a time. Any thread.
-class Account {
+class ANALYTICS_TAG Account {
 public:
     // Nobody but take() takes parcels out of `outbox` from then on.
     explicit Account(ParcelOutbox& outbox);

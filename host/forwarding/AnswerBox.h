@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/infra/Export.h"
 #include "common/infra/Lock.h"
 #include "host/forwarding/Sink.h"
 #include "host/forwarding/Wakeup.h"
@@ -10,7 +11,7 @@
 #include <vector>
 
 // Where a sink's answers wait for the forwarder's thread. Any thread.
-class AnswerBox final : public IAnswers {
+class ANALYTICS_TAG AnswerBox final : public IAnswers {
 public:
     // `wakeup` is what the forwarder's thread waits for.
     explicit AnswerBox(Wakeup& wakeup) : m_wakeup(wakeup) {}

@@ -1,6 +1,5 @@
-// The thread sanitizer knows POSIX threads and nothing of C's, which librdkafka uses: a thread that
-// it has not seen begin crashes it, and a lock that it does not see orders nothing. Here are C's by
-// POSIX's, whose types glibc shares. In builds with the thread sanitizer only.
+// The thread sanitizer does not intercept C11 threads, which librdkafka uses. This file implements
+// them with pthreads, for sanitizer builds only. In glibc both have the same types.
 #include <pthread.h>
 #include <threads.h>
 

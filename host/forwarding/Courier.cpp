@@ -205,7 +205,7 @@ AccountChange::Column Courier::placeOf(bool wasEvicted) const {
     return m_spool != nullptr && !wasEvicted ? AccountChange::Spool : AccountChange::Hand;
 }
 
-// With a spool, whatever comes is taken: the spool has a bound of its own.
+// With a spool, takes every parcel: the spool limits itself.
 bool Courier::mayTakeParcels() const {
     return m_fresh.empty() && (m_spool != nullptr || m_window.hasRoom());
 }
@@ -246,7 +246,7 @@ Record Courier::recordOf(const AnalyticsParcel& parcel, u64 epochMs) {
     return record;
 }
 
-// While the engine takes records, and without evicting others by it.
+// Only while the engine takes records and the spool has room, so that it evicts no others.
 bool Courier::mayTellEvictions() const {
     return m_spool != nullptr && m_isTaking && m_spool->hasUntold() && m_spool->hasRoom() &&
            m_change.told.empty();
@@ -264,9 +264,9 @@ void Courier::tellEvictions(u64 nowNs, u64 epochMs) {
     });
 }
 
-// From here on the records are the forwarder's to deliver.
+// Commits the fresh records and passes them on.
 void Courier::accept(u64 nowNs) {
-    passOn(); // what a step that threw has left
+    passOn(); // the records that a step that threw has left
     if (m_spool == nullptr) {
         m_accepted.records.swap(m_fresh);
     } else {
@@ -275,14 +275,14 @@ void Courier::accept(u64 nowNs) {
     passOn();
 }
 
-// If it fails, what is fresh stays so.
+// On failure, m_fresh keeps its records.
 void Courier::commit(u64 nowNs) {
     if (!m_fresh.empty() || !m_change.done.empty()) {
         askSpool(nowNs, [this] { commitChange(); });
     }
 }
 
-// If it is not to be had, it will be asked again.
+// If the spool fails, a later step asks again.
 void Courier::askSpool(u64 nowNs, const std::function<void()>& question) {
     m_mustAskSpool = true;
     if (nowNs < m_spoolNs) {
@@ -320,7 +320,7 @@ void Courier::commitChange() {
     m_accepted.records.swap(m_fresh);
 }
 
-// Begins a new file with what is in memory. All else that was in the old one is lost.
+// Begins a new file with the records in memory. All others of the old file are lost.
 void Courier::restoreSpool() {
     m_spool->startAnew();
     SpoolChange kept;
@@ -364,7 +364,7 @@ void Courier::passOn() {
     m_accepted.loaded = 0;
 }
 
-// As far as the window has room; the spool has the rest.
+// While the window has room; the spool has the rest.
 void Courier::load(Fresh& accepted) {
     const u64 ticket = accepted.record.ticket;
     m_hasUnread = m_hasUnread || (m_spool != nullptr && !m_window.hasRoom());
@@ -407,7 +407,7 @@ void Courier::watch(u64 nowNs) {
     }
 }
 
-// What is in flight; once it is answered, sending goes on from the oldest record.
+// Gives up the records in flight. Once all are answered, sending goes on from the oldest record.
 void Courier::giveUp(const std::string& reason) {
     if (m_gate.isDraining()) {
         return;
@@ -433,7 +433,7 @@ void Courier::send(u64 nowNs) {
     }
 }
 
-// A throw says that none was taken.
+// A throw means that the engine took none.
 void Courier::sendToEngine(const std::vector<const Record*>& batch) {
     try {
         m_engine.send(batch);

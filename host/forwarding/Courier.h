@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/Analytics/AnalyticsParcel.h"
+#include "common/infra/Export.h"
 #include "common/infra/TrackedAllocation.h"
 #include "host/forwarding/Account.h"
 #include "host/forwarding/AnswerBox.h"
@@ -18,14 +19,14 @@
 #include <utility>
 #include <vector>
 
-// How the forwarder goes about it.
-struct ForwarderOptions {
+// Settings of the forwarder.
+struct ANALYTICS_TAG ForwarderOptions {
     std::string hostId;                // empty: derived from the machine's id
     std::string service;               // empty: the program's name
-    std::optional<SpoolOptions> spool; // none: what the engine does not take waits in memory
+    std::optional<SpoolOptions> spool; // none: records wait in memory
     std::chrono::milliseconds firstBackOff{100};
     std::chrono::milliseconds longestBackOff{10'000};
-    std::chrono::milliseconds answerTimeout{30'000}; // then what is in flight is given up
+    std::chrono::milliseconds answerTimeout{30'000}; // then records in flight are given up
     // Called on the forwarder's thread each time records have failed for good.
     std::function<void()> onFailure;
 };
@@ -38,24 +39,24 @@ struct ForwarderOptions {
 //                                    |          ^          |
 //                                    +--> sinks beside     +--> answers --> account
 //
-// The window holds the oldest records that are not settled; what it has no room for is read from
-// the spool later, or stays in the outbox where there is no spool. One thread at a time.
-class Courier {
+// The window holds the oldest records that are not settled. Later ones are read from the spool once
+// there is room; without a spool they stay in the outbox. One thread at a time.
+class ANALYTICS_TAG Courier {
 public:
-    // All must outlive this. Throws std::runtime_error if the spool cannot be had.
+    // All must outlive this. Throws std::runtime_error if the spool cannot be opened.
     Courier(Account& account, AnswerBox& answers, ISink& engine, std::vector<ISink*> beside,
             const ForwarderOptions& options);
     ~Courier();
     Courier(const Courier&) = delete;
     Courier& operator=(const Courier&) = delete;
 
-    // Does what there is to do. Returns the moment of the next step, if nothing happens before.
-    // `nowNs` is of the monotonic clock, `epochMs` of the wall clock. A step that throws, for want
-    // of memory, is to be followed by another one, which goes on where it ended.
+    // Returns the moment of the next step, if nothing happens before. `nowNs` is of the monotonic
+    // clock, `epochMs` of the wall clock. It throws only std::bad_alloc; the next step then goes on
+    // where this one ended.
     u64 step(u64 nowNs, u64 epochMs);
-    // Nothing waits, and the spool knows it.
+    // Nothing waits, and the spool has noted all that was settled.
     bool isIdle() const;
-    // What backs off is tried again in the next step.
+    // The next step ends all back-offs.
     void hurry();
     // The next step makes a record of the account, and forwards it.
     void addAccount() { m_mustTellAccount = true; }
@@ -65,13 +66,13 @@ private:
         Record record;
         TrackedPtr<AnalyticsParcel> parcel;
     };
-    // What is to be passed on.
+    // Records to pass on.
     struct Accepted {
         std::vector<Fresh> records;
-        std::size_t sinks = 0;  // so many of those beside have had them
-        std::size_t loaded = 0; // so many were offered to the window
+        std::size_t sinks = 0;  // number of sinks beside that got the records
+        std::size_t loaded = 0; // number of records that were offered to the window
     };
-    // What answers come to, until it is noted.
+    // The sum of answers that are not noted yet.
     struct Outcome {
         AccountChange change;
         bool hasDelivered = false;
@@ -123,30 +124,30 @@ private:
     u64 m_sequence = 0;
     u64 m_ticket = 0;
     std::vector<IParcel*> m_taken; // out of the outbox
-    std::size_t m_made = 0;        // so many of them are records
+    std::size_t m_made = 0;        // number of these that are records
     bool m_mustTellAccount = false;
 
     // Accepts them.
     std::unique_ptr<Spool> m_spool;
     std::vector<Fresh> m_fresh; // not committed yet
     Accepted m_accepted;
-    SpoolChange m_change;  // but for what is fresh
+    SpoolChange m_change;  // without the fresh records
     u64 m_evictedUpTo = 0; // ticket
     bool m_isSpoolDamaged = false;
-    bool m_mustAskSpool = false; // it was not to be had
+    bool m_mustAskSpool = false; // the last attempt failed
     u64 m_spoolNs = 0;           // not before
     u64 m_tellNs = 0;            // not before
 
     // Sends them, and settles what is answered.
     Window m_window;
-    u64 m_lastLoaded = 0;     // ticket of the record that came into the window last
+    u64 m_lastLoaded = 0;     // ticket of the newest record in the window
     bool m_hasUnread = false; // the spool holds later ones
     SendGate m_gate;
     bool m_mustPurge = false; // the engine
     std::vector<Answer> m_answered;
-    std::size_t m_settled = 0; // so many of them are
-    Outcome m_outcome;         // of these
+    std::size_t m_settled = 0; // number of these that are settled
+    Outcome m_outcome;         // of the settled ones
     std::string m_trouble;     // of the engine; empty: none
-    bool m_isTaking = false;   // it has delivered since its last trouble
+    bool m_isTaking = false;   // the engine has delivered since its last trouble
     bool m_isFailing = false;  // the last answer but TryAgain
 };

@@ -1,8 +1,10 @@
 #pragma once
 
+#include "common/infra/Export.h"
+
 // Deletes by a C library's function, for std::unique_ptr.
 template <auto Function>
-struct Destroy {
+struct ANALYTICS_TAG Destroy {
     template <typename T>
     void operator()(T* object) const {
         Function(object);

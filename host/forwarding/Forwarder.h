@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/infra/Export.h"
 #include "common/infra/IParcelOutbox.h"
 #include "common/infra/Lock.h"
 #include "host/forwarding/Account.h"
@@ -14,24 +15,24 @@
 #include <thread>
 #include <vector>
 
-// The consumer at the outbox's other end: a thread that forwards what is pushed until it is
-// stopped.
+// The consumer of the outbox: a thread that forwards the parcels pushed into it, until stop().
 //
 //     ForwarderOptions options;
 //     options.spool = SpoolOptions{"/var/lib/service/spool"};
-//     Forwarder forwarder(outbox, std::make_unique<KafkaSink>(...), {}, options);
+//     Forwarder forwarder(outbox, makeKafkaSink(settings), {}, options);
 //     ...
 //     forwarder.stop(std::chrono::seconds(5));
 //     std::cerr << forwarder.account().numbers().text() << std::endl;
-class Forwarder {
+class ANALYTICS_TAG Forwarder {
 public:
-    // Sends to `engine`; and to `beside`, sinks that answer within send(), what was accepted. These
-    // and the outbox have to outlive this, and from now on nobody else takes parcels out of the
-    // outbox. Throws std::runtime_error, with path and reason, if the spool cannot be had.
+    // Sends each record to `engine`, and each accepted record to the sinks in `beside`, which must
+    // answer within send(). These and the outbox must outlive this, and nobody else takes parcels
+    // out of the outbox. Throws std::runtime_error, with path and reason, if the spool cannot be
+    // opened.
     Forwarder(ParcelOutbox& outbox, std::unique_ptr<ISink> engine, std::vector<ISink*> beside,
               const ForwarderOptions& options);
-    // Waits for the sink's call that is running, and ends the engine's sink. What still waits in
-    // memory is lost.
+    // Waits for the running call of a sink, and destroys `engine`. Records that still wait in
+    // memory are lost.
     ~Forwarder();
     Forwarder(const Forwarder&) = delete;
     Forwarder& operator=(const Forwarder&) = delete;

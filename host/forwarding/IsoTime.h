@@ -1,15 +1,16 @@
 #pragma once
 
 #include "common/infra/Defs.h"
+#include "common/infra/Export.h"
 
 #include <string>
 
 // "2026-11-22T21:49:54.123Z" for milliseconds since the Unix epoch.
-std::string isoUtc(u64 epochMs);
+ANALYTICS_TAG std::string isoUtc(u64 epochMs);
 
 // The same for many moments of which most are in the second of the one before: it is formatted
 // once. One thread at a time.
-class IsoTime {
+class ANALYTICS_TAG IsoTime {
 public:
     void append(std::string& out, u64 epochMs);
 

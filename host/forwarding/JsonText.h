@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/infra/Export.h"
+
 #include <fmt/format.h>
 
 #include <string>
@@ -9,10 +11,10 @@
 
 // A string literal with its quotes. Bytes that are no UTF-8 become U+FFFD, one for each longest
 // part of a character.
-void appendJsonString(std::string& out, std::string_view text);
+ANALYTICS_TAG void appendJsonString(std::string& out, std::string_view text);
 
 template <typename Integer>
-void appendJsonNumber(std::string& out, Integer value) {
+ANALYTICS_TAG void appendJsonNumber(std::string& out, Integer value) {
     const fmt::format_int digits(value);
     out.append(digits.data(), digits.size());
 }

@@ -175,8 +175,8 @@ private:
         {
             const CheckedLock lock(m_mutex); // until end() has returned
         }
-        // Here, where nobody waits: it waits for the library's threads, which may be looking for a
-        // name.
+        // Destroying the handle may wait for a DNS lookup, so this thread does it: no other thread
+        // waits for it.
         m_queue.reset();
         m_handle.reset();
         m_hasEnded = true;
@@ -220,7 +220,7 @@ private:
             RD_KAFKA_V_END);
     }
 
-    // Without the memory to say so, it stays in flight, until the forwarder gives it up.
+    // Without memory for the answer, the record stays in flight until the forwarder gives it up.
     void refuse(u64 ticket, rd_kafka_resp_err_t error) {
         const bool isLost = isOfTheRecord(error);
         if (!isLost) {
@@ -245,7 +245,7 @@ private:
         answer(std::move(answers));
     }
 
-    // For what is in flight. With nothing in flight, nobody may listen any more.
+    // Passes on the answers of records in flight. With none in flight, nobody may listen any more.
     void answer(std::vector<Answer> answers) {
         {
             const CheckedLock lock(m_mutex);
@@ -285,7 +285,7 @@ private:
         }
     }
 
-    // What is still queued would overtake what has failed.
+    // Records that are still queued would overtake those that failed.
     void stopProducing() ANALYTICS_REQUIRES(m_mutex) {
         if (!m_isBroken.exchange(true)) {
             rd_kafka_purge(m_handle.get(), RD_KAFKA_PURGE_F_QUEUE | RD_KAFKA_PURGE_F_INFLIGHT |

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/infra/Export.h"
 #include "host/forwarding/Sink.h"
 
 #include <map>
@@ -7,7 +8,7 @@
 #include <string>
 
 // Where and how records go to Apache Kafka.
-class KafkaSettings {
+class ANALYTICS_TAG KafkaSettings {
 public:
     std::string brokers; // "host:port,host:port"
     std::string topic;
@@ -35,4 +36,4 @@ private:
 // Throws std::runtime_error for a property that librdkafka does not know or take, for one that the
 // sink has to set itself, and for a topic that the brokers do not have. Brokers that do not answer
 // this question within three seconds are nothing wrong: records wait for them.
-std::unique_ptr<ISink> makeKafkaSink(const KafkaSettings& settings);
+ANALYTICS_TAG std::unique_ptr<ISink> makeKafkaSink(const KafkaSettings& settings);

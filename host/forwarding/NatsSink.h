@@ -1,12 +1,13 @@
 #pragma once
 
+#include "common/infra/Export.h"
 #include "host/forwarding/Sink.h"
 
 #include <memory>
 #include <string>
 
 // Where and how records go to NATS JetStream.
-struct NatsSettings {
+struct ANALYTICS_TAG NatsSettings {
     std::string urls;    // "nats://host:port,nats://host:port"
     std::string subject; // that a stream takes
     // Files, as nats users keep them; empty: none.
@@ -25,4 +26,4 @@ struct NatsSettings {
 // Throws std::runtime_error for a file or a URL that is none, for credentials that the server
 // refuses, and for a subject that no stream takes. Servers that are away are nothing wrong: it goes
 // on to look for them.
-std::unique_ptr<ISink> makeNatsSink(const NatsSettings& settings);
+ANALYTICS_TAG std::unique_ptr<ISink> makeNatsSink(const NatsSettings& settings);

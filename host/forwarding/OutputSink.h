@@ -1,12 +1,13 @@
 #pragma once
 
+#include "common/infra/Export.h"
 #include "host/forwarding/OutputFile.h"
 #include "host/forwarding/ParcelFormat.h"
 #include "host/forwarding/Sink.h"
 
 // Writes records to a file or to standard output, as JSON lines or as text to read: one write for a
 // batch. Each is answered within send(), which waits where the output is full but non-blocking.
-class OutputSink final : public ISink {
+class ANALYTICS_TAG OutputSink final : public ISink {
 public:
     OutputSink(OutputFile& output, ParcelFormat format) : m_output(output), m_format(format) {}
 

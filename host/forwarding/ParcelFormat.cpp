@@ -18,21 +18,6 @@ namespace {
 
 using Out = std::back_insert_iterator<std::string>;
 
-const char* accountName(AnalyticsParcel::AccountType account) {
-    return account == AnalyticsParcel::QEM ? "QEM" : "KEL";
-}
-
-const char* priorityName(AnalyticsParcel::Priority priority) {
-    switch (priority) {
-    case AnalyticsParcel::High:
-        return "High";
-    case AnalyticsParcel::Critical:
-        return "Critical";
-    default:
-        return "Normal";
-    }
-}
-
 void writeIfAny(Out out, const char* name, const std::string& text) {
     if (!text.empty()) {
         fmt::format_to(out, "  {}: {}\n", name, text);
@@ -114,7 +99,7 @@ std::string boundText(const LatencyClass& latencyClass, const AnalyticsParcel& p
 void writeClass(Out out, const LatencyClass& latencyClass, const std::string& bound, u32 count,
                 u64 total, bool inColour) {
     constexpr u64 barWidth = 25;
-    // An I/O is an I/O: a class that is not empty shows at least one mark.
+    // A class with at least one I/O shows at least one mark.
     const u64 marks = total == 0 ? 0 : (count * barWidth + total - 1) / total;
     const double share = total == 0 ? 0.0 : 100.0 * count / static_cast<double>(total);
     const auto style = inColour ? fmt::fg(latencyClass.colour) : fmt::text_style();
@@ -240,6 +225,21 @@ void writeRest(Out out, const AnalyticsParcel& parcel, const Entries& entries) {
 }
 
 } // namespace
+
+const char* accountName(AnalyticsParcel::AccountType account) {
+    return account == AnalyticsParcel::QEM ? "QEM" : "KEL";
+}
+
+const char* priorityName(AnalyticsParcel::Priority priority) {
+    switch (priority) {
+    case AnalyticsParcel::High:
+        return "High";
+    case AnalyticsParcel::Critical:
+        return "Critical";
+    default:
+        return "Normal";
+    }
+}
 
 std::string formatParcel(const AnalyticsParcel& parcel, bool inColour) {
     std::string text;

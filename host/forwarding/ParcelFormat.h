@@ -1,13 +1,18 @@
 #pragma once
 
 #include "common/Analytics/AnalyticsParcel.h"
+#include "common/infra/Export.h"
 
 #include <string>
 
-enum class ParcelFormat { Text, JsonLines };
+// "KEL" or "QEM"; "Normal", "High" or "Critical".
+ANALYTICS_TAG const char* accountName(AnalyticsParcel::AccountType account);
+ANALYTICS_TAG const char* priorityName(AnalyticsParcel::Priority priority);
+
+enum class ANALYTICS_TAG ParcelFormat { Text, JsonLines };
 
 // A parcel to read, in lines of at most 80 columns where its own texts are not longer. A storage
 // report, which is any parcel with the entries cm1 to cm5, is laid out as a table of the latency
 // classes and the figures that came with it; any other parcel as its fields. Entries that have no
 // place of their own are listed as "name = value". `inColour` is for a terminal.
-std::string formatParcel(const AnalyticsParcel& parcel, bool inColour);
+ANALYTICS_TAG std::string formatParcel(const AnalyticsParcel& parcel, bool inColour);

@@ -1,5 +1,6 @@
 #include "host/forwarding/PrometheusCollector.h"
 
+#include "host/services/Clock.h"
 #include "host/services/StorageEntries.h"
 
 #include <algorithm>
@@ -19,8 +20,7 @@ constexpr std::array<const char*, 4> boundKeys = {"boundFastUs", "boundModerateU
                                                   "boundVerySlowUs"};
 constexpr std::array<std::pair<const char*, const char*>, 5> quantileKeys = {
     {{"p50Us", "0.5"}, {"p90Us", "0.9"}, {"p99Us", "0.99"}, {"p999Us", "0.999"}, {"maxUs", "1"}}};
-constexpr double secondUs = 1e6;
-constexpr double secondMs = 1e3;
+constexpr auto usPerSecond = static_cast<double>(nsPerSecond / nsPerUs);
 
 template <typename Map>
 u64 entry(const Map& entries, const char* key) {
@@ -110,10 +110,10 @@ void PrometheusCollector::measure(Storage& storage, const AnalyticsParcel& repor
     for (std::size_t i = 0; i < quantileKeys.size(); ++i) {
         const auto us = static_cast<double>(entry(entries, quantileKeys[i].first));
         storage.quantileSeconds[i] =
-            isIdle ? std::numeric_limits<double>::quiet_NaN() : us / secondUs;
+            isIdle ? std::numeric_limits<double>::quiet_NaN() : us / usPerSecond;
     }
     for (std::size_t i = 0; i < boundKeys.size(); ++i) {
-        storage.boundSeconds[i] = static_cast<double>(entry(entries, boundKeys[i])) / secondUs;
+        storage.boundSeconds[i] = static_cast<double>(entry(entries, boundKeys[i])) / usPerSecond;
     }
     storage.hasReport = true;
 }
@@ -128,7 +128,7 @@ std::vector<MetricFamily> PrometheusCollector::familiesOf(const Storage& storage
                     static_cast<double>(storage.episodes)),
         makeCounter("analytics_storage_episode_seconds_total",
                     "Durations of the high-latency episodes.",
-                    static_cast<double>(storage.episodeMs) / secondMs)};
+                    static_cast<double>(storage.episodeMs) / OneSecondInMs)};
     if (storage.hasReport) {
         // No summary: the sum that goes with one is not known.
         MetricFamily latency =

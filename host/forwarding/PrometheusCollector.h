@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/Analytics/AnalyticsParcel.h"
+#include "common/infra/Export.h"
 #include "common/infra/Lock.h"
 #include "host/forwarding/Account.h"
 
@@ -33,7 +34,7 @@
 //     collector->advance(report);
 //
 // Any thread.
-class PrometheusCollector final : public prometheus::Collectable {
+class ANALYTICS_TAG PrometheusCollector final : public prometheus::Collectable {
 public:
     using AccountSource = std::function<AccountNumbers()>;
 

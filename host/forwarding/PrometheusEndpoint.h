@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/infra/Export.h"
 #include "host/forwarding/Account.h"
 #include "host/forwarding/Sink.h"
 
@@ -9,7 +10,7 @@
 
 // A sink beside the engine that shows PrometheusCollector's figures at http://ADDRESS:PORT/metrics.
 // It keeps no record: what it is sent is delivered.
-class IPrometheusEndpoint : public ISink {
+class ANALYTICS_TAG IPrometheusEndpoint : public ISink {
 public:
     // See PrometheusCollector. Any thread; empty before the account ends.
     virtual void followAccount(std::function<AccountNumbers()> account) = 0;
@@ -19,4 +20,5 @@ public:
 
 // `address` is "ADDRESS:PORT", or "PORT" alone for the loopback interface. Throws
 // std::runtime_error if it is none, cannot be listened at, or the build has left the library out.
-std::unique_ptr<IPrometheusEndpoint> openPrometheusEndpoint(const std::string& address);
+ANALYTICS_TAG std::unique_ptr<IPrometheusEndpoint>
+openPrometheusEndpoint(const std::string& address);

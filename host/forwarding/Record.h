@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/infra/Defs.h"
+#include "common/infra/Export.h"
 
 #include <memory>
 #include <string>
@@ -8,13 +9,13 @@
 class AnalyticsParcel;
 
 // Who made a record. Shared by the records of a process.
-struct Origin {
+struct ANALYTICS_TAG Origin {
     std::string host; // the machine; the key under which an engine keeps the order
     std::string boot; // the process: random, new in each
 };
 
 // One parcel on its way out. docs/records.md describes the line.
-struct Record {
+struct ANALYTICS_TAG Record {
     u64 ticket = 0;   // the forwarder's number, ascending in the order of sending; this run's only
     u64 sequence = 0; // within the origin, from 1 without gaps
     std::shared_ptr<const Origin> origin;

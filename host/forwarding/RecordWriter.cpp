@@ -1,6 +1,7 @@
 #include "host/forwarding/RecordWriter.h"
 
 #include "host/forwarding/JsonText.h"
+#include "host/forwarding/ParcelFormat.h"
 
 #include <fmt/format.h>
 
@@ -45,21 +46,6 @@ constexpr FieldType doubles{
 constexpr FieldType ints{
     "object of signed integers of 32 bits",
     R"({"type": "object", "additionalProperties": {"type": "integer", "minimum": -2147483648, "maximum": 2147483647}})"};
-
-const char* accountName(AnalyticsParcel::AccountType type) {
-    return type == AnalyticsParcel::QEM ? R"("QEM")" : R"("KEL")";
-}
-
-const char* priorityName(AnalyticsParcel::Priority level) {
-    switch (level) {
-    case AnalyticsParcel::High:
-        return R"("High")";
-    case AnalyticsParcel::Critical:
-        return R"("Critical")";
-    default:
-        return R"("Normal")";
-    }
-}
 
 std::string quoted(std::string_view raw) {
     std::string literal;
@@ -139,10 +125,12 @@ const std::array<RecordFields::Field, 21> RecordFields::all = {{
          appendJsonString(out, given.parcel.getCategory());
      }},
     {"account", account, "account of the parcel",
-     [](std::string& out, const Given& given) { out += accountName(given.parcel.getAccount()); }},
+     [](std::string& out, const Given& given) {
+         appendJsonString(out, accountName(given.parcel.getAccount()));
+     }},
     {"priority", priority, "priority of the event",
      [](std::string& out, const Given& given) {
-         out += priorityName(given.parcel.getEventPriority());
+         appendJsonString(out, priorityName(given.parcel.getEventPriority()));
      }},
     {"value", u32Number, "the event's value; of a storage report, mean episode in ms",
      [](std::string& out, const Given& given) { appendJsonNumber(out, given.parcel.getValue()); }},

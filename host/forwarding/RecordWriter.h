@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/Analytics/AnalyticsParcel.h"
+#include "common/infra/Export.h"
 #include "host/forwarding/IsoTime.h"
 #include "host/forwarding/Record.h"
 
@@ -8,9 +9,11 @@
 #include <string_view>
 #include <vector>
 
+struct ANALYTICS_TAG RecordFields;
+
 // Makes records' lines of parcels. docs/records.md describes the fields; the writer and the schema
 // come from one table of them. One thread at a time.
-class RecordWriter {
+class ANALYTICS_TAG RecordWriter {
 public:
     RecordWriter(const Origin& origin, std::string_view service);
 
@@ -18,7 +21,7 @@ public:
     std::string line(const AnalyticsParcel& parcel, u64 sequence, u64 forwardedAtMs);
 
 private:
-    friend struct RecordFields;
+    friend RecordFields;
 
     // JSON tokens that are in every record.
     const std::string m_host;
@@ -32,7 +35,7 @@ private:
 };
 
 // The JSON Schema (draft 2020-12) of a record.
-std::string recordSchema();
+ANALYTICS_TAG std::string recordSchema();
 
 // The fields, in their order, with what each means, as rows of the table in docs/records.md.
-std::string recordFieldRows();
+ANALYTICS_TAG std::string recordFieldRows();

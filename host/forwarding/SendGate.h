@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/infra/Defs.h"
+#include "common/infra/Export.h"
 #include "host/forwarding/Wakeup.h"
 
 #include <algorithm>
@@ -13,8 +14,8 @@
 //     draining   | nothing is in flight: drained()    | backing off
 //     backing off| its time has come, or hurry()      | open
 //
-// Each back-off without a delivery since the last takes twice as long. One thread at a time.
-class SendGate {
+// The back-off doubles until a record is delivered. One thread at a time.
+class ANALYTICS_TAG SendGate {
 public:
     // Nanoseconds, of the first back-off and of the longest.
     SendGate(u64 firstNs, u64 longestNs) : m_firstNs(firstNs), m_longestNs(longestNs) {}

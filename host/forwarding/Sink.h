@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/infra/Defs.h"
+#include "common/infra/Export.h"
 #include "host/forwarding/Record.h"
 
 #include <cstddef>
@@ -9,13 +10,13 @@
 #include <vector>
 
 // What becomes of a record that was sent.
-enum class Fate : u32 {
+enum class ANALYTICS_TAG Fate : u32 {
     Delivered, // the engine has it
     Failed,    // it never will: another attempt would end the same way
     TryAgain   // another attempt may succeed
 };
 
-struct Answer {
+struct ANALYTICS_TAG Answer {
     u64 ticket = 0;
     Fate fate = Fate::Delivered;
     // Why not, in a few words, if it was not delivered. Failures are counted by reason, so it holds
@@ -24,14 +25,13 @@ struct Answer {
 };
 
 // Takes the answers of a sink: the forwarder.
-class IAnswers {
+class ANALYTICS_TAG IAnswers {
 public:
     virtual ~IAnswers() = default;
 
-    // Any thread, also within ISink::send() and purge(), and with locks of the sink held: it takes
-    // a lock that is held briefly and never while a sink is called, and it waits for nothing. It
-    // needs no memory for one answer of each record in flight. An answer of a ticket that is not in
-    // flight is ignored.
+    // Any thread may call it, also from send() and purge() and while holding locks of the sink. It
+    // never calls a sink while it holds its own lock, and it does not wait. It needs no memory for
+    // one answer of each record in flight. It ignores answers of tickets that are not in flight.
     virtual void answer(std::vector<Answer> answers) = 0;
 
     void answerOne(u64 ticket, Fate fate, std::string reason = {}) {
@@ -42,7 +42,7 @@ public:
 };
 
 // "Delivered" for every record of the batch.
-inline std::vector<Answer> deliveredAll(const std::vector<const Record*>& batch) {
+ANALYTICS_TAG inline std::vector<Answer> deliveredAll(const std::vector<const Record*>& batch) {
     std::vector<Answer> answers(batch.size());
     for (std::size_t i = 0; i < batch.size(); ++i) {
         answers[i].ticket = batch[i]->ticket;
@@ -50,8 +50,8 @@ inline std::vector<Answer> deliveredAll(const std::vector<const Record*>& batch)
     return answers;
 }
 
-// They have failed for good.
-inline void failAll(std::vector<Answer>& answers, const std::string& reason) {
+// Makes all of them failures.
+ANALYTICS_TAG inline void failAll(std::vector<Answer>& answers, const std::string& reason) {
     for (Answer& answer : answers) {
         answer.fate = Fate::Failed;
         answer.reason = reason;
@@ -78,7 +78,7 @@ inline void failAll(std::vector<Answer>& answers, const std::string& reason) {
 // time-out, the forwarder sends nothing more, calls purge(), waits until nothing is in flight,
 // backs off, and sends again from the oldest record that was neither delivered nor failed, in
 // order.
-class ISink {
+class ANALYTICS_TAG ISink {
 public:
     static constexpr std::size_t maxRecords = 8192;
     static constexpr std::size_t maxBytes = std::size_t{16} << 20U;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/infra/Export.h"
 #include "host/forwarding/Record.h"
 
 #include <cstddef>
@@ -9,23 +10,23 @@
 #include <utility>
 #include <vector>
 
-struct SpoolOptions {
+struct ANALYTICS_TAG SpoolOptions {
     std::string path;
     u64 limitBytes = u64{256} << 20U; // of the records; the file is a little larger
     bool isDurable = false;           // a commit survives a power cut, not only the process
 };
 
-// Something of the spool could not be done. What was committed stays.
-class SpoolError : public std::runtime_error {
+// An operation of the spool failed. What was committed stays.
+class ANALYTICS_TAG SpoolError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 // The file is damaged.
-class SpoolDamage : public SpoolError {
+class ANALYTICS_TAG SpoolDamage : public SpoolError {
     using SpoolError::SpoolError;
 };
 
 // Records of an origin that were evicted: `count` of those from `first` to `last`.
-struct EvictedRange {
+struct ANALYTICS_TAG EvictedRange {
     u64 id = 0; // the spool's
     Origin origin;
     u64 first = 0;
@@ -34,18 +35,18 @@ struct EvictedRange {
 };
 
 // What one transaction does, in this order.
-struct SpoolChange {
+struct ANALYTICS_TAG SpoolChange {
     std::vector<u64> done;                 // tickets of records to delete, ascending
     std::vector<const Record*> added;      // by ticket, higher than all before
     std::vector<std::pair<u64, u64>> told; // a range's id, the ticket of the record that tells it
 };
 
 // Records in a file that survives the process, oldest first, bounded in bytes: a transaction beyond
-// the bound evicts the oldest. What was evicted is kept as ranges until a record that tells of it
-// is done. The file is an SQLite database that one process at a time has open.
+// the bound evicts the oldest. The spool remembers evicted ranges until a RecordsEvictedParcel
+// about them is delivered. The file is an SQLite database that one process at a time has open.
 //
 // One thread at a time.
-class Spool {
+class ANALYTICS_TAG Spool {
 public:
     // A damaged file is put aside as FILE.damaged-1 or the next that is free, and logged. Throws
     // std::runtime_error, with path and reason, also if another process has the file.
@@ -58,16 +59,17 @@ public:
     u64 bytes() const { return m_bytes; }
     u64 lastTicket() const { return m_lastTicket; } // of all that were ever added; 0: none
 
-    // For an eighth of the limit.
+    // Whether an eighth of the limit is free.
     bool hasRoom() const { return m_bytes <= m_options.limitBytes - m_options.limitBytes / 8; }
-    // Whether there are ranges that no record in the spool tells of.
+    // Whether an evicted range still needs a RecordsEvictedParcel.
     bool hasUntold() const { return m_hasUntold; }
 
     // Returns the tickets that were evicted, ascending. A throw leaves everything as it was.
     std::vector<u64> commit(const SpoolChange& change);
-    // The records with tickets above `ticket`, oldest first: up to so many, or bytes.
+    // The records with tickets above `ticket`, oldest first. Stops at `maxRecords`, and with the
+    // record that reaches `maxBytes`.
     std::vector<Record> read(u64 ticket, std::size_t maxRecords, std::size_t maxBytes);
-    // These ranges.
+    // The ranges that still need one.
     std::vector<EvictedRange> untold();
 
     // Puts a damaged file aside and begins an empty one. After a throw it is to be called again

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/infra/Defs.h"
+#include "common/infra/Export.h"
 
 #include <memory>
 #include <stdexcept>
@@ -12,7 +13,7 @@ struct sqlite3_stmt;
 
 // SQLite's connections and statements as objects. One thread at a time.
 
-class SqliteError : public std::runtime_error {
+class ANALYTICS_TAG SqliteError : public std::runtime_error {
 public:
     SqliteError(const std::string& text, int code) : std::runtime_error(text), m_code(code) {}
     // What is read makes no sense.
@@ -27,8 +28,11 @@ private:
     int m_code;
 };
 
-// What is given out throws SqliteError when it fails.
-class SqliteDatabase {
+class ANALYTICS_TAG SqliteStatement;
+class ANALYTICS_TAG SqliteTransaction;
+
+// Operations throw SqliteError.
+class ANALYTICS_TAG SqliteDatabase {
 public:
     explicit SqliteDatabase(const std::string& path);
 
@@ -48,13 +52,13 @@ private:
 // A statement that is run many times:
 //
 //     for (statement.bind(1, ticket); statement.next();) { use(statement.number(0)); }
-class SqliteStatement {
+class ANALYTICS_TAG SqliteStatement {
 public:
     SqliteStatement(SqliteDatabase& database, std::string_view sql);
 
-    // A value for the next run; leaves the rows of the last one that are left.
+    // Binds a value for the next run and drops unread rows of the last run.
     void bind(int parameter, u64 value);
-    // The text has to stay as it is until the statement has been run.
+    // The text must stay unchanged until the statement has been run.
     void bind(int parameter, std::string_view value);
     void bindBytes(int parameter, std::string_view value);
 
@@ -62,7 +66,7 @@ public:
     bool next();
     // For a statement without rows.
     void run();
-    // Leaves the rows that are left.
+    // Drops unread rows.
     void reset();
 
     u64 number(int column) const;
@@ -76,7 +80,7 @@ private:
 };
 
 // A transaction, rolled back unless it is committed.
-class SqliteTransaction {
+class ANALYTICS_TAG SqliteTransaction {
 public:
     explicit SqliteTransaction(SqliteDatabase& database);
     ~SqliteTransaction();

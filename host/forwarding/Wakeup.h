@@ -1,15 +1,16 @@
 #pragma once
 
 #include "common/infra/Defs.h"
+#include "common/infra/Export.h"
 #include "common/infra/Lock.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <utility>
 
-// What one thread waits for and others end. A wake-up that comes while nobody waits ends the next
+// One thread waits; others wake it. A wake-up that comes while nobody waits ends the next
 // wait. Any thread.
-class Wakeup {
+class ANALYTICS_TAG Wakeup {
 public:
     static constexpr u64 never = ~u64{0};
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/Analytics/AnalyticsParcel.h"
+#include "common/infra/Export.h"
 #include "common/infra/TrackedAllocation.h"
 #include "host/forwarding/Record.h"
 
@@ -11,7 +12,7 @@
 
 // The records that are in memory to be sent, oldest first: those in flight and those that wait. One
 // thread at a time.
-class Window {
+class ANALYTICS_TAG Window {
 public:
     struct InFlight {
         bool wasEvicted; // its place in the spool was given up since

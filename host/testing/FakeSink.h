@@ -1,12 +1,14 @@
 #pragma once
 
+#include "common/infra/Export.h"
+#include "common/infra/Lock.h"
 #include "host/forwarding/Record.h"
 #include "host/forwarding/Sink.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <functional>
-#include <mutex>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,39 +23,34 @@
 //     sink.answer(1, Fate::Failed, "too large");
 //
 // Any thread. The members are set before the forwarder starts.
-class FakeSink final : public ISink {
+class ANALYTICS_TAG FakeSink final : public ISink {
 public:
     const char* name() const override { return "engine"; }
     void start(IAnswers& answers) override { m_answers = &answers; }
     void send(const std::vector<const Record*>& batch) override {
+        std::vector<Answer> delivered = deliveredAll(batch);
         {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            for (const Record* record : batch) {
-                m_inFlight.push_back(record);
-                m_calls.push_back(record->sequence);
-                m_lines.push_back(record->line);
-            }
+            const CheckedLock lock(m_mutex);
+            take(batch);
         }
         if (deliversAtOnce) {
-            answerAll(Fate::Delivered);
+            m_answers->answer(std::move(delivered));
         }
         if (onSend) {
             onSend();
         }
     }
     void purge() override {
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            m_calls.push_back(purged);
-        }
         if (purgesAtOnce) {
             answerAll(Fate::TryAgain, "purged");
         }
+        const CheckedLock lock(m_mutex);
+        m_calls.push_back(purged);
     }
 
     // What was called since the last look: the sequences sent, and purges, such as "1-3 purge 2".
     std::string calls() {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const CheckedLock lock(m_mutex);
         const std::vector<u64> calls = std::exchange(m_calls, {});
         std::string text;
         for (std::size_t i = 0; i < calls.size(); ++i) {
@@ -72,7 +69,7 @@ public:
     void answer(u64 sequence, Fate fate, const std::string& reason = {}) {
         u64 ticket = 0;
         {
-            const std::lock_guard<std::mutex> lock(m_mutex);
+            const CheckedLock lock(m_mutex);
             const auto record =
                 std::find_if(m_inFlight.begin(), m_inFlight.end(),
                              [&](const Record* each) { return each->sequence == sequence; });
@@ -82,18 +79,26 @@ public:
         m_answers->answerOne(ticket, fate, reason);
     }
     void answerAll(Fate fate, const std::string& reason = {}) {
-        std::vector<const Record*> records;
+        std::vector<Answer> answers;
         {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            records.swap(m_inFlight);
+            const CheckedLock lock(m_mutex);
+            for (const Record* record : m_inFlight) {
+                answers.push_back({record->ticket, fate, reason});
+            }
+            m_inFlight.clear();
         }
-        for (const Record* record : records) {
-            m_answers->answerOne(record->ticket, fate, reason);
+        if (!answers.empty()) {
+            m_answers->answer(std::move(answers));
         }
+    }
+    // Records that wait for their answer.
+    std::size_t inFlight() const {
+        const CheckedLock lock(m_mutex);
+        return m_inFlight.size();
     }
     // The lines of all records sent.
     std::vector<std::string> lines() const {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const CheckedLock lock(m_mutex);
         return m_lines;
     }
 
@@ -104,9 +109,27 @@ public:
 private:
     static constexpr u64 purged = 0; // no record's sequence
 
+    // A throw leaves everything as it was.
+    void take(const std::vector<const Record*>& batch) ANALYTICS_REQUIRES(m_mutex) {
+        std::vector<std::string> lines;
+        for (const Record* record : batch) {
+            lines.push_back(record->line);
+        }
+        m_inFlight.reserve(m_inFlight.size() + batch.size());
+        m_calls.reserve(m_calls.size() + batch.size());
+        m_lines.insert(m_lines.end(), std::make_move_iterator(lines.begin()),
+                       std::make_move_iterator(lines.end()));
+        for (const Record* record : batch) {
+            m_calls.push_back(record->sequence);
+            if (!deliversAtOnce) {
+                m_inFlight.push_back(record);
+            }
+        }
+    }
+
     IAnswers* m_answers = nullptr;
-    mutable std::mutex m_mutex; // of what follows
-    std::vector<const Record*> m_inFlight;
-    std::vector<u64> m_calls;
-    std::vector<std::string> m_lines;
+    mutable CheckedMutex m_mutex;
+    std::vector<const Record*> m_inFlight ANALYTICS_GUARDED_BY(m_mutex);
+    std::vector<u64> m_calls ANALYTICS_GUARDED_BY(m_mutex);
+    std::vector<std::string> m_lines ANALYTICS_GUARDED_BY(m_mutex);
 };

@@ -1,10 +1,11 @@
 #pragma once
 
+#include "common/infra/Export.h"
+#include "common/infra/Lock.h"
 #include "host/forwarding/Sink.h"
 
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,10 +18,10 @@
 //     EXPECT_EQ(answers.take(1), "7 delivered");
 //
 // Any thread; outlives the sink's answers.
-class RecordingAnswers final : public IAnswers {
+class ANALYTICS_TAG RecordingAnswers final : public IAnswers {
 public:
     void answer(std::vector<Answer> answers) override {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const CheckedLock lock(m_mutex);
         for (Answer& each : answers) {
             m_answers.push_back(std::move(each));
         }
@@ -30,9 +31,11 @@ public:
     // Waits for so many answers, at most 10 s. What was answered since the last look, such as
     // "7 delivered, 8 failed: too large, 9 try again: away".
     std::string take(std::size_t count) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait_for(lock, std::chrono::seconds(10),
-                           [&] { return m_answers.size() >= count; });
+        CheckedLock lock(m_mutex);
+        m_changed.wait_for(lock, std::chrono::seconds(10), [&] {
+            m_mutex.assumeHeld();
+            return m_answers.size() >= count;
+        });
         std::string text;
         for (const Answer& each : std::exchange(m_answers, {})) {
             text += (text.empty() ? "" : ", ") + std::to_string(each.ticket) + nameOf(each.fate) +
@@ -48,7 +51,7 @@ private:
                                        : " try again";
     }
 
-    std::mutex m_mutex;
+    CheckedMutex m_mutex;
     std::condition_variable m_changed;
-    std::vector<Answer> m_answers; // under m_mutex
+    std::vector<Answer> m_answers ANALYTICS_GUARDED_BY(m_mutex);
 };
