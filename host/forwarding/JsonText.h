@@ -14,7 +14,7 @@
 ANALYTICS_TAG void appendJsonString(std::string& out, std::string_view text);
 
 template <typename Integer>
-ANALYTICS_TAG void appendJsonNumber(std::string& out, Integer value) {
+static void appendJsonNumber(std::string& out, Integer value) {
     const fmt::format_int digits(value);
     out.append(digits.data(), digits.size());
 }

@@ -10,7 +10,7 @@
 #include <vector>
 
 // What becomes of a record that was sent.
-enum class ANALYTICS_TAG Fate : u32 {
+enum class Fate : u32 {
     Delivered, // the engine has it
     Failed,    // it never will: another attempt would end the same way
     TryAgain   // another attempt may succeed
