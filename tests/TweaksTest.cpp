@@ -193,7 +193,7 @@ TEST_F(TweaksFileTest, FollowsTheWayToTheFile) {
         {WarnLevel, "put d; ln d/f b/f", "-> 8"},
         {ErrorLevel, "rm b/f; mkfifo b/f", "is not a regular file, expected a file of tunables"},
         {WarnLevel, "rm b/f; put b", "-> 10"},
-        {ErrorLevel, "rm b/f; ln -s f b/f", "(Too many levels of symbolic links)"},
+        {ErrorLevel, "ln -s f loop; mv -T loop b/f", "(Too many levels of symbolic links)"},
         {ErrorLevel, "rm -r b", missing},
         {WarnLevel, "put b", "-> 13"},
         {ErrorLevel, "put swap -; mv swap/f b/f",
