@@ -224,6 +224,10 @@ TEST_F(KafkaSinkTest, NothingIsProducedBehindARecordThatTheProducerDoesNotTakeNo
                                "3 try again: Local: Queue full, "
                                "4 try again: Local: Purged in queue, "
                                "2 try again: Local: Purged in queue");
+    sink->purge();
+    sink->send({&queued});
+    sink->purge();
+    EXPECT_EQ(answers.take(1), "2 try again: given up");
 }
 
 TEST_F(KafkaSinkTest, BrokersThatAreAwayAreWaitedFor) {

@@ -253,6 +253,7 @@ TEST_F(NatsSinkTest, AKillAtAnyMomentLosesNothingThatWasAccepted) {
 TEST_F(NatsSinkTest, AServerThatIsAwayIsWaitedFor) {
     Sending early(makeNatsSink(cluster.settings()));
     early.push(100);
+    EXPECT_TRUE(log.waitFor("NATS takes no records: ("));
     EXPECT_EQ(early.end(std::chrono::seconds(1)).waiting, 101U) << "it ends in time";
     cluster.start();
     cluster.kill(0);

@@ -54,8 +54,7 @@ TEST(RecordWriterTest, ATimeIsThatOfItsOwnSecondAndAPriorityHasItsName) {
     RecordWriter writer = makeWriter();
     AnalyticsParcel parcel;
     for (const auto& [ms, text, priority, name] :
-         {std::tuple(0U, "1970-01-01T00:00:00.000Z", AnalyticsParcel::Normal, "Normal"),
-          {999U, "1970-01-01T00:00:00.999Z", AnalyticsParcel::High, "High"},
+         {std::tuple(1U, "1970-01-01T00:00:00.001Z", AnalyticsParcel::High, "High"),
           {1'000U, "1970-01-01T00:00:01.000Z", AnalyticsParcel::Normal, "Normal"},
           {999U, "1970-01-01T00:00:00.999Z", AnalyticsParcel::High, "High"}}) {
         parcel.setEventPriority(priority);
