@@ -2,9 +2,7 @@
 
 #include "common/Analytics/AnalyticsParcelSender.h"
 #include "tests/support/LibraryTest.h"
-
-#include <functional>
-#include <limits>
+#include "tests/support/Test.h"
 
 namespace {
 

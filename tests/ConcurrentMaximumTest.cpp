@@ -1,11 +1,5 @@
 #include "common/Analytics/AnalyticsConcurrentMaximumMetric.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <future>
-#include <thread>
-#include <vector>
+#include "tests/support/Test.h"
 
 namespace {
 

@@ -7,12 +7,9 @@
 #include "host/testing/RecordingLog.h"
 #include "tests/support/FailingMemory.h"
 #include "tests/support/Files.h"
+#include "tests/support/Test.h"
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-
-#include <optional>
-#include <sstream>
 
 namespace {
 

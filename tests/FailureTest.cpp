@@ -11,9 +11,7 @@
 #include "tests/support/Action.h"
 #include "tests/support/FailingMemory.h"
 #include "tests/support/Files.h"
-
-#include <future>
-#include <optional>
+#include "tests/support/Test.h"
 
 namespace {
 

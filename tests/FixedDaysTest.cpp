@@ -1,9 +1,6 @@
 #include "common/Analytics/FixedDaysSchedulingPolicy.h"
 #include "host/testing/LogText.h"
-
-#include <gtest/gtest.h>
-
-#include <climits>
+#include "tests/support/Test.h"
 
 namespace {
 

@@ -7,12 +7,7 @@
 #include "host/testing/FakeSink.h"
 #include "host/testing/RecordingLog.h"
 #include "tests/support/Files.h"
-
-#include <gtest/gtest.h>
-
-#include <array>
-#include <future>
-#include <new>
+#include "tests/support/Test.h"
 
 namespace {
 

@@ -6,12 +6,10 @@
 #include "tests/support/Files.h"
 #include "tests/support/Forwarding.h"
 #include "tests/support/Process.h"
+#include "tests/support/Test.h"
 
-#include <gtest/gtest.h>
 #include <librdkafka/rdkafka.h>
 #include <librdkafka/rdkafka_mock.h>
-
-#include <set>
 
 namespace {
 

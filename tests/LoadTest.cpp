@@ -8,25 +8,11 @@
 #include "tests/support/FailingMemory.h"
 #include "tests/support/Files.h"
 #include "tests/support/RefuseCall.h"
+#include "tests/support/Test.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <array>
-#include <cerrno>
-#include <cstddef>
-#include <cstdlib>
-#include <filesystem>
-#include <regex>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <tuple>
-#include <vector>
 
 namespace {
 

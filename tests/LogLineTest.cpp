@@ -1,10 +1,7 @@
 #include "common/Analytics/LogLine.h"
 
 #include "host/testing/LogText.h"
-
-#include <gtest/gtest.h>
-
-#include <type_traits>
+#include "tests/support/Test.h"
 
 // What a condition names is written, not what it stands for.
 #define EXPANDED 0

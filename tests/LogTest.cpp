@@ -3,10 +3,7 @@
 #include "host/testing/LogText.h"
 #include "tests/support/FailingMemory.h"
 #include "tests/support/Files.h"
-
-#include <iomanip>
-#include <limits>
-#include <map>
+#include "tests/support/Test.h"
 
 namespace {
 

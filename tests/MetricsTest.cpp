@@ -1,7 +1,6 @@
 #include "common/Analytics/AnalyticsMetrics.h"
 #include "host/testing/LogText.h"
-
-#include <gtest/gtest.h>
+#include "tests/support/Test.h"
 
 namespace {
 

@@ -6,11 +6,9 @@
 #include "tests/support/Files.h"
 #include "tests/support/Forwarding.h"
 #include "tests/support/Process.h"
+#include "tests/support/Test.h"
 
-#include <gtest/gtest.h>
 #include <nats/nats.h>
-
-#include <array>
 
 namespace {
 

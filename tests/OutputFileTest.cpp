@@ -3,13 +3,10 @@
 #include "host/services/FileDescriptor.h"
 #include "host/testing/RecordingLog.h"
 #include "tests/support/Files.h"
+#include "tests/support/Test.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <thread>
 
 namespace {
 

@@ -1,11 +1,7 @@
 #include "host/forwarding/ParcelFormat.h"
 
 #include "tests/support/Examples.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <string>
+#include "tests/support/Test.h"
 
 namespace {
 

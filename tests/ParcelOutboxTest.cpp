@@ -6,9 +6,8 @@
 #include "host/testing/FakeServices.h"
 #include "host/testing/LogText.h"
 #include "tests/support/FailingMemory.h"
+#include "tests/support/Test.h"
 #include "tests/support/Together.h"
-
-#include <optional>
 
 namespace {
 

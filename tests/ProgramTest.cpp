@@ -1,23 +1,10 @@
 #include "common/infra/Defs.h"
 #include "tests/support/Files.h"
+#include "tests/support/Test.h"
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <regex>
-#include <sstream>
-#include <string>
-#include <utility>
-#include <vector>
 
 namespace {
 

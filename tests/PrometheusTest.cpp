@@ -4,11 +4,9 @@
 #include "tests/support/Examples.h"
 #include "tests/support/Files.h"
 #include "tests/support/Process.h"
+#include "tests/support/Test.h"
 
-#include <gtest/gtest.h>
 #include <prometheus/text_serializer.h>
-
-#include <sstream>
 
 namespace {
 

@@ -2,15 +2,9 @@
 
 #include "host/forwarding/Identity.h"
 #include "tests/support/Files.h"
+#include "tests/support/Test.h"
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-
-#include <cmath>
-#include <cstdlib>
-#include <limits>
-#include <random>
-#include <set>
 
 namespace {
 

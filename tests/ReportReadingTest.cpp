@@ -3,19 +3,9 @@
 #include "host/report/RecordParser.h"
 #include "host/report/Sequences.h"
 #include "host/report/TextReport.h"
+#include "tests/support/Test.h"
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstdlib>
-#include <cstring>
-#include <map>
-#include <random>
-#include <string>
-#include <string_view>
-#include <utility>
-#include <vector>
 
 namespace {
 

@@ -8,23 +8,9 @@
 #include "host/services/LogService.h"
 #include "host/testing/Installed.h"
 #include "tests/support/Files.h"
+#include "tests/support/Test.h"
 
-#include <gtest/gtest.h>
 #include <poll.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <csignal>
-#include <cstdlib>
-#include <functional>
-#include <iomanip>
-#include <iterator>
-#include <regex>
-#include <sstream>
-#include <string>
-#include <tuple>
-#include <utility>
-#include <vector>
 
 namespace {
 

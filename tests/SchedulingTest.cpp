@@ -2,9 +2,7 @@
 
 #include "common/Analytics/FixedFrequencySchedulingPolicy.h"
 #include "tests/support/LibraryTest.h"
-
-#include <cstdlib>
-#include <functional>
+#include "tests/support/Test.h"
 
 namespace {
 

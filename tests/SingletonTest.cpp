@@ -2,13 +2,10 @@
 
 #include "common/infra/AIO.h"
 #include "host/testing/FakeServices.h"
+#include "tests/support/Test.h"
 #include "tests/support/Together.h"
 
 #include <dlfcn.h>
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <set>
 
 namespace {
 

@@ -4,14 +4,9 @@
 #include "host/testing/RecordingLog.h"
 #include "tests/support/Examples.h"
 #include "tests/support/Files.h"
+#include "tests/support/Test.h"
 
-#include <gtest/gtest.h>
 #include <sys/syscall.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <optional>
-#include <sstream>
 
 // SQLite's calls come here, so they are exported: how often a file was brought to the disk.
 static std::atomic<int> syncs{0};

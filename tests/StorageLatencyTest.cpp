@@ -4,14 +4,10 @@
 #include "common/infra/Singleton.h"
 #include "host/testing/Installed.h"
 #include "host/testing/LogText.h"
+#include "tests/support/Test.h"
 #include "tests/support/Together.h"
 
-#include <gtest/gtest.h>
 #include <pthread.h>
-
-#include <cmath>
-#include <map>
-#include <numeric>
 
 namespace {
 

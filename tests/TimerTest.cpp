@@ -5,8 +5,7 @@
 #include "tests/support/Action.h"
 #include "tests/support/FailingMemory.h"
 #include "tests/support/Files.h"
-
-#include <future>
+#include "tests/support/Test.h"
 
 namespace {
 

@@ -1,8 +1,7 @@
 #include "common/infra/TrackedAllocation.h"
 
 #include "tests/support/LibraryTest.h"
-
-#include <stdexcept>
+#include "tests/support/Test.h"
 
 namespace {
 

@@ -7,12 +7,10 @@
 #include "host/testing/LogText.h"
 #include "tests/support/FailingMemory.h"
 #include "tests/support/Files.h"
+#include "tests/support/Test.h"
 #include "tests/support/Together.h"
 
 #include <fmt/format.h>
-
-#include <cstdlib>
-#include <optional>
 
 namespace {
 

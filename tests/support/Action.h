@@ -1,8 +1,7 @@
 #pragma once
 
 #include "common/infra/Timer.h"
-
-#include <functional>
+#include "tests/support/Test.h"
 
 // What a test arms as the callback of a timer.
 using Action = std::function<void()>;

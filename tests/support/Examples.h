@@ -2,10 +2,7 @@
 
 #include "common/Analytics/AnalyticsParcel.h"
 #include "host/forwarding/Record.h"
-
-#include <memory>
-#include <string>
-#include <utility>
+#include "tests/support/Test.h"
 
 // A storage report with a figure of its own in every entry.
 inline AnalyticsParcel storageReport() {

@@ -1,9 +1,6 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <new>
-#include <utility>
+#include "tests/support/Test.h"
 
 // How often `new` still succeeds on this thread before it fails once. A program that links this
 // gets its operator new from it.

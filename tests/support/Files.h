@@ -1,16 +1,8 @@
 #pragma once
 
-#include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <unistd.h>
+#include "tests/support/Test.h"
 
-#include <csignal>
-#include <exception>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <iterator>
-#include <string>
+#include <sys/resource.h>
 
 inline std::string readFile(const std::string& path) {
     std::ifstream file(path);

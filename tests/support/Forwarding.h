@@ -6,19 +6,10 @@
 #include "host/forwarding/Forwarder.h"
 #include "tests/support/Files.h"
 #include "tests/support/Process.h"
+#include "tests/support/Test.h"
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <poll.h>
-
-#include <algorithm>
-#include <cstdlib>
-#include <map>
-#include <memory>
-#include <random>
-#include <sstream>
-#include <string>
-#include <vector>
 
 // What tests of engines share: an outbox with a forwarder to a sink, and a look at what was stored.
 

@@ -4,8 +4,7 @@
 #include "host/testing/LogText.h"
 #include "host/testing/ParcelText.h"
 #include "tests/support/FailingMemory.h"
-
-#include <gtest/gtest.h>
+#include "tests/support/Test.h"
 
 // A test among fakes of the services that the library calls. Each tracked object is given back by
 // its end.

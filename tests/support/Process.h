@@ -1,6 +1,7 @@
 #pragma once
 
 #include "host/services/FileDescriptor.h"
+#include "tests/support/Test.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -9,17 +10,6 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <csignal>
-#include <fstream>
-#include <functional>
-#include <iterator>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
 // Programs that a test runs beside itself.
 
@@ -97,23 +87,6 @@ inline std::vector<int> freePorts(std::size_t count) {
         ports.push_back(ntohs(address.sin_port));
     }
     return ports;
-}
-
-// The answer to a GET, headers included; empty if there is none.
-inline std::string httpGet(int port, const std::string& path) {
-    const FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const sockaddr_in address = loopback(port);
-    const std::string request =
-        "GET " + path + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
-    std::string answer;
-    if (connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
-        write(socket.get(), request.data(), request.size()) > 0) {
-        char buffer[4096];
-        for (ssize_t size = 0; (size = read(socket.get(), buffer, sizeof(buffer))) > 0;) {
-            answer.append(buffer, static_cast<std::size_t>(size));
-        }
-    }
-    return answer;
 }
 
 // Whether the condition came true within the limit. For what another program does, which tells

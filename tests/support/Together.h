@@ -1,11 +1,6 @@
 #pragma once
 
-#include <atomic>
-#include <functional>
-#include <future>
-#include <memory>
-#include <thread>
-#include <vector>
+#include "tests/support/Test.h"
 
 // Starts so many threads, which call the function at the same time as far as there are processors.
 // Clearing the result waits for their end.
