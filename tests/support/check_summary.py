@@ -64,7 +64,8 @@ def evicted(process, sequence, seconds, whose, first, last, count):
 
 DB, LATER, WEB = "db zz-the-first-process", "db aa", "web w"
 NEW = dict(OLD, boundFastUs=2000)
-SMALL_HOSTS = [(99, 0, 1, 0, 0), (198, 0, 2, 0, 0), (100, 0, 0, 0, 0), (200, 0, 0, 0, 0), (94, 0, 3, 2, 1), (0, 0, 0, 0, 0), *[(9, 0, 0, 0, 1)] * 5]
+SMALL_HOSTS = [(99, 0, 1, 0, 0), (198, 0, 2, 0, 0), (100, 0, 0, 0, 0), (200, 0, 0, 0, 0), (94, 0, 3, 2, 1), (0, 0, 0, 0, 0),
+               *[(9, 0, 0, 0, 1)] * 5]
 FLEET = [
     report(DB, 1, 0, (1000, 0, 0, 0, 0), us=(90, 200, 400, 800, 950)),
     report(DB, 2, 60, (1000, 0, 0, 0, 0)),
@@ -292,7 +293,8 @@ QUIET = totals(2, (2000, 0, 0, 0, 0))
 BUSY = totals(12, (786, 20, 31, 6, 7), 1, WEB_US, WEB_EPISODES)
 LAST_US = (80, 3000, 25_000, 1_500_000, 7_250_000)
 SMALL = {f"host{number:02}": classes for number, classes in enumerate(SMALL_HOSTS, 1)}
-LIMITS = [dict(thresholdUs=threshold, boundsUs=[fast, 5000, 20000, 100000]) for threshold, fast in ((50000, 1000), (60000, 1000), (60000, 2000))]
+LIMITS = [dict(thresholdUs=threshold, boundsUs=[fast, 5000, 20000, 100000]) for threshold, fast in
+          ((50000, 1000), (60000, 1000), (60000, 2000))]
 JSON = dict(
     recordsRead=33, duplicates=1, missing=14, evicted=5, notUnderstood=4,
     firstNotUnderstood=[dict(file=FILE, line=line, reason=reason) for line, reason in (
@@ -320,15 +322,8 @@ JSON = dict(
     account=dict(processes=2, pushed=12, restored=2, delivered=6, failed=1, dropped=2, evicted=3, waiting=1, addsUp=False))
 
 
-def check_fleet():
-    (FOLDER / FILE).write_bytes(b"".join(FLEET))
-    for arguments, text in ([], ALL), (["--host", "db", "--step=5m"], DB_ALONE), (
-            ["--since", "2026-11-23T12:10", "--until", "2026-11-23 12:11:01.000Z", "--host=db", "--host=web"], PART):
-        same(f"summary with {arguments}", run(*arguments, FILE), (0, text, ""))
-    same("summary of no records", run("--since=2027-01-01", FILE)[1], "Storage latency\n  no records in this time\n"
-         + ALL[ALL.index("\nAccount"):ALL.index("  host db: limits")])
-    sums = run("--since=2026-11-23T12:11", "--until=2026-11-23T12:11:01.001", "--host=web", FILE)[1]
-    same("summary without a report of a whole process", sums[:sums.index("\nAccount")], """\
+PART_OPTIONS = ["--since", "2026-11-23T12:10", "--until", "2026-11-23 12:11:01.000Z", "--host=db", "--host=web"]
+WITHOUT_REPORTS = """\
 Storage latency
   2026-11-23 12:11:00 to 2026-11-23 12:11:01 UTC, 1 s
   1 host, 1 boot, 0 reports
@@ -341,22 +336,35 @@ Sets, which are parts of the above
 Maxima
   deepestQueue = 7  (web)
   longestIoUs = 5  (web)
-""")
-    same("periods of single seconds", [(line["from"], line["to"]) for line in figures("--step=1s", FILE)["periods"]][:2], [(at(0), at(2)), (at(2), at(4))])
+"""
+
+
+def check_fleet():
+    (FOLDER / FILE).write_bytes(b"".join(FLEET))
+    for arguments, text in ([], ALL), (["--host", "db", "--step=5m"], DB_ALONE), (PART_OPTIONS, PART):
+        same(f"summary with {arguments}", run(*arguments, FILE), (0, text, ""))
+    same("summary of no records", run("--since=2027-01-01", FILE)[1], "Storage latency\n  no records in this time\n"
+         + ALL[ALL.index("\nAccount"):ALL.index("  host db: limits")])
+    sums = run("--since=2026-11-23T12:11", "--until=2026-11-23T12:11:01.001", "--host=web", FILE)[1]
+    same("summary without a report of a whole process", sums[:sums.index("\nAccount")], WITHOUT_REPORTS)
     got = figures(FILE)
     same("names of the figures", list(got), list(JSON))
     for name in JSON:
-        same(f"figure {name}", json.dumps(got.get(name), indent=1, sort_keys=True), json.dumps(JSON[name], indent=1, sort_keys=True))
+        same(f"figure {name}", *(json.dumps(each.get(name), indent=1, sort_keys=True) for each in (got, JSON)))
+    same("periods of single seconds", [(line["from"], line["to"]) for line in figures("--step=1s", FILE)["periods"]][:2],
+         [(at(0), at(2)), (at(2), at(4))])
 
 
 def check_steps():
     """The step that is chosen, for reports at two times and of a period."""
-    for seconds, period_ms, step_ms in ((1499, 0, 1000), (1500, 0, 5000), (1500 * 5 - 1, 0, 5000), (1500 * 5, 0, 10_000), (0, 1100, 1000),
-                                        (0, 1112, 5000), (0, 33_000, 30_000), (0, 34_000, 60_000), (0, 600_000, 600_000),
-                                        (0, 86_400_000, 600_000), (86_400 * 365 * 100, 0, 2_419_200_000)):
-        lines = report("h b", 1, 0 - 12 * 3600, (1, 0, 0, 0, 0), periodMs=period_ms) + report("h b", 2, seconds - 12 * 3600, (1, 0, 0, 0, 0), periodMs=0)
-        (FOLDER / "steps.jsonl").write_bytes(lines)
-        same(f"step for {seconds} s, {period_ms} ms", figures("steps.jsonl")["stepMs"], step_ms)
+    file = FOLDER / "steps.jsonl"
+    for seconds, period_ms, step_ms in ((1499, 0, 1000), (1500, 0, 5000), (1500 * 5 - 1, 0, 5000), (1500 * 5, 0, 10_000),
+                                        (0, 1100, 1000), (0, 1112, 5000), (0, 33_000, 30_000), (0, 34_000, 60_000),
+                                        (0, 600_000, 600_000), (0, 86_400_000, 600_000),
+                                        (86_400 * 365 * 100, 0, 2_419_200_000)):
+        file.write_bytes(report("h b", 1, -12 * 3600, (1, 0, 0, 0, 0), periodMs=period_ms)
+                         + report("h b", 2, seconds - 12 * 3600, (1, 0, 0, 0, 0), periodMs=0))
+        same(f"step for {seconds} s, {period_ms} ms", figures(file)["stepMs"], step_ms)
 
 
 def check_boundaries():
@@ -365,8 +373,13 @@ def check_boundaries():
     for ahead in (1999, 2000, -1999, -2000):
         file.write_bytes(report("h b", 1, 0, (1, 0, 0, 0, 0)) + report("h b", 2, 60, (1, 0, 0, 0, 0), ahead=ahead))
         same(f"clock set by {ahead}", [step["byMs"] for step in figures(file)["clockSteps"]], [2000] if abs(ahead) == 2000 else [])
-    same("no slow I/O", (figures(file)["worstTenMinutes"], "worst 10 min" in run(file)[1], "Over time" in run(file)[1]), (None, False, True))
-    for first, last, count, expected in ((0, 5, 5, 0), (7, 3, 5, 0), (3, 3, 1, 1), (1, 2**64 - 2, 9, 9), (1, 2**64 - 1, 9, 0), (2, 4, 9, 3)):
+    text = run(file)[1]
+    same("no slow I/O", (figures(file)["worstTenMinutes"], "worst 10 min" in text, "Over time" in text), (None, False, True))
+    file.write_bytes(b"".join(report(f"{host} b", number, seconds, (1, 0, 0, 0, 0), threshold=threshold)
+                              for host, number, seconds, threshold in (("a", 1, 0, 1), ("a", 2, 180, 2), ("b", 1, 0, 1), ("b", 2, 120, 2), ("b", 3, 121, 2))))
+    same("order of changes", [(line["host"], line["at"]) for line in figures(file)["limitsChanges"]], [("b", at(2)), ("a", at(3))])
+    for first, last, count, expected in ((0, 5, 5, 0), (7, 3, 5, 0), (3, 3, 1, 1), (1, 2**64 - 2, 9, 9), (1, 2**64 - 1, 9, 0),
+                                         (2, 4, 9, 3)):
         file.write_bytes(evicted("h b", 1, 0, "h b", first, last, count))
         same(f"evicted {first} to {last}", figures(file)["evicted"], expected)
     file.write_bytes(report("h" * 95 + "\u00e9" * 20 + " b", 1, 0, (1, 0, 0, 0, 0)))
@@ -391,31 +404,34 @@ def check_command_lines():
         (["--since=2026-01-02", "--until=2026-01-02"], 2, "", "--until: expected a time after that of --since (see --help)"),
         (["--since=2026-01-02", "--until=2026-01-02T00:00:00.001", FILE], 0, "no records in this time", ""),
         (["--step", "5"], 2, "", "--step: expected a number with s, m, h or d, such as 30s or 5m, got '5' (see --help)"),
-        (["--follow", "--json"], 2, "", "excludes"),
-        (["--follow", "--html=x"], 2, "", "excludes"),
-        (["missing"], 1, "", "cannot open missing: No such file or directory (expected a file of JSON lines, plain, gzip or zstd)"),
+        (["--follow", "--json"], 2, "", "--json excludes --follow (see --help)"),
+        (["--follow", "--html=x"], 2, "", "--html excludes --follow (see --help)"),
+        (["missing"], 1, "", "cannot open missing: No such file or directory"
+                             " (expected a file of JSON lines, plain, gzip or zstd)"),
         ([FILE, "missing"], 1, "", "cannot open missing: No such file or directory"),
         (["--host", "web", "missing"], 1, "", "cannot open missing: No such file or directory"),
         ([""], 1, "", "cannot open : No such file or directory"),
         (["."], 1, "", "cannot open .: Is a directory"),
         (["--follow", "."], 1, "", "cannot open .: Is a directory"),
         (["--follow", "nowhere/x"], 1, "", "cannot watch the folder of nowhere/x: No such file or directory"),
-        (["--html", "nowhere/x", FILE], 1, "", "cannot write the page to nowhere/x: No such file or directory (expected a file that can be written, see --html)"),
+        (["--html", "nowhere/x", FILE], 1, "", "cannot write the page to nowhere/x: No such file or directory"
+                                               " (expected a file that can be written, see --html)"),
         (["--html", ".", FILE], 1, "", "cannot write the page to .: Is a directory"),
         (["--html", "/dev/full", FILE], 1, "", "cannot write the page to /dev/full: No space left on device"),
     ]
     for arguments, code, shown, error in rows:
-        got = run(*arguments)
-        same(f"{arguments}", (got[0], shown in got[1], bool(got[1]) == bool(shown), bool(got[2]) == bool(error), got[2].startswith(f"analytics-report: {error}" if error else "")),
-             (code, True, True, True, True) if error != "excludes" else (code, True, True, True, False))
-        if error.endswith("(see --help)"):
-            same(f"{arguments}", got[2], f"analytics-report: {error}\n")
-        same(f"lines of {arguments}", [line for line in got[1].splitlines() if len(line) > 80 and '"' not in line], [])
+        got_code, got, got_error = run(*arguments)
+        message = f"analytics-report: {error}" if error else ""
+        same(f"{arguments}", (got_code, shown if shown and shown in got else got, got_error[:len(message)], got_error.count("\n")),
+             (code, shown, message, 1 if error else 0))
+        same(f"lines of {arguments}", [line for line in got.splitlines() if len(line) > 80 and '"' not in line], [])
+    no_output = "analytics-report: cannot write to standard output\n"
     for arguments in ["--help"], ["--version"], [FILE], ["--json", FILE], ["--follow", "-"]:
         with open("/dev/full", "w") as full:
-            same(f"full output, {arguments}", run(*arguments, stdout=full), (1, "", "analytics-report: cannot write to standard output\n"))
-        closed = subprocess.run(["sh", "-c", 'exec "$@" >&- </dev/null', "sh", PROGRAM, *arguments], cwd=FOLDER, stderr=subprocess.PIPE, timeout=100)
-        same(f"closed output, {arguments}", (closed.returncode, closed.stderr), (1, b"analytics-report: cannot write to standard output\n"))
+            same(f"full output, {arguments}", run(*arguments, stdout=full), (1, "", no_output))
+        closed = subprocess.run(["sh", "-c", 'exec "$@" >&- </dev/null', "sh", PROGRAM, *arguments], cwd=FOLDER,
+                                stderr=subprocess.PIPE, timeout=100, text=True)
+        same(f"closed output, {arguments}", (closed.returncode, closed.stderr), (1, no_output))
     closed = subprocess.run(["sh", "-c", 'exec "$@" <&-', "sh", PROGRAM], capture_output=True, timeout=100)
     same("closed input", (closed.returncode, closed.stderr),
          (1, b"analytics-report: standard input, byte 0: Bad file descriptor; what stands before counts\n"))
@@ -423,43 +439,52 @@ def check_command_lines():
 
 def check_inputs():
     """Compressed inputs of several parts, damaged and cut; the file behind them counts."""
-    big = b"".join(report("h b", number, number, (number, 1, 0, 0, 0), us=(os.getpid(), number * 7919 % 100_003, 3, 4, 5)) for number in range(1, 400))
+    big = b"".join(report("h b", number, number, (number, 1, 0, 0, 0), us=(7, number * 7919 % 100_003, 3, 4, 5))
+                   for number in range(1, 400))
     rest = report("h b", 400, 400, (1, 0, 0, 0, 0)) * 2
     (FOLDER / "behind.jsonl").write_bytes(report("h b", 401, 401, (1, 0, 0, 0, 0)).rstrip(b"\n"))
     kinds = {"gzip": lambda data: gzip.compress(data, 0),
              "zstd": lambda data: subprocess.run(["zstd", "-q", "-c", "-1"], input=data, capture_output=True, check=True).stdout}
     for kind, packed in kinds.items():
         one, two = packed(big), packed(rest)
-        garbage = two[:4] + b"\xff" * 40
         rows = {  # data, records, what is wrong
             "whole": (one + two, 402, ""),
             "empty member": (packed(b"") + one + two, 402, ""),
             "cut": (one + two[:-1], 402, f"byte {len(one + two) - 1}: the compressed data ends too early"),
             "cut short": (one + two[:5], 400, f"byte {len(one) + 5}: the compressed data ends too early"),
-            "damaged": (one + garbage, 400, f"byte {len(one)}: the {kind} data is damaged"),
+            "damaged": (one + two[:4] + b"\xff" * 40, 400, f"byte {len(one)}: the {kind} data is damaged"),
         }
         for name, (data, count, error) in rows.items():
             (FOLDER / name).write_bytes(data)
             code, text, got = run(name, "behind.jsonl")
-            same(f"{kind} {name}", (code, re.search(r"\d+ read, \d+", text).group(), got),
-                 (1 if error else 0, f"{count} read, {max(0, count - 401)}", f"analytics-report: {name}, {error}; what stands before counts\n" if error else ""))
-    for data, count in ((b"", "0 read, 0 doubled, 0 missing, 0"), (b"\x1f", "0 read, 0 doubled, 0 missing, 1"), (b"{\n\n \n", "0 read, 0 doubled, 0 missing, 1"),
-                        (b"\n" + rest, "2 read, 1 doubled, 399 missing, 0"), (rest, "2 read, 1 doubled, 399 missing, 0")):
-        (FOLDER / "plain").write_bytes(data)
-        same(f"plain {data[:20]!r}", count in run("plain")[1], True)
-        with open(FOLDER / "plain", "rb") as file:
-            same(f"standard input {data[:20]!r}", count in run("-", stdin=file)[1], True)
-    (FOLDER / "plain").write_bytes(b"".join(report("h b", number, 1, (1, 0, 0, 0, 0), 2**64 - 1, episodes=(1, 2**64 - 1, 1)) for number in (1, 2)))
-    got = figures("plain")
+            same(f"{kind} {name}", (code, re.search(r"\d+ read, \d+", text).group()),
+                 (1 if error else 0, f"{count} read, {max(0, count - 401)}"))
+            same(f"{kind} {name}", got, f"analytics-report: {name}, {error}; what stands before counts\n" if error else "")
+    plain = FOLDER / "plain"
+    for data, counts in ((b"", "0 read, 0 doubled, 0 missing, 0"), (b"\x1f", "0 read, 0 doubled, 0 missing, 1"),
+                         (b"{\n\n \n", "0 read, 0 doubled, 0 missing, 1"), (b"\n" + rest, "2 read, 1 doubled, 399 missing, 0"),
+                         (rest, "2 read, 1 doubled, 399 missing, 0")):
+        plain.write_bytes(data)
+        same(f"plain {data[:20]!r}", counts in run(plain)[1], True)
+        with plain.open("rb") as file:
+            same(f"standard input {data[:20]!r}", counts in run("-", stdin=file)[1], True)
+
+
+def check_limits():
+    """Sums at the top of their type; sets and maxima beyond the 64th, which are one; long names."""
+    file = FOLDER / "limits.jsonl"
+    file.write_bytes(b"".join(report("h b", number, 1, (1, 0, 0, 0, 0), 2**64 - 1, episodes=(1, 2**64 - 1, 1)) for number in (1, 2)))
+    got = figures(file)
     same("sums at the top", (got["failedIos"], got["episodeSumMs"], got["ios"]), (2**64 - 1, 2**64 - 1, 2))
-    many = FOLDER / "many.jsonl"  # maxima, sets: those beyond the 64th are one
-    many.write_bytes(b"".join(record("h b", 1 + n, n, "HostMaximaParcel", u64s={f"m{n}": n}) + report("h b", 200 + n, n, (1, 0, 0, 0, 0), strings=dict(set=f"s{n}"))
-                              for n in range(70)) + report("h" * 130 + " b", 1, 0, (1, 0, 0, 0, 0)) + report("h" * 131 + " b", 1, 0, (1, 0, 0, 0, 0)))
-    got = figures("many.jsonl")
-    same("further maxima", (len(got["maxima"]), got["maxima"]["(others)"], "m63" in got["maxima"]), (65, dict(value=69, host="h"), True))
+    lines = [record("h b", 1 + n, n, "HostMaximaParcel", u64s={f"m{n}": n}) for n in range(70)]
+    lines += [report("h b", 200 + n, n, (1, 0, 0, 0, 0), strings=dict(set=f"s{n}")) for n in range(70)]
+    lines += [report("h" * length + " b", 1, 0, (1, 0, 0, 0, 0)) for length in (130, 131)]
+    file.write_bytes(b"".join(lines))
+    got = figures(file)
+    same("further maxima", (len(got["maxima"]), got["maxima"]["(others)"]), (65, dict(value=69, host="h")))
     same("further sets", (len(got["sets"]), got["sets"]["(others)"]["ios"]), (65, 6))
     same("long names", [len(line["host"]) for line in got["hostsBySlowShare"] if line["ios"]], [113, 113])
-    same("a long name chosen", figures("--host", "h" * 131, "many.jsonl")["ios"], 1)
+    same("a long name chosen", figures("--host", "h" * 131, file)["ios"], 1)
 
 
 def page_data(path):
@@ -470,14 +495,16 @@ def check_page():
     run("--html", "page.html", "--step", "1s", FILE)
     steps, heat = page_data("page.html")["steps"], page_data("page.html")["heat"]
     same("columns", (heat["stepMs"], heat["left"], [t - NOON for t in heat["t"][:3]]), (12_000, 0, [600_000, 696_000, 696_000]))
-    same("columns of db", [(t - NOON) // 12_000 for host, t in zip(heat["host"], heat["t"]) if heat["hosts"][host] == "db"], [0, 5, 10, 15, 25, 30, 35, 119])
+    same("columns of db", [(t - NOON) // 12_000 for host, t in zip(heat["host"], heat["t"]) if heat["hosts"][host] == "db"],
+         [0, 5, 10, 15, 25, 30, 35, 119])
     same("hosts", heat["hosts"], [line["host"] for line in JSON["hostsBySlowShare"]])
     same("I/Os and slow ones", (heat["ios"][:2], heat["slow"][:2]), ([100, 10], [30, 1]))
     same("steps", [(t - NOON) // 1000 for t in steps["t"]], [0, 60, 120, 180, 300, 310, 360, 420, 600, 700, 1439])
-    same("limits", (steps["thresholdUs"][3:6], [bounds[-1] for bounds in steps["boundsUs"]]), ([50000, 50000, 60000], [2000, 5000, 20000, 100000]))
-    same("columns of steps", {name: (values[-1] if name not in ("classes", "percentilesUs", "boundsUs") else [column[-1] for column in values])
-                              for name, values in steps.items() if name not in ("t", "thresholdUs", "boundsUs")},
-         dict(classes=[989_000, 10_000, 700, 0, 1], failed=2, percentilesUs=list(LAST_US), episodes=3, episodeSumMs=4500, longestEpisodeMs=3000))
+    same("thresholds", steps["thresholdUs"][3:6], [50000, 50000, 60000])
+    last = {name: [column[-1] for column in values] if isinstance(values[0], list) else values[-1] for name, values in steps.items()}
+    same("the last step", last, dict(
+        t=NOON + 1_439_000, classes=[989_000, 10_000, 700, 0, 1], failed=2, percentilesUs=list(LAST_US), episodes=3,
+        episodeSumMs=4500, longestEpisodeMs=3000, thresholdUs=60000, boundsUs=[2000, 5000, 20000, 100000]))
     (FOLDER / "hosts.jsonl").write_bytes(b"".join(report(f"h{n} b", 1, n // 2, (1, 0, 0, 0, n)) for n in range(203)))
     run("--html", "page.html", "hosts.jsonl")
     heat = page_data("page.html")["heat"]
@@ -497,7 +524,8 @@ def on_terminal(stream, *arguments):
     side, terminal = pty.openpty()
     other = "stderr" if stream == "stdout" else "stdout"
     with open(FOLDER / other, "w") as file:
-        process = subprocess.Popen([PROGRAM, *arguments], cwd=FOLDER, stdin=subprocess.DEVNULL, **{stream: terminal, other: file})
+        process = subprocess.Popen([PROGRAM, *arguments], cwd=FOLDER, stdin=subprocess.DEVNULL,
+                                   **{stream: terminal, other: file})
     os.close(terminal)
     text = b""
     try:
@@ -518,18 +546,20 @@ def check_terminal():
     progress, summary = on_terminal("stderr", "long.jsonl", FILE)
     same("summary beside the progress", summary, plain)
     shares = re.findall(r"\r\x1b\[Kreading long.jsonl: (\d+) MiB, (\d+) %", progress)
-    same("progress", (len(shares) > 0, re.sub(r"\r\x1b\[Kreading long.jsonl: \d+ MiB, \d+ %", "", progress)), (True, "\r\x1b[K"))
+    same("progress", re.sub(r"(\r\x1b\[Kreading long.jsonl: \d+ MiB, \d+ %)+", "shares", progress), "shares\r\x1b[K")
     same("its shares", [int(share) for _, share in shares], [int(size) * 100 // 1024 for size, _ in shares])
     summary, errors = on_terminal("stdout", "long.jsonl", FILE)
     same("summary on a terminal", (re.sub(r"\x1b\[[0-9;]*m", "", summary), errors), (plain, ""))
     same("colours", re.findall(r"\x1b\[(\d+)m#", summary), ["32", "36", "33", "35", "31"])
-    same("titles", re.findall(r"\x1b\[1m(\w+)", summary), ["Storage", "Over", "Worst", "Sets", "Maxima", "Account", "Records"])
+    same("titles", re.findall(r"\x1b\[1m(\w+)", summary),
+         ["Storage", "Over", "Worst", "Sets", "Maxima", "Account", "Records"])
     (FOLDER / "long.jsonl").unlink()
 
 
 def main():
     FOLDER.mkdir(parents=True, exist_ok=True)
-    for check in check_fleet, check_steps, check_boundaries, check_command_lines, check_inputs, check_page, check_terminal:
+    for check in (check_fleet, check_steps, check_boundaries, check_command_lines, check_inputs, check_limits, check_page,
+                  check_terminal):
         check()
     print("\n".join(differences) or "the summary is as expected")
     sys.exit(1 if differences else 0)
