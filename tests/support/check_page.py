@@ -8,6 +8,7 @@ import subprocess
 import sys
 
 import browser
+import check_summary as small
 import report_records
 
 differences = []
@@ -66,6 +67,48 @@ def check_behaviour(page, truth):
          sorted((totals["ios"] for totals in truth["byHost"].values()), reverse=True))
 
 
+def check_texts(folder):
+    """The texts beside the charts, of the small fleet."""
+    (folder / small.FILE).write_bytes(b"".join(small.FLEET))
+    small.run("--html", "texts.html", small.FILE)
+    with browser.Browser() as page:
+        page.open(str(folder / "texts.html"))
+        lines = lambda selector: page.ask(f"[...document.querySelectorAll('{selector}')].map(each => each.textContent)")
+        same("cards", lines(".card"), ["1,008,551I/Os", "0.1 %slow I/Os", "3failed I/Os", "25 msworst p99 of a report", "7.25 slongest I/O",
+                                       "4high-latency episodes", "3 slongest episode", "13hosts", "14records missing"])
+        same("bad cards", lines(".bad b"), ["3", "14"])
+        same("head", lines("#span, .step, #heatNote, #rampEnd"),
+             ["2026-11-23 12:00:00 to 2026-11-23 12:23:59 UTC · 21 reports · 14 processes", "A step is 60 s.", "", "30.0 %"])
+        same("titles of lists", lines("#lists h2"), ["Maxima", "Records", "Account", "Sets, which are parts of the above",
+                                                     "Changes of threshold and bounds", "Gaps", "System clock set"])
+        last = "bounds {} ms, 5 ms, 20 ms, 100 ms"
+        same("lists", lines("#lists li"), [
+            "longest I/O in a report: 7.25 s", "deepestQueue = 7 (host db)", "longestIoUs = 5 (host web)",
+            "33 read, 1 doubled, 14 missing, 5 evicted, 4 not understood",
+            *[f"{small.FILE}:{line}: {why}" for line, why in ((23, "it is not JSON"), (26, "it has no field schema"), (27, "it is no JSON object"))],
+            "2 processes: pushed 12 + restored 2 is not delivered 6 + failed 1 + dropped 2 + evicted 3 + waiting 1",
+            "reads: 65 I/Os, 50.8 % slow, longest I/O 5 µs", "writes: 0 I/Os, 0.0 % slow, longest I/O 0 µs",
+            f"2026-11-23 12:05:10, host db: threshold 50 ms, {last.format(1)}; then threshold 60 ms, {last.format(1)}",
+            f"2026-11-23 12:07:00, host db: threshold 60 ms, {last.format(1)}; then threshold 60 ms, {last.format(2)}",
+            "host db, process zz-the-f: 2 records missing between 2026-11-23 12:03:00 and 2026-11-23 12:04:00",
+            "host db, process aa: 1 record missing before 2026-11-23 12:23:59",
+            *[f"host host{number:02}, process b: 1 record missing before 2026-11-23 12:11:40" for number in range(1, 12)],
+            "host db, process zz-the-f: by 60 min"])
+        same("row", lines("#hosts tbody tr:first-child td"), ["web", "1", "1", "100", "30.0 %", "1", "99 µs", "1 ms", "3 ms", "1", "60 ms", "60 ms"])
+        ticks = lambda chart, axis: page.ask(f"Chart.getChart('{chart}').scales.{axis}.ticks.map(tick => tick.label)")
+        same("times", ticks("percentiles", "x"), [f"12:{minute:02}" for minute in range(0, 25, 5)])
+        same("shares", ticks("shares", "y"), [f"{share} %" for share in range(0, 101, 10)])
+        same("latencies", ticks("percentiles", "y"), ["10 µs", "100 µs", "1 ms", "10 ms", "100 ms", "1 s"])
+        same("steps without a p50, and a break of the line", page.ask(
+            "Chart.getChart('percentiles').data.datasets[0].data.filter(point => point.y === null).length"), 7 + 1)
+        page.ask("document.querySelectorAll('#hosts th button')[0].click()")
+        same("hosts by name", lines("#hosts tbody td:first-child"), sorted(line["host"] for line in small.JSON["hostsBySlowShare"]))
+        page.ask("document.querySelectorAll('#hosts th button')[0].click()")
+        same("and back", lines("#hosts tbody td:first-child")[0], "web")
+        same("the column's order", page.ask("document.querySelector('#hosts th').getAttribute('aria-sort')"), "descending")
+        same("errors", page.errors, [])
+
+
 def check_page(program, folder, name, options, most_ms):
     path = str(folder / f"page-{name}.jsonl")
     report_records.fleet_of([path, *options])[1].write(path)
@@ -98,6 +141,7 @@ def main():
         check_page(program, folder, "day", ["--hosts", "100", "--boots", "3", "--reports", "1440"], 2000)
     else:
         check_page(program, folder, "hostile", ["--hosts", "14", "--hostile", "--reports", "60", "--seed", "3"], 60_000)
+        check_texts(folder)
     print("\n".join(differences) or "what is drawn equals the truth")
     sys.exit(1 if differences else 0)
 

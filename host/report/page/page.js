@@ -15,7 +15,7 @@
     // Texts.
     const round = (value, digits) => Number(value.toPrecision(digits)).toString();
     const latency = (us) => us >= 1e6 ? round(us / 1e6, 4) + " s" : us >= 1e3 ? round(us / 1e3, 4) + " ms" : us + " µs";
-    const duration = (ms) => ms >= 7200e3 ? round(ms / 3600e3, 3) + " h" : ms >= 120e3 ? round(ms / 60e3, 3) + " min"
+    const duration = (ms) => ms >= 172800e3 ? round(ms / 86400e3, 3) + " d" : ms >= 7200e3 ? round(ms / 3600e3, 3) + " h" : ms >= 120e3 ? round(ms / 60e3, 3) + " min"
         : ms >= 1e3 ? round(ms / 1e3, 3) + " s" : round(ms, 3) + " ms";
     const count = (value) => value.toLocaleString("en-GB");
     const many = (value, one, more) => `${count(value)} ${value === 1 ? one : more}`;
@@ -283,14 +283,14 @@
         list("Records", [`${count(summary.recordsRead)} read, ${count(summary.duplicates)} doubled, ${count(summary.missing)} missing, `
             + `${count(summary.evicted)} evicted, ${count(summary.notUnderstood)} not understood`,
             ...summary.firstNotUnderstood.map((line) => `${line.file}:${line.line}: ${line.reason}`)]);
-        list("Account", account.processes ? [`${count(account.processes)} processes: pushed ${count(account.pushed)} + restored ${count(account.restored)} `
+        list("Account", account.processes ? [`${many(account.processes, "process", "processes")}: pushed ${count(account.pushed)} + restored ${count(account.restored)} `
             + `${account.addsUp ? "=" : "is not"} delivered ${count(account.delivered)} + failed ${count(account.failed)} + dropped ${count(account.dropped)} `
             + `+ evicted ${count(account.evicted)} + waiting ${count(account.waiting)}`] : []);
         list("Sets, which are parts of the above", Object.entries(summary.sets).map(([name, set]) =>
             `${name}: ${count(set.ios)} I/Os, ${percent(set.slowShare)} slow, longest I/O ${latency(set.worstPercentilesUs.max)}`));
         list("Changes of threshold and bounds", summary.limitsChanges.map((change) =>
             `${moment(Date.parse(change.at))}, host ${change.host}: ${limitsText(change.before)}; then ${limitsText(change.after)}`));
-        list("Gaps", summary.gaps.map((gap) => `${process(gap)}: ${count(gap.missing)} records missing `
+        list("Gaps", summary.gaps.map((gap) => `${process(gap)}: ${many(gap.missing, "record", "records")} missing `
             + (gap.after === null ? `before ${moment(Date.parse(gap.before))}`
                 : `between ${moment(Date.parse(gap.after))} and ${moment(Date.parse(gap.before))}`)));
         list("System clock set", summary.clockSteps.map((step) => `${process(step)}: by ${duration(step.byMs)}`));
