@@ -67,12 +67,13 @@ def check_behaviour(page, truth):
          sorted((totals["ios"] for totals in truth["byHost"].values()), reverse=True))
 
 
-def check_texts(folder):
+def check_texts():
     """The texts beside the charts, of the small fleet."""
-    (folder / small.FILE).write_bytes(b"".join(small.FLEET))
+    small.FOLDER.mkdir(exist_ok=True)
+    (small.FOLDER / small.FILE).write_bytes(b"".join(small.FLEET))
     small.run("--html", "texts.html", small.FILE)
     with browser.Browser() as page:
-        page.open(str(folder / "texts.html"))
+        page.open(str(small.FOLDER / "texts.html"))
         lines = lambda selector: page.ask(f"[...document.querySelectorAll('{selector}')].map(each => each.textContent)")
         same("cards", lines(".card"), ["1,008,551I/Os", "0.1 %slow I/Os", "3failed I/Os", "25 msworst p99 of a report", "7.25 slongest I/O",
                                        "4high-latency episodes", "3 slongest episode", "13hosts", "14records missing"])
@@ -141,7 +142,7 @@ def main():
         check_page(program, folder, "day", ["--hosts", "100", "--boots", "3", "--reports", "1440"], 2000)
     else:
         check_page(program, folder, "hostile", ["--hosts", "14", "--hostile", "--reports", "60", "--seed", "3"], 60_000)
-        check_texts(folder)
+        check_texts()
     print("\n".join(differences) or "what is drawn equals the truth")
     sys.exit(1 if differences else 0)
 

@@ -15,7 +15,8 @@ import sys
 
 import report_records
 
-PROGRAM, FOLDER = (pathlib.Path(path).absolute() for path in sys.argv[1:3])
+PROGRAM = pathlib.Path(sys.argv[1]).absolute()
+FOLDER = pathlib.Path(sys.argv[2]).absolute() / pathlib.Path(sys.argv[0]).stem  # of each check that uses this
 NOON = report_records.START + 12 * 3_600_000
 FILE = "a-file-whose-name-has-more-than-thirty-letters.jsonl"
 OLD = dict(boundFastUs=1000, boundModerateUs=5000, boundSlowUs=20000, boundVerySlowUs=100000)
