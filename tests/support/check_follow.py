@@ -55,6 +55,7 @@ def files(terminal, path, lines, fleet):
     path.write_bytes(b"".join(lines[:10]) + lines[10][:50])
     frame = terminal.wait_for(r"\s10 read")
     expect("a frame's begin", frame[frame.index("\x1b[H"):][:10], "\x1b[H\x1b[1mSto")
+    expect("the screen is cleared again", "\x1b[2J" in frame, False)
     expect("lines that are not cleared", re.findall(r"[^K]\r\n", frame), [])
     with path.open("ab") as file:
         file.write(lines[10][50:])
@@ -104,14 +105,10 @@ def stream(program, folder, lines):
     try:
         process.stdin.write(given.decode())
         process.stdin.close()
-        for line in process.stdout:
-            if line.startswith("  4 read"):
-                break
+        expect("read beside the stream", any(line.startswith("  4 read") for line in process.stdout), True)
         with (folder / "beside").open("ab") as file:  # after the end of the stream
             file.write(lines[4])
-        for line in process.stdout:
-            if line.startswith("  5 read"):
-                break
+        expect("read after the stream's end", any(line.startswith("  5 read") for line in process.stdout), True)
         process.terminate()
         process.stdout.read()
         expect("exit code beside a file", process.wait(LIMIT_SECONDS), 0)

@@ -512,6 +512,12 @@ def check_page():
     run("--html", "page.html", "hosts.jsonl")
     heat = page_data("page.html")["heat"]
     same("hosts left out", (heat["left"], len(heat["hosts"]), heat["hosts"][0], heat["stepMs"]), (3, 200, "h202", 60_000))
+    run("--html", "page.html", FILE)
+    same("threshold of a step", page_data("page.html")["steps"]["thresholdUs"][4], 60000)
+    (FOLDER / "hosts.jsonl").write_bytes(report("<!--</script>& b", 1, 1, (1, 0, 0, 0, 0)))
+    run("--html", "page.html", "hosts.jsonl")
+    data = (FOLDER / "page.html").read_text().split('id="data">')[1].split("</script>\n<script>")[0]
+    same("markup within the data", re.findall("[<>&]", data), [])
     # The page that is there stays until the new one is complete.
     (FOLDER / "page.html").write_text("before")
     process = subprocess.Popen([PROGRAM, "--html", "page.html"], cwd=FOLDER, stdin=subprocess.PIPE, stdout=subprocess.DEVNULL)
