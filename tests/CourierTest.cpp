@@ -5,6 +5,7 @@
 #include "host/services/MemLedger.h"
 #include "host/testing/FakeSink.h"
 #include "host/testing/RecordingLog.h"
+#include "tests/support/FailingMemory.h"
 #include "tests/support/Files.h"
 
 #include <gtest/gtest.h>
@@ -21,6 +22,7 @@ class CourierTest : public testing::Test {
 protected:
     void TearDown() override {
         courier.reset();
+        outbox.reset();
         EXPECT_EQ(MemLedger::report().liveBlocks, before.liveBlocks);
     }
 
@@ -53,7 +55,7 @@ protected:
         nowNs += afterMs * nsPerMs;
         u64 nextNs = 0;
         for (int i = 0; i < 4; ++i) {
-            nextNs = courier->step(nowNs, 1'700'000'000'000);
+            nextNs = courier->step(nowNs, epochMs);
             EXPECT_TRUE(account->numbers().addsUp()) << account->numbers().text();
         }
         const std::string next =
@@ -64,14 +66,59 @@ protected:
         push(count, textSize);
         return step();
     }
+    // Runs the story with the first allocation of its poor steps failing, with the second, and so
+    // on until none fails.
+    void failEachAllocation(const std::function<void()>& story) {
+        options.answerTimeout = std::chrono::hours(24); // nothing depends on it
+        int allocations = 0;
+        for (; left == unlimitedAllocations && !HasFailure(); ++allocations) {
+            SCOPED_TRACE("after " + std::to_string(allocations) + " allocations");
+            begin();
+            left = allocations;
+            story();
+        }
+        left = unlimitedAllocations;
+        EXPECT_GE(allocations, 2);
+    }
+    // The courier runs out of memory after so many allocations as are `left`, and nobody else.
+    u64 poorStep() {
+        u64 nextNs = nowNs + nsPerSecond;
+        allocationsLeft = left;
+        try {
+            nextNs = courier->step(nowNs, epochMs);
+        } catch (const std::bad_alloc&) { // the next step goes on
+        }
+        left = std::exchange(allocationsLeft, unlimitedAllocations);
+        EXPECT_TRUE(account->numbers().addsUp()) << account->numbers().text();
+        return nextNs;
+    }
+    // Poor steps as the forwarder's thread does them, when one is due or after a wake-up. The
+    // engine answers when there is nothing else to do.
+    void runUntilIdle(const std::function<void()>& answer) {
+        for (u64 nextNs = nowNs;; nextNs = poorStep()) {
+            const bool isDue = nextNs <= nowNs + 3'600 * nsPerSecond; // no time-out
+            nowNs = isDue ? std::max(nowNs, nextNs) : nowNs;
+            if (!wakeup->waitUntil(0) && !isDue) {
+                if (engine->inFlight() == 0) {
+                    break;
+                }
+                answer();
+            }
+        }
+        EXPECT_TRUE(courier->isIdle());
+    }
     // What is not 0, such as " pushed=2 waiting=2", and why what failed has.
-    std::string columns() const {
-        const AccountNumbers numbers = account->numbers();
+    static std::string columns(const AccountNumbers& numbers) {
         std::istringstream words(numbers.text() + " lost=" + std::to_string(numbers.lost()));
         std::string text;
         for (std::string word; words >> word;) {
             text += word.substr(word.find('=')) == "=0" ? "" : " " + word;
         }
+        return text;
+    }
+    std::string columns() const {
+        const AccountNumbers numbers = account->numbers();
+        std::string text = columns(numbers);
         for (const auto& [reason, count] : numbers.failures) {
             text += " '" + reason + "'=" + std::to_string(count);
         }
@@ -100,6 +147,8 @@ protected:
     const TempFolder folder;
     ForwarderOptions options;
     u64 nowNs = 1'000 * nsPerSecond;
+    static constexpr u64 epochMs = 1'700'000'000'000;
+    int left = unlimitedAllocations;
     std::optional<ParcelOutbox> outbox;
     std::optional<Account> account;
     std::optional<Wakeup> wakeup;
@@ -126,10 +175,15 @@ TEST_F(CourierTest, AnAccountBeginsWithWhatTheOutboxHolds) {
     begin(2);
     push(4);
     TRACKED_DELETE(static_cast<AnalyticsParcel*>(outbox->popParcel(IParcelOutbox::KEL_ANALYTICS)));
-    const AccountNumbers numbers = Account(*outbox).numbers();
-    outbox.reset();
-    EXPECT_EQ(numbers.text(),
-              "pushed=1 restored=0 delivered=0 failed=0 dropped=0 evicted=0 waiting=1");
+    Account later(*outbox);
+    EXPECT_EQ(columns(later.numbers()), " pushed=1 waiting=1 lost=1");
+    AccountChange change;
+    for (u64 reason = 0; reason < 34; ++reason) {
+        change.fail(AccountChange::Hand, std::to_string(reason));
+    }
+    later.apply(change);
+    EXPECT_EQ(later.numbers().failures.size(), 33U);
+    EXPECT_EQ(later.numbers().failures["other"], 2U);
 }
 
 TEST_F(CourierTest, SendingGoesOnFromTheOldestRecordThatWasNotSettled) {
@@ -225,12 +279,15 @@ TEST_F(CourierTest, LargeRecordsFillTheWindowByTheirBytes) {
 TEST_F(CourierTest, WhatSinksBesideLoseIsCountedBesideTheSum) {
     begin();
     beside->deliversAtOnce = false;
-    pushAndStep(3);
-    beside->answer(1, Fate::Delivered);
-    beside->answer(2, Fate::Failed, "full");
-    beside->answer(3, Fate::Failed, "full");
-    EXPECT_EQ(stepDelivered(), "[] pushed=3 delivered=3 lost=2 idle");
-    EXPECT_EQ(log.texts(ErrorLevel), Lines{"the output loses records: full\n"});
+    pushAndStep(4);
+    for (const auto& [sequence, fate, lines] : {std::tuple(1, Fate::Failed, 1U),
+                                                {2, Fate::Failed, 1U},
+                                                {3, Fate::Delivered, 1U},
+                                                {4, Fate::Failed, 2U}}) {
+        beside->answer(sequence, fate, "full");
+        EXPECT_EQ(log.texts(ErrorLevel), Lines(lines, "the output loses records: full\n"));
+    }
+    EXPECT_EQ(stepDelivered(), "[] pushed=4 delivered=4 lost=3 idle");
 }
 
 TEST_F(CourierTest, TheAccountParcelStatesTheSumBeforeItself) {
@@ -298,7 +355,11 @@ TEST_F(CourierTest, EvictionTakesTheOldestIsRecordedAndTold) {
               nlohmann::json::parse(engine->lines().front())["boot"]);
     EXPECT_EQ(told["u64Entries"].dump(), R"({"count":4,"first":1,"last":4})");
     EXPECT_EQ(stepDelivered(), "[] pushed=1 restored=4 delivered=5 idle");
-    EXPECT_EQ(step(10'000), "[] pushed=1 restored=4 delivered=5 idle") << "it is told once";
+    pushAndStep(5, 1'000);
+    EXPECT_EQ(stepDelivered(), "[] pushed=6 restored=4 delivered=9 evicted=1 lost=1 +1000 idle");
+    EXPECT_EQ(step(999).substr(0, 2), "[]");
+    EXPECT_EQ(step(1).substr(0, 3), "[7]");
+    EXPECT_EQ(stepDelivered(), "[] pushed=7 restored=4 delivered=10 evicted=1 lost=1 idle");
 }
 
 TEST_F(CourierTest, ARecordThatIsEvictedInFlightHasTheFateOfItsAnswer) {
@@ -360,6 +421,74 @@ TEST_F(CourierTest, ASpoolThatIsDamagedIsPutAsideAndWhatIsInMemoryGoesOn) {
                               "lost=5000 'the spool was damaged'=5000 +30000");
     begin();
     EXPECT_EQ(step(), "[8183-8192 13193] restored=11 waiting=11 +30000");
+}
+
+struct PoorRow {
+    u64 spoolBytes;  // 0: none
+    bool isRestored; // the records are in the spool at the start
+    u64 first;       // sequence of the record that the engine sends back
+    const char* outcome;
+};
+const std::vector<PoorRow> poorRows = {
+    {0, false, 1, "[1-5 purge 1-6] pushed=6 delivered=5 failed=1 lost=1, beside 1-6"},
+    {1U << 20U, false, 1, "[1-5 purge 1-6] pushed=6 delivered=5 failed=1 lost=1, beside 1-6"},
+    {1'200, false, 4, "[4-5 purge 4-7] pushed=7 delivered=3 failed=1 evicted=3 lost=4, beside 1-7"},
+    {1U << 20U, true, 1,
+     "[1-5 purge 1-5 1] pushed=1 restored=5 delivered=5 failed=1 lost=1, beside 1"}};
+
+// The engine sends one record back, and refuses the fifth for good.
+TEST_F(CourierTest, AStepGoesOnWhereAnotherRanOutOfMemory) {
+    for (const PoorRow& row : poorRows) {
+        if (row.spoolBytes > 0) {
+            useSpool(row.spoolBytes);
+        }
+        failEachAllocation([&] {
+            push(5);
+            if (row.isRestored) {
+                step();
+                begin();
+            }
+            int round = 0;
+            const auto answer = [&] {
+                if (++round == 1) {
+                    return engine->answer(row.first, Fate::TryAgain, "a reason of some length");
+                }
+                if (round == 2) {
+                    engine->answer(5, Fate::Failed, "a reason of some length");
+                }
+                engine->answerAll(Fate::Delivered);
+            };
+            runUntilIdle(answer);
+            courier->addAccount();
+            runUntilIdle(answer);
+            EXPECT_EQ("[" + engine->calls() + "]" + columns(account->numbers()) + ", beside " +
+                          beside->calls(),
+                      row.outcome);
+            for (const std::string& line : engine->lines()) {
+                EXPECT_TRUE(holds(line, R"("forwardedAt":"2023-11-14T22:13:20.000Z")"));
+            }
+        });
+    }
+}
+
+TEST_F(CourierTest, AnEndAfterAStepThatRanOutOfMemoryLeaksNothing) {
+    failEachAllocation([&] {
+        push(5);
+        poorStep();
+    });
+}
+
+// The wake-up that the answer was worth went to a step that had others to settle first.
+TEST_F(CourierTest, AnAnswerAfterAStepThatRanOutOfMemoryIsSettled) {
+    failEachAllocation([&] {
+        push(2);
+        step();
+        engine->answer(1, Fate::TryAgain);
+        wakeup->waitUntil(0);
+        poorStep();
+        engine->answerAll(Fate::TryAgain);
+        runUntilIdle([&] { engine->answerAll(Fate::Delivered); });
+    });
 }
 
 } // namespace

@@ -1,163 +1,132 @@
 #include "host/forwarding/KafkaSink.h"
 #include "host/forwarding/Destroy.h"
+#include "host/testing/RecordingAnswers.h"
 #include "host/testing/RecordingLog.h"
+#include "tests/support/Examples.h"
 #include "tests/support/Files.h"
 #include "tests/support/Forwarding.h"
-#include "tests/support/Kills.h"
 #include "tests/support/Process.h"
 
 #include <gtest/gtest.h>
 #include <librdkafka/rdkafka.h>
 #include <librdkafka/rdkafka_mock.h>
 
-#include <algorithm>
-#include <atomic>
-#include <mutex>
-#include <thread>
+#include <set>
 
 namespace {
-
-constexpr short produceRequest = 0;
 
 using Handle = std::unique_ptr<rd_kafka_t, Destroy<rd_kafka_destroy>>;
 using Message = std::unique_ptr<rd_kafka_message_t, Destroy<rd_kafka_message_destroy>>;
 
-// Three brokers that speak the protocol, in threads of this process, and one topic of three
-// partitions.
+constexpr const char* topic = "reports";
+constexpr int partitions = 3;
+
+Handle makeHandle(rd_kafka_type_t type, const std::map<std::string, std::string>& properties) {
+    rd_kafka_conf_t* conf = rd_kafka_conf_new();
+    rd_kafka_conf_set_log_cb(conf, nullptr);
+    for (const auto& [name, value] : properties) {
+        rd_kafka_conf_set(conf, name.c_str(), value.c_str(), nullptr, 0);
+    }
+    return Handle(rd_kafka_new(type, conf, nullptr, 0));
+}
+
+// Three brokers that speak the protocol, in threads of this process, and one topic.
 class KafkaCluster {
 public:
     KafkaCluster() {
-        rd_kafka_mock_topic_create(m_cluster, topic, partitions, 3);
+        rd_kafka_mock_topic_create(get(), topic, partitions, 3);
         lead(1);
     }
-    ~KafkaCluster() { rd_kafka_mock_cluster_destroy(m_cluster); }
-    KafkaCluster(const KafkaCluster&) = delete;
-    KafkaCluster& operator=(const KafkaCluster&) = delete;
 
-    std::string brokers() const { return rd_kafka_mock_cluster_bootstraps(m_cluster); }
-    KafkaSettings settings() const {
+    rd_kafka_mock_cluster_t* get() const { return rd_kafka_handle_mock_cluster(m_owner.get()); }
+    std::string brokers() const { return rd_kafka_mock_cluster_bootstraps(get()); }
+    // With a further property.
+    KafkaSettings settings(const std::string& property = "acks=all") const {
         KafkaSettings settings;
         settings.brokers = brokers();
         settings.topic = topic;
-        // What a broker that comes back waits for.
-        settings.set("reconnect.backoff.max.ms=100");
+        settings.set("reconnect.backoff.max.ms=100"); // what a broker that comes back waits for
+        settings.set(property);
         return settings;
     }
-
     // Of all partitions.
     void lead(int broker) {
         for (int partition = 0; partition < partitions; ++partition) {
-            rd_kafka_mock_partition_set_leader(m_cluster, topic, partition, broker);
+            rd_kafka_mock_partition_set_leader(get(), topic, partition, broker);
         }
     }
-    void setAllDown() { forEach(rd_kafka_mock_broker_set_down); }
-    void setAllUp() { forEach(rd_kafka_mock_broker_set_up); }
-    rd_kafka_mock_cluster_t* get() { return m_cluster; }
+    void forAllBrokers(rd_kafka_resp_err_t (*change)(rd_kafka_mock_cluster_t*, int32_t)) {
+        for (const int broker : {1, 2, 3}) {
+            change(get(), broker);
+        }
+    }
     // The answers to the next requests to store something.
     void refuse(const std::vector<rd_kafka_resp_err_t>& errors) {
-        rd_kafka_mock_push_request_errors_array(m_cluster, produceRequest, errors.size(),
+        constexpr short produceRequest = 0;
+        rd_kafka_mock_push_request_errors_array(get(), produceRequest, errors.size(),
                                                 errors.data());
     }
 
-    static constexpr const char* topic = "reports";
-    static constexpr int partitions = 3;
-
-    // With these further properties.
-    static Handle makeHandle(rd_kafka_type_t type, std::map<std::string, std::string> properties) {
-        rd_kafka_conf_t* conf = rd_kafka_conf_new();
-        rd_kafka_conf_set_log_cb(conf, nullptr);
-        properties["reconnect.backoff.max.ms"] = "100";
-        for (const auto& [name, value] : properties) {
-            rd_kafka_conf_set(conf, name.c_str(), value.c_str(), nullptr, 0);
-        }
-        return Handle(rd_kafka_new(type, conf, nullptr, 0));
-    }
-
 private:
-    template <typename Function>
-    void forEach(Function function) {
-        for (const int broker : {1, 2, 3}) {
-            function(m_cluster, broker);
-        }
-    }
-
-    const Handle m_owner = makeHandle(RD_KAFKA_PRODUCER, {});
-    rd_kafka_mock_cluster_t* const m_cluster = rd_kafka_mock_cluster_new(m_owner.get(), 3);
+    const Handle m_owner = makeHandle(RD_KAFKA_PRODUCER, {{"test.mock.num.brokers", "3"}});
 };
 
-// Reads what is stored from the first record on, while it is being stored: the brokers forget.
+// Its library reads what is stored while it is being stored: the brokers forget.
 class KafkaReader {
 public:
     explicit KafkaReader(const KafkaCluster& cluster)
-        : m_consumer(
-              KafkaCluster::makeHandle(RD_KAFKA_CONSUMER, {{"bootstrap.servers", cluster.brokers()},
-                                                           {"group.id", "readers"},
-                                                           {"fetch.wait.max.ms", "20"}})) {
+        : m_consumer(makeHandle(RD_KAFKA_CONSUMER, {{"bootstrap.servers", cluster.brokers()},
+                                                    {"group.id", "readers"},
+                                                    {"enable.auto.commit", "false"},
+                                                    {"reconnect.backoff.max.ms", "100"},
+                                                    {"fetch.wait.max.ms", "20"}})) {
         rd_kafka_poll_set_consumer(m_consumer.get());
         rd_kafka_topic_partition_list_t* all = rd_kafka_topic_partition_list_new(1);
-        for (int partition = 0; partition < KafkaCluster::partitions; ++partition) {
-            rd_kafka_topic_partition_list_add(all, KafkaCluster::topic, partition)->offset =
+        for (int partition = 0; partition < partitions; ++partition) {
+            rd_kafka_topic_partition_list_add(all, topic, partition)->offset =
                 RD_KAFKA_OFFSET_BEGINNING;
         }
         rd_kafka_assign(m_consumer.get(), all);
         rd_kafka_topic_partition_list_destroy(all);
-        m_thread = std::thread(&KafkaReader::run, this);
     }
-    ~KafkaReader() {
-        m_isOver = true;
-        m_thread.join();
-        rd_kafka_consumer_close(m_consumer.get());
-    }
+    ~KafkaReader() { rd_kafka_consumer_close(m_consumer.get()); }
     KafkaReader(const KafkaReader&) = delete;
     KafkaReader& operator=(const KafkaReader&) = delete;
 
-    std::vector<std::string> values() {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+    // All so far, one a line.
+    const std::string& values() {
+        while (const Message message{rd_kafka_consumer_poll(m_consumer.get(), 0)}) {
+            if (message->err == RD_KAFKA_RESP_ERR_NO_ERROR) {
+                m_values.append(static_cast<const char*>(message->payload), message->len) += '\n';
+                m_keys.emplace(static_cast<const char*>(message->key), message->key_len);
+                m_partitions.insert(message->partition);
+            }
+        }
         return m_values;
     }
     bool waitForLast(u64 sequence) {
-        return waitUntil([&] { return m_last >= sequence; });
+        const std::string text = "\"sequence\":" + std::to_string(sequence) + ",";
+        return waitUntil([&] { return values().find(text) != std::string::npos; });
     }
+    const std::set<std::string>& keys() const { return m_keys; }
+    const std::set<int>& partitionsInUse() const { return m_partitions; }
 
 private:
-    void run() {
-        while (!m_isOver) {
-            const Message message(rd_kafka_consumer_poll(m_consumer.get(), 20));
-            if (message != nullptr && message->err == RD_KAFKA_RESP_ERR_NO_ERROR) {
-                keep(std::string(static_cast<const char*>(message->payload), message->len));
-            }
-        }
-    }
-    void keep(std::string value) {
-        m_last = std::max(m_last.load(), sequencesOf({value})[0]);
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_values.push_back(std::move(value));
-    }
-
     const Handle m_consumer;
-    std::atomic<bool> m_isOver{false};
-    std::atomic<u64> m_last{0};
-    std::mutex m_mutex;
-    std::vector<std::string> m_values;
-    std::thread m_thread;
+    std::string m_values;
+    std::set<std::string> m_keys;
+    std::set<int> m_partitions;
 };
 
 class KafkaSinkTest : public testing::Test {
 protected:
-    // Everything that was pushed is stored, in order.
+    // Everything that was pushed is stored, in order, in one partition under the host's key.
     void expectAllStored(Sending& sending) {
-        const u64 count = sending.pushed() + 1;
-        sending.endWithAllDelivered();
+        const u64 count = sending.endWithAllDelivered();
         EXPECT_TRUE(reader.waitForLast(count));
-        expectAllInOrder(reader.values(), count);
-    }
-
-    // One record fails for its size.
-    static void expectOneTooLarge(Sending& sending) {
-        const AccountNumbers account = sending.end();
-        EXPECT_EQ(account.failures,
-                  (std::map<std::string, u64>{{"Broker: Message size too large", 1}}));
-        EXPECT_EQ(account.delivered, sending.pushed()) << account.text();
+        EXPECT_EQ(lastInOrder(reader.values()), count);
+        EXPECT_EQ(reader.keys(), std::set<std::string>{"host-1"});
+        EXPECT_EQ(reader.partitionsInUse().size(), 1U);
     }
 
     // So many that the brokers keep them until the reader has come along.
@@ -170,42 +139,19 @@ protected:
 
 } // namespace
 
-TEST_F(KafkaSinkTest, AnotherProgramReadsEachRecordOnceUnderTheHostsKey) {
-    Sending sending(makeKafkaSink(cluster.settings()));
-    sending.push(500);
-    sending.endWithAllDelivered();
-
-    Process kcat({"timeout", "20", "kcat", "-C", "-q", "-e", "-b", cluster.brokers(), "-t",
-                  KafkaCluster::topic, "-o", "beginning", "-f", "%p %k %s\\n"},
-                 folder / "kcat");
-    EXPECT_EQ(kcat.wait(), 0) << kcat.output();
-    std::vector<std::string> values;
-    std::set<std::string> partitions;
-    for (const std::string& line : linesOf(folder / "kcat")) {
-        const std::size_t value = line.find('{');
-        partitions.insert(line.substr(0, value));
-        values.push_back(line.substr(value));
-    }
-    EXPECT_EQ(values.size(), 501U);
-    expectAllInOrder(values, 501);
-    ASSERT_EQ(partitions.size(), 1U) << "a host's records are in one partition";
-    EXPECT_EQ(partitions.begin()->substr(2), "host-1 ");
-}
-
 TEST_F(KafkaSinkTest, AServiceOfFewLinesSendsItsOwnReport) {
-    Process service({"timeout", "20", OWN_KAFKA_REPORTS, cluster.brokers(), KafkaCluster::topic,
-                     OWN_KAFKA_REPORTS},
+    Process service({"timeout", "20", OWN_KAFKA_REPORTS, cluster.brokers(), topic},
                     folder / "service");
     EXPECT_EQ(service.wait(), 0) << service.output();
     ASSERT_TRUE(reader.waitForLast(2)) << service.output();
-    const auto report = nlohmann::json::parse(reader.values()[0]);
-    EXPECT_EQ(report["eventName"], "StoragePeriodicParcel");
-    EXPECT_EQ(report["service"], "own_kafka_reports");
-    EXPECT_NE(service.output().find("delivered=2"), std::string::npos) << service.output();
+    EXPECT_TRUE(holds(reader.values(), R"("eventName":"StoragePeriodicParcel")"));
+    EXPECT_TRUE(holds(reader.values(), R"("service":"own_kafka_reports")"));
+    EXPECT_EQ(reader.values().find("\n\n"), std::string::npos) << "no line feed is stored";
+    EXPECT_TRUE(holds(service.output(), "delivered=2"));
 }
 
 TEST_F(KafkaSinkTest, AKillAtAnyMomentLosesNothingThatWasAccepted) {
-    killAtRandomMoments("--kafka " + cluster.brokers() + " --topic " + KafkaCluster::topic,
+    killAtRandomMoments("--kafka " + cluster.brokers() + " --topic " + topic,
                         [&] { return reader.values(); });
 }
 
@@ -246,10 +192,8 @@ TEST_F(KafkaSinkTest, NothingIsLostByAnErrorOfTheBrokers) {
           RD_KAFKA_RESP_ERR_OUT_OF_ORDER_SEQUENCE_NUMBER, RD_KAFKA_RESP_ERR_INVALID_PRODUCER_EPOCH,
           RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE}) {
         cluster.refuse({error});
-        const u64 before = sending.delivered();
         sending.push(100);
-        EXPECT_TRUE(waitUntil([&] { return sending.delivered() == before + 100; }))
-            << rd_kafka_err2name(error) << ": " << sending.account().text();
+        EXPECT_TRUE(sending.waitForDelivered()) << rd_kafka_err2name(error);
     }
     expectAllStored(sending);
 }
@@ -259,63 +203,64 @@ TEST_F(KafkaSinkTest, OnlyTheRecordThatABrokerRefusesFails) {
     // The whole batch, then the first record alone.
     cluster.refuse({RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE, RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE});
     sending.push(20);
-    expectOneTooLarge(sending);
+    const AccountNumbers account = sending.end();
+    EXPECT_EQ(account.failures,
+              (std::map<std::string, u64>{{"Broker: Message size too large", 1}}));
+    EXPECT_EQ(account.delivered, 20U) << account.text();
     EXPECT_TRUE(log.waitFor("one by one"));
 }
 
-TEST_F(KafkaSinkTest, ARecordLargerThanTheProducerTakesFails) {
-    KafkaSettings settings = cluster.settings();
-    settings.set("message.max.bytes=2000");
-    Sending sending(makeKafkaSink(settings));
-    sending.push(1);
-    sending.push(1, 3'000);
-    sending.push(1);
-    expectOneTooLarge(sending);
+TEST_F(KafkaSinkTest, NothingIsProducedBehindARecordThatTheProducerDoesNotTakeNow) {
+    KafkaSettings settings = cluster.settings("message.max.bytes=2000");
+    settings.set("queue.buffering.max.messages=1");
+    settings.set("linger.ms=5000"); // it is in the queue until it is purged
+    const auto sink = makeKafkaSink(settings);
+    RecordingAnswers answers;
+    sink->start(answers);
+    const Record large = makeRecord(1, "boot", std::string(3'000, 'x'));
+    const Record queued = makeRecord(2), refused = makeRecord(3), behind = makeRecord(4);
+    sink->send({&large, &queued, &refused, &behind});
+    EXPECT_EQ(answers.take(4), "1 failed: Broker: Message size too large, "
+                               "3 try again: Local: Queue full, "
+                               "4 try again: Local: Purged in queue, "
+                               "2 try again: Local: Purged in queue");
+    sink->purge();
+    sink->send({&queued});
+    sink->purge();
+    EXPECT_EQ(answers.take(1), "2 try again: given up");
 }
 
-TEST_F(KafkaSinkTest, WhatIsNotAcknowledgedIsSentAgain) {
-    Sending sending(makeKafkaSink(cluster.settings()));
-    rd_kafka_mock_broker_set_rtt(cluster.get(), 1, 3'000);
-    sending.push(10);
-    ASSERT_TRUE(log.waitFor("Kafka takes no records: no answer"));
-    rd_kafka_mock_broker_set_rtt(cluster.get(), 1, 0);
-    expectAllStored(sending);
-}
-
-TEST_F(KafkaSinkTest, BrokersThatAreAwayAtTheStartAreWaitedFor) {
-    cluster.setAllDown();
+TEST_F(KafkaSinkTest, BrokersThatAreAwayAreWaitedFor) {
+    cluster.forAllBrokers(rd_kafka_mock_broker_set_down);
     Sending sending(makeKafkaSink(cluster.settings()));
     EXPECT_TRUE(log.waitFor("says whether there is a topic reports"));
+    for (int outage = 1; outage <= 2; ++outage) {
+        EXPECT_TRUE(log.waitFor("Kafka: Local: All broker connections are down"));
+        sending.push(100);
+        cluster.forAllBrokers(rd_kafka_mock_broker_set_up);
+        ASSERT_TRUE(reader.waitForLast(sending.pushed()));
+        EXPECT_EQ(lastInOrder(reader.values()), sending.pushed());
+        log.clear();
+        cluster.forAllBrokers(rd_kafka_mock_broker_set_down);
+    }
     sending.push(100);
-    cluster.setAllUp();
-    expectAllStored(sending);
-}
-
-TEST_F(KafkaSinkTest, WithoutBrokersTheEndComesInTimeWithEverythingWaiting) {
-    cluster.setAllDown();
-    Sending sending(makeKafkaSink(cluster.settings()));
-    sending.push(100);
-    const AccountNumbers account = sending.end(std::chrono::seconds(1));
-    EXPECT_EQ(account.waiting, 101U) << account.text();
-    EXPECT_TRUE(reader.values().empty());
+    EXPECT_EQ(sending.end(std::chrono::seconds(1)).waiting, 101U) << "it ends in time";
 }
 
 TEST_F(KafkaSinkTest, AWrongConfigurationIsSaidByName) {
-    const auto refusal = [&](const std::string& topic, const char* property) {
-        KafkaSettings settings = cluster.settings();
-        settings.topic = topic;
-        settings.set(property);
-        return messageOf([&] { makeKafkaSink(settings); });
-    };
     for (const auto& [property, words] :
          {std::pair("no.such=1", "property no.such: No such configuration property"),
           {"linger.ms=soon", "property linger.ms: Invalid value"},
           {"acks=1", "acks"},
           {"enable.idempotence=false", "property enable.idempotence is not yours to set"},
+          {"metadata.broker.list=b:1", "property metadata.broker.list is not yours to set"},
           {"delivery.report.only.error=true", "delivery.report.only.error is not yours"}}) {
-        EXPECT_TRUE(holds(refusal(KafkaCluster::topic, property), words));
+        EXPECT_TRUE(holds(
+            messageOf([&, given = property] { makeKafkaSink(cluster.settings(given)); }), words));
     }
-    EXPECT_TRUE(holds(refusal("raports", "linger.ms=5"), "no topic raports"));
+    KafkaSettings settings = cluster.settings();
+    settings.topic = "raports";
+    EXPECT_TRUE(holds(messageOf([&] { makeKafkaSink(settings); }), "no topic raports"));
 }
 
 TEST(KafkaSettingsTest, SecretsComeFromAFileAlone) {

@@ -1,19 +1,45 @@
 #include "host/forwarding/OutputFile.h"
 
+#include "host/services/FileDescriptor.h"
+#include "host/testing/RecordingLog.h"
 #include "tests/support/Files.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <thread>
 
 namespace {
 
+// Standard output goes to this descriptor, which it owns, until the end.
+class Redirection {
+public:
+    explicit Redirection(int descriptor) {
+        dup2(descriptor, STDOUT_FILENO);
+        close(descriptor);
+    }
+    ~Redirection() { dup2(m_before.get(), STDOUT_FILENO); }
+    Redirection(const Redirection&) = delete;
+    Redirection& operator=(const Redirection&) = delete;
+
+private:
+    const FileDescriptor m_before{dup(STDOUT_FILENO)};
+};
+
 class OutputFileTest : public testing::Test {
 protected:
+    std::string refusal() const {
+        return messageOf([this] { const OutputFile output(path); });
+    }
+
+    const RecordingLog log;
     const TempFolder folder;
     const std::string path = folder / "output";
+    const std::string nobody = "cannot open '" + path +
+                               "': nobody reads it (expected a file that "
+                               "can be appended to, see --output)";
 };
 
 TEST_F(OutputFileTest, ALineThatAKilledProcessLeftIsEnded) {
@@ -26,16 +52,22 @@ TEST_F(OutputFileTest, ALineThatAKilledProcessLeftIsEnded) {
 }
 
 TEST_F(OutputFileTest, APartOfALineIsTakenBack) {
-    folder.write("output", "first\n");
-    OutputFile output(path);
-    {
-        const FileSizeLimit limit(10);
-        EXPECT_EQ(messageOf([&] { output.write("second\n"); }),
-                  "cannot write to '" + path + "': File too large");
+    for (const auto& [name, shown] : {std::pair(path, "'" + path + "'"), {"", "standard output"}}) {
+        folder.write("output", "");
+        std::string error;
+        {
+            const Redirection redirection(open(path.c_str(), O_WRONLY));
+            OutputFile output(name);
+            output.write("first\n");
+            {
+                const FileSizeLimit limit(10);
+                error = messageOf([&] { output.write("second\n"); });
+            }
+            output.write("third\n");
+        }
+        EXPECT_EQ(error, "cannot write to " + shown + ": File too large");
+        EXPECT_EQ(folder.read("output"), "first\nthird\n");
     }
-    EXPECT_EQ(folder.read("output"), "first\n");
-    output.write("third\n");
-    EXPECT_EQ(folder.read("output"), "first\nthird\n");
 }
 
 TEST_F(OutputFileTest, IsOpenedAnewOnRequestAlone) {
@@ -45,31 +77,44 @@ TEST_F(OutputFileTest, IsOpenedAnewOnRequestAlone) {
     output.write("2\n");
     output.requestReopen();
     output.write("3\n");
-    EXPECT_EQ(folder.read("moved") + folder.read("output"), "1\n2\n3\n");
+    EXPECT_EQ(folder.read("moved"), "1\n2\n");
     EXPECT_EQ(folder.read("output"), "3\n");
+}
+
+TEST_F(OutputFileTest, AFifoIsWrittenWhileSomebodyReadsIt) {
+    static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    EXPECT_EQ(refusal(), nobody);
+    FileDescriptor reader(open(path.c_str(), O_RDONLY | O_NONBLOCK));
+    OutputFile output(path);
+    EXPECT_EQ(messageOf([&] { output.write("1\n"); }), "no error");
+    reader = FileDescriptor(); // it goes away
+    output.requestReopen();
+    EXPECT_EQ(messageOf([&] { output.write("2\n"); }),
+              "cannot write to '" + path + "': Broken pipe");
+    EXPECT_EQ(log.texts(ErrorLevel),
+              std::vector<std::string>{nobody + "; the file that was open stays in use\n"});
 }
 
 TEST_F(OutputFileTest, AFullPipeThatDoesNotBlockIsWaitedFor) {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
     ASSERT_EQ(fcntl(ends[0], F_SETFL, 0), 0);
-    const int before = dup(STDOUT_FILENO);
-    dup2(ends[1], STDOUT_FILENO);
-    close(ends[1]);
+    const FileDescriptor source(ends[0]);
     std::string got;
     std::thread reader([&] {
         char piece[4096];
-        for (ssize_t length = 0; (length = read(ends[0], piece, sizeof piece)) > 0;) {
+        for (ssize_t length = 0; (length = read(source.get(), piece, sizeof piece)) > 0;) {
             got.append(piece, static_cast<std::size_t>(length));
         }
     });
     const std::string text(1U << 20U, 'x');
-    EXPECT_NO_THROW(OutputFile("").write(text));
-    dup2(before, STDOUT_FILENO); // the pipe's end
-    close(before);
+    {
+        const Redirection redirection(ends[1]);
+        EXPECT_NO_THROW(OutputFile("").write(text));
+    }
     reader.join();
     EXPECT_EQ(got, text);
-    close(ends[0]);
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "host/forwarding/Sqlite.h"
 #include "host/testing/RecordingLog.h"
+#include "tests/support/Examples.h"
 #include "tests/support/Files.h"
 
 #include <gtest/gtest.h>
@@ -33,21 +34,12 @@ protected:
         spool.reset();
         spool.emplace(SpoolOptions{path, limitBytes, isDurable});
     }
-    // Records of 100 bytes, which take 164.
-    static Record record(u64 ticket, const std::string& boot) {
-        Record record;
-        record.ticket = ticket;
-        record.sequence = ticket + 1'000;
-        record.origin = std::make_shared<Origin>(Origin{"host", boot});
-        record.line = std::string(98, 'a') + "\xc3\xa9";
-        return record;
-    }
     // Adds the tickets `first` to `last`; returns what was evicted.
     Tickets add(u64 first, u64 last, const std::string& boot = "boot", bool tells = false) {
         std::vector<Record> records;
         SpoolChange change;
         for (u64 ticket = first; ticket <= last; ++ticket) {
-            records.push_back(record(ticket, boot));
+            records.push_back(makeRecord(ticket, boot, line));
             for (const EvictedRange& range :
                  tells ? spool->untold() : std::vector<EvictedRange>{}) {
                 change.told.emplace_back(range.id, ticket);
@@ -85,6 +77,7 @@ protected:
         return messageOf([this] { const Spool second(SpoolOptions{path}); });
     }
 
+    const std::string line = std::string(98, 'a') + "\xc3\xa9"; // a record takes 64 more
     RecordingLog log;
     const TempFolder folder;
     const std::string path = folder / "spool";
@@ -100,7 +93,7 @@ TEST_F(SpoolTest, AnotherProcessFindsWhatWasNotDone) {
     EXPECT_EQ(state(), "1 4 (2, 328 bytes, last 4)");
     const Record found = spool->read(3, 1, 1)[0];
     EXPECT_EQ(found.id(), "host-boot-1004");
-    EXPECT_EQ(found.line, record(4, "").line);
+    EXPECT_EQ(found.line, line);
 }
 
 TEST_F(SpoolTest, ReadingStopsAtItsLimits) {
@@ -137,27 +130,22 @@ TEST_F(SpoolTest, ARangeIsForgottenWhenARecordHasToldIt) {
     open(2 * 164);
     add(1, 3);
     add(4, 4, "boot", true);
-    EXPECT_EQ(state(), "3 4 (2, 328 bytes, last 4) boot 1002-1002: 1")
-        << "the record that tells has evicted one";
+    EXPECT_EQ(state(), "3 4 (2, 328 bytes, last 4) boot 1002-1002: 1") << "evicted by the teller";
     finish({4});
     open(2 * 164);
     EXPECT_EQ(state(), "3 (1, 164 bytes, last 3) boot 1002-1002: 1");
-}
-
-TEST_F(SpoolTest, ARangeWhoseTellerIsEvictedIsUntoldAgain) {
-    open(2 * 164);
-    add(1, 3);
-    add(4, 4, "boot", true);
-    add(5, 6);
-    EXPECT_EQ(state(), "5 6 (2, 328 bytes, last 6) boot 1001-1001: 1 boot 1002-1004: 3");
+    add(4, 4, "boot", true); // the same ticket as the forgotten one's
+    add(6, 7);
+    EXPECT_EQ(state(), "6 7 (2, 328 bytes, last 7) boot 1002-1002: 1 boot 1003-1004: 2")
+        << "the teller is evicted";
 }
 
 TEST_F(SpoolTest, AChangeThatFailsLeavesEverythingAsItWas) {
     open();
     add(1, 2);
-    const Record fresh = record(3, "other");
-    Record again = record(2, "other"); // a ticket that is there
-    again.origin = fresh.origin;
+    const Record fresh = makeRecord(3, "other", line);
+    Record again = fresh;
+    again.ticket = 2; // which is there
     EXPECT_THROW(spool->commit({{1}, {&fresh, &again}, {}}), SpoolError);
     EXPECT_EQ(state(), "1 2 (2, 328 bytes, last 2)");
     spool->commit({{1}, {&fresh}, {}});
@@ -209,9 +197,11 @@ TEST_F(SpoolTest, WhatIsNotOursIsRefusedWithTheReason) {
     open();
     EXPECT_EQ(refusal(), "the spool '" + path + "' is in use by another process");
     spool.reset();
-    std::filesystem::remove(path);
-    SqliteDatabase(path).run("CREATE TABLE other(a)");
-    EXPECT_EQ(refusal(), "'" + path + "' is a database, but no spool of this version");
+    for (const char* sql :
+         {"PRAGMA user_version=2", "PRAGMA user_version=1; PRAGMA application_id=2"}) {
+        SqliteDatabase(path).run(sql);
+        EXPECT_EQ(refusal(), "'" + path + "' is a database, but no spool of this version");
+    }
     std::filesystem::remove(path);
     std::filesystem::create_directory(path);
     EXPECT_EQ(refusal(), "the spool '" + path + "': unable to open database file");

@@ -30,10 +30,11 @@ namespace {
 constexpr s64 connectMs = 2'000; // for each server
 constexpr s64 writeMs = 5'000;
 constexpr s64 questionMs = 3'000;
-// The least time in which a stream without a leader has another one is 4 s. Where an answer is
-// overdue for less, nothing new is published that the next leader could take before what was lost
-// with this one.
+// An election takes at least 4 s. Publishing stops once an answer is 2 s late, so that a new leader
+// cannot store later records before a lost one.
 constexpr u64 overdueNs = 2 * nsPerSecond;
+
+constexpr const char* notJson = "an answer in an unknown form";
 
 using Options = std::unique_ptr<natsOptions, Destroy<natsOptions_Destroy>>;
 using Message = std::unique_ptr<natsMsg, Destroy<natsMsg_Destroy>>;
@@ -48,7 +49,7 @@ std::vector<std::string> split(const std::string& text, char separator) {
     return parts;
 }
 
-// To show: without the users and passwords that URLs may hold.
+// For messages: without the users and passwords that URLs may hold.
 std::string withoutSecrets(const std::string& urls) {
     std::string shown;
     for (const std::string& url : split(urls, ',')) {
@@ -62,7 +63,7 @@ std::string withoutSecrets(const std::string& urls) {
     return shown;
 }
 
-// What the library says of the last failure of this thread.
+// The text of the last failure on this thread.
 std::string lastError(natsStatus status) {
     const char* text = nats_GetLastError(nullptr);
     return text == nullptr || *text == '\0' ? natsStatus_GetText(status) : text;
@@ -124,14 +125,14 @@ Options makeOptions(const NatsSettings& settings) {
     natsOptions_SetName(made, "analytics");
     natsOptions_SetTimeout(made, connectMs);
     natsOptions_SetWriteDeadline(made, writeMs);
-    // The library would send what it had buffered after what was lost in between.
+    // After a reconnect the library would send what it had buffered, behind records that were lost.
     natsOptions_SetAllowReconnect(made, false);
     setFiles(made, settings);
     return options;
 }
 
-// Runs what a thread goes on after, also without memory. A record whose answer is lost by that
-// stays in flight until the forwarder gives it up. False: there was no memory.
+// Runs the operation and reports bad_alloc instead of passing it on: it then returns false. A
+// record whose answer is lost by that stays in flight until the forwarder gives it up.
 template <typename Operation>
 bool survive(Operation operation) {
     try {
@@ -144,7 +145,7 @@ bool survive(Operation operation) {
     }
 }
 
-// What comes from a connection, on the library's threads.
+// Called by a connection, on the library's threads.
 class IConnectionUser {
 public:
     virtual ~IConnectionUser() = default;
@@ -155,17 +156,20 @@ public:
 
 // The fate that a stream's answer tells.
 std::pair<Fate, std::string> fateIn(const nlohmann::json& answer) {
-    if (!answer.is_object()) {
-        return {Fate::TryAgain, "an answer that is none"};
-    }
     const auto error = answer.find("error");
     if (error == answer.end()) {
         return answer.contains("stream") ? std::pair(Fate::Delivered, std::string())
-                                         : std::pair(Fate::TryAgain, std::string("no stream"));
+                                         : std::pair(Fate::TryAgain, std::string(notJson));
     }
     constexpr int tooLarge = 10054; // for this stream
     return {error->value("err_code", 0) == tooLarge ? Fate::Failed : Fate::TryAgain,
             error->value("description", "an error without a name")};
+}
+
+// Throws nlohmann::json::exception.
+nlohmann::json jsonOf(natsMsg* message) {
+    return nlohmann::json::parse(std::string_view(
+        natsMsg_GetData(message), static_cast<std::size_t>(natsMsg_GetDataLength(message))));
 }
 
 std::pair<Fate, std::string> fateOf(natsMsg* answer) {
@@ -173,10 +177,9 @@ std::pair<Fate, std::string> fateOf(natsMsg* answer) {
         return {Fate::TryAgain, "no stream takes records now"};
     }
     try {
-        return fateIn(nlohmann::json::parse(std::string_view(
-            natsMsg_GetData(answer), static_cast<std::size_t>(natsMsg_GetDataLength(answer)))));
+        return fateIn(jsonOf(answer));
     } catch (const nlohmann::json::exception&) {
-        return {Fate::TryAgain, "an answer that is none"};
+        return {Fate::TryAgain, notJson};
     }
 }
 
@@ -308,28 +311,41 @@ private:
     int m_open ANALYTICS_GUARDED_BY(m_mutex) = 1; // ends that the library has yet to tell
 };
 
-// The name of a stream that takes the subject is asked for.
+// Throws nlohmann::json::exception where the answer has another form. Returns the reason why the
+// server cannot say whether a stream takes the subject; empty: one does.
+std::string readStreamNames(const nlohmann::json& answer, const std::string& subject) {
+    const nlohmann::json error = answer.value("error", nlohmann::json::object());
+    const std::string why = error.value("description", "");
+    constexpr int notNow = 503;
+    if (error.value("code", 0) == notNow) {
+        return why;
+    }
+    if (!error.empty()) {
+        throw std::runtime_error("NATS: no stream takes " + subject + ": " + why);
+    }
+    if (answer.value("total", 0) == 0) {
+        throw std::runtime_error("NATS: no stream takes the subject " + subject);
+    }
+    return {};
+}
+
+// Asks for the names of streams that take the subject.
 void askForStream(natsConnection* connection, const std::string& subject) {
     const std::string question = nlohmann::json{{"subject", subject}}.dump();
     natsMsg* received = nullptr;
     const natsStatus status = natsConnection_RequestString(
         &received, connection, "$JS.API.STREAM.NAMES", question.c_str(), questionMs);
     const Message answer(received);
-    const auto json = status == NATS_OK
-                          ? nlohmann::json::parse(natsMsg_GetData(received), nullptr, false)
-                          : nlohmann::json::object();
-    const nlohmann::json error = json.value("error", nlohmann::json::object());
-    constexpr int notNow = 503;
-    const std::string why =
-        status == NATS_OK ? error.value("description", "") : natsStatus_GetText(status);
-    if (status != NATS_OK || error.value("code", 0) == notNow) {
+    std::string why = status == NATS_OK ? "" : natsStatus_GetText(status);
+    try {
+        why = status == NATS_OK ? readStreamNames(jsonOf(received), subject) : why;
+    } catch (const nlohmann::json::exception&) {
+        why = notJson;
+    }
+    if (!why.empty()) {
         LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
             << "NATS: no server says whether a stream takes " << subject << ": " << why
             << std::endl;
-    } else if (!error.empty()) {
-        throw std::runtime_error("NATS: no stream takes " + subject + ": " + why);
-    } else if (json.value("total", 0) == 0) {
-        throw std::runtime_error("NATS: no stream takes the subject " + subject);
     }
 }
 

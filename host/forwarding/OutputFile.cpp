@@ -28,12 +28,28 @@ bool canRetry(int descriptor) {
     return poll(&output, 1, -1) >= 0 || errno == EINTR;
 }
 
-void endTornLine(int descriptor) {
+// Where the file may not be read, the line stays torn.
+void endTornLine(const std::string& path, int descriptor) {
     const off_t size = sizeOf(descriptor);
+    if (size <= 0) {
+        return;
+    }
+    const FileDescriptor reader(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     char last = '\n';
-    if (size > 0 && pread(descriptor, &last, 1, size - 1) == 1 && last != '\n') {
+    if (pread(reader.get(), &last, 1, size - 1) == 1 && last != '\n') {
         static_cast<void>(::write(descriptor, "\n", 1) == 1);
     }
+}
+
+// For writing alone: this process must not count as a reader of a FIFO.
+FileDescriptor openToAppend(const std::string& path) {
+    constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC;
+    // With O_NONBLOCK, the open fails where it would wait for a reader.
+    FileDescriptor file(::open(path.c_str(), flags | O_NONBLOCK, 0644));
+    if (file) {
+        fcntl(file.get(), F_SETFL, O_APPEND); // writes wait
+    }
+    return file;
 }
 
 } // namespace
@@ -67,16 +83,14 @@ bool OutputFile::isTerminal() const {
 }
 
 FileDescriptor OutputFile::open() const {
-    FileDescriptor file(::open(m_path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
-    if (!file && (errno == EACCES || errno == EPERM)) { // one may write, but not read
-        file = FileDescriptor(::open(m_path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
-    }
+    FileDescriptor file = openToAppend(m_path);
     if (!file) {
-        throw std::runtime_error("cannot open " + m_name + ": " +
-                                 std::generic_category().message(errno) +
+        const std::string reason =
+            errno == ENXIO ? "nobody reads it" : std::generic_category().message(errno);
+        throw std::runtime_error("cannot open " + m_name + ": " + reason +
                                  " (expected a file that can be appended to, see --output)");
     }
-    endTornLine(file.get());
+    endTornLine(m_path, file.get());
     return file;
 }
 
@@ -92,11 +106,18 @@ void OutputFile::reopen() {
     }
 }
 
-// What comes next must not be appended to half a line.
+// The next line must not follow a part of this one.
 void OutputFile::takeBack(std::string_view text, std::string_view unwritten) const {
     const off_t size = sizeOf(descriptor());
     const auto written = static_cast<off_t>(text.size() - unwritten.size());
-    if (size >= written && written > 0 && ftruncate(descriptor(), size - written) != 0) {
+    if (written == 0 || size < written) {
+        return;
+    }
+    // Without O_APPEND, a write behind the new end would leave a hole.
+    const bool isAtEnd = lseek(descriptor(), 0, SEEK_CUR) == size;
+    if (ftruncate(descriptor(), size - written) == 0) {
+        static_cast<void>(isAtEnd && lseek(descriptor(), size - written, SEEK_SET) >= 0);
+    } else {
         LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3)
             << m_name << " ends in a part of a line: " << std::generic_category().message(errno)
             << std::endl;

@@ -11,8 +11,9 @@
 // time, but for requestReopen().
 class ANALYTICS_EXPORT OutputFile {
 public:
-    // An empty path means standard output. A line that a killed process left unfinished in the file
-    // is ended. Throws std::runtime_error, with path and reason, if the file cannot be opened.
+    // An empty path means standard output. Ends a line that a killed process left unfinished in the
+    // file. Throws std::runtime_error, with path and reason, if the file cannot be opened, or is a
+    // FIFO that nobody reads.
     explicit OutputFile(const std::string& path);
 
     // Writes all of the text at once, unbuffered; waits where the output is full but non-blocking.

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,29 +28,24 @@ public:
     const char* name() const override { return "engine"; }
     void start(IAnswers& answers) override { m_answers = &answers; }
     void send(const std::vector<const Record*>& batch) override {
+        std::vector<Answer> delivered = deliveredAll(batch);
         {
             const CheckedLock lock(m_mutex);
-            for (const Record* record : batch) {
-                m_inFlight.push_back(record);
-                m_calls.push_back(record->sequence);
-                m_lines.push_back(record->line);
-            }
+            take(batch);
         }
         if (deliversAtOnce) {
-            answerAll(Fate::Delivered);
+            m_answers->answer(std::move(delivered));
         }
         if (onSend) {
             onSend();
         }
     }
     void purge() override {
-        {
-            const CheckedLock lock(m_mutex);
-            m_calls.push_back(purged);
-        }
         if (purgesAtOnce) {
             answerAll(Fate::TryAgain, "purged");
         }
+        const CheckedLock lock(m_mutex);
+        m_calls.push_back(purged);
     }
 
     // What was called since the last look: the sequences sent, and purges, such as "1-3 purge 2".
@@ -83,14 +79,22 @@ public:
         m_answers->answerOne(ticket, fate, reason);
     }
     void answerAll(Fate fate, const std::string& reason = {}) {
-        std::vector<const Record*> records;
+        std::vector<Answer> answers;
         {
             const CheckedLock lock(m_mutex);
-            records.swap(m_inFlight);
+            for (const Record* record : m_inFlight) {
+                answers.push_back({record->ticket, fate, reason});
+            }
+            m_inFlight.clear();
         }
-        for (const Record* record : records) {
-            m_answers->answerOne(record->ticket, fate, reason);
+        if (!answers.empty()) {
+            m_answers->answer(std::move(answers));
         }
+    }
+    // Records that wait for their answer.
+    std::size_t inFlight() const {
+        const CheckedLock lock(m_mutex);
+        return m_inFlight.size();
     }
     // The lines of all records sent.
     std::vector<std::string> lines() const {
@@ -104,6 +108,24 @@ public:
 
 private:
     static constexpr u64 purged = 0; // no record's sequence
+
+    // A throw leaves everything as it was.
+    void take(const std::vector<const Record*>& batch) ANALYTICS_REQUIRES(m_mutex) {
+        std::vector<std::string> lines;
+        for (const Record* record : batch) {
+            lines.push_back(record->line);
+        }
+        m_inFlight.reserve(m_inFlight.size() + batch.size());
+        m_calls.reserve(m_calls.size() + batch.size());
+        m_lines.insert(m_lines.end(), std::make_move_iterator(lines.begin()),
+                       std::make_move_iterator(lines.end()));
+        for (const Record* record : batch) {
+            m_calls.push_back(record->sequence);
+            if (!deliversAtOnce) {
+                m_inFlight.push_back(record);
+            }
+        }
+    }
 
     IAnswers* m_answers = nullptr;
     mutable CheckedMutex m_mutex;

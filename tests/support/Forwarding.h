@@ -4,36 +4,74 @@
 #include "common/infra/IParcelOutbox.h"
 #include "common/infra/TrackedAllocation.h"
 #include "host/forwarding/Forwarder.h"
+#include "tests/support/Files.h"
+#include "tests/support/Process.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <poll.h>
 
-#include <chrono>
+#include <algorithm>
 #include <cstdlib>
 #include <map>
 #include <memory>
-#include <set>
+#include <random>
+#include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 // What tests of engines share: an outbox with a forwarder to a sink, and a look at what was stored.
 
-// How many records the long runs send; a few thousand unless the environment says otherwise.
+// A number that the environment gives, or else this one.
+inline u64 numberFrom(const char* variable, u64 otherwise) {
+    const char* text = std::getenv(variable);
+    return text == nullptr ? otherwise : std::stoull(text);
+}
+// How many records the long runs send.
 inline u64 recordsOfARun() {
-    const char* text = std::getenv("ANALYTICS_TEST_RECORDS");
-    return text == nullptr ? 3'000 : std::stoull(text);
+    return numberFrom("ANALYTICS_TEST_RECORDS", 3'000);
 }
 
 // Sends parcels to an engine, and holds the account against what came of them.
 class Sending {
 public:
-    explicit Sending(std::unique_ptr<ISink> sink, const ForwarderOptions& options = fast())
+    explicit Sending(std::unique_ptr<ISink> sink)
         : m_forwarder(std::make_unique<Forwarder>(m_outbox, std::move(sink), std::vector<ISink*>{},
-                                                  options)) {}
+                                                  options())) {}
 
+    void push(u64 count, std::size_t size = 0) {
+        for (u64 i = 0; i < count; ++i) {
+            auto* parcel = TRACKED_NEW(AnalyticsParcel)();
+            parcel->setDetails(std::string(size, 'x'));
+            m_outbox.pushParcel(parcel, IParcelOutbox::KEL_ANALYTICS);
+        }
+        m_pushed += count;
+    }
+    u64 pushed() const { return m_pushed; }
+    u64 delivered() { return m_forwarder->account().numbers().delivered; }
+    bool waitForDelivered() {
+        return waitUntil([this] { return delivered() == m_pushed; });
+    }
+
+    // Ends the forwarder. The account has one record more than was pushed: its own.
+    AccountNumbers end(std::chrono::seconds limit = std::chrono::seconds(20)) {
+        EXPECT_TRUE(m_forwarder->stop(limit));
+        AccountNumbers account = m_forwarder->account().numbers();
+        EXPECT_TRUE(account.addsUp()) << account.text();
+        EXPECT_EQ(account.pushed, ++m_pushed);
+        EXPECT_EQ(account.dropped, 0U);
+        m_forwarder.reset();
+        return account;
+    }
+    // The same, when the engine has to have everything. Returns how much that is.
+    u64 endWithAllDelivered() {
+        EXPECT_EQ(end().delivered, m_pushed);
+        return m_pushed;
+    }
+
+private:
     // Short pauses, and a host's name to look for.
-    static ForwarderOptions fast() {
+    static ForwarderOptions options() {
         ForwarderOptions options;
         options.hostId = "host-1";
         options.firstBackOff = std::chrono::milliseconds(10);
@@ -42,61 +80,66 @@ public:
         return options;
     }
 
-    void push(u64 count, std::size_t size = 0) {
-        for (u64 i = 0; i < count; ++i) {
-            auto* parcel = TRACKED_NEW(AnalyticsParcel)();
-            parcel->setEventName("Pushed");
-            parcel->setDetails(std::string(size, 'x'));
-            m_outbox.pushParcel(parcel, IParcelOutbox::KEL_ANALYTICS);
-        }
-        m_pushed += count;
-    }
-
-    AccountNumbers account() { return m_forwarder->account().numbers(); }
-    u64 delivered() { return account().delivered; }
-
-    // Ends the forwarder. The account has one record more than was pushed: its own.
-    AccountNumbers end(std::chrono::seconds limit = std::chrono::seconds(20)) {
-        EXPECT_TRUE(m_forwarder->stop(limit));
-        AccountNumbers account = this->account();
-        EXPECT_TRUE(account.addsUp()) << account.text();
-        EXPECT_EQ(account.pushed, m_pushed + 1);
-        EXPECT_EQ(account.dropped, 0U);
-        m_forwarder.reset();
-        return account;
-    }
-    // The same, when the engine has to have everything.
-    void endWithAllDelivered() {
-        const AccountNumbers account = end();
-        EXPECT_EQ(account.delivered, m_pushed + 1) << account.text();
-    }
-    u64 pushed() const { return m_pushed; }
-
-private:
     ParcelOutbox m_outbox{1'000'000};
     u64 m_pushed = 0;
     std::unique_ptr<Forwarder> m_forwarder;
 };
 
-// The sequences of stored records, in the order in which they were stored.
-inline std::vector<u64> sequencesOf(const std::vector<std::string>& values) {
-    std::vector<u64> sequences;
-    for (const std::string& value : values) {
-        const auto json = nlohmann::json::parse(value, nullptr, false);
-        EXPECT_FALSE(json.is_discarded()) << value;
-        sequences.push_back(json.value("sequence", u64{0}));
+// The sequences of each process in the order in which they came; a line that a kill has torn is
+// none.
+inline std::map<std::string, std::vector<u64>> sequencesByBoot(const std::string& lines) {
+    std::map<std::string, std::vector<u64>> sequences;
+    std::istringstream stream(lines);
+    for (std::string line; std::getline(stream, line);) {
+        const auto record = nlohmann::json::parse(line, nullptr, false);
+        if (!record.is_discarded()) {
+            sequences[record["boot"]].push_back(record["sequence"]);
+        }
     }
     return sequences;
 }
 
-// Every record of 1 to `count` is there, and repeats aside they are in order.
-inline void expectAllInOrder(const std::vector<std::string>& values, u64 count) {
+// The last one of a process. Repeats aside, the records are in order and without gaps.
+inline u64 lastInOrder(const std::vector<u64>& sequences) {
     u64 last = 0;
-    for (const u64 sequence : sequencesOf(values)) {
-        if (sequence > last) {
-            ASSERT_EQ(sequence, last + 1) << "a record is missing or was overtaken";
-            last = sequence;
-        }
+    for (const u64 sequence : sequences) {
+        EXPECT_LE(sequence, last + 1) << "a record is missing or was overtaken";
+        last = std::max(last, sequence);
     }
-    EXPECT_EQ(last, count);
+    return last;
+}
+inline u64 lastInOrder(const std::string& lines) {
+    const auto byBoot = sequencesByBoot(lines);
+    return byBoot.empty() ? 0 : lastInOrder(byBoot.begin()->second);
+}
+
+// A process that forwards with spool, output and engine is killed at random moments, a few times
+// unless the environment says otherwise; a last one sends what is left. Every record that the
+// output got, since it was accepted, is stored by the engine in order. `engine` are the options
+// that name it, `stored` reads what it holds.
+inline void killAtRandomMoments(const std::string& engine,
+                                const std::function<std::string()>& stored) {
+    const TempFolder folder;
+    const std::string copy = folder.write("copy", "");
+    const auto pusher = [&](const std::string& count) {
+        return std::vector<std::string>{"sh", "-c",
+                                        "exec " PUSHER " " + count + " " + engine +
+                                            " --format jsonl --spool " + (folder / "spool") +
+                                            " --output " + copy};
+    };
+    std::mt19937 random(std::random_device{}());
+    for (u64 kills = numberFrom("ANALYTICS_TEST_KILLS", 3); kills > 0; --kills) {
+        const auto size = std::filesystem::file_size(copy);
+        Process process(pusher("1000000000"), folder / "log");
+        ASSERT_TRUE(waitUntil([&] { return std::filesystem::file_size(copy) > size; }))
+            << process.output();
+        poll(nullptr, 0, static_cast<int>(random() % 300));
+    }
+    Process last(pusher("0"), folder / "log");
+    EXPECT_EQ(last.wait(), 0) << last.output();
+    for (const auto& [boot, accepted] : sequencesByBoot(readFile(copy))) {
+        EXPECT_TRUE(waitUntil([&, name = boot, sequence = accepted.back()] {
+            return lastInOrder(sequencesByBoot(stored())[name]) >= sequence; // it may be behind
+        })) << "a record was accepted, and is lost";
+    }
 }
