@@ -9,7 +9,7 @@
 ANALYTICS_TAG const char* accountName(AnalyticsParcel::AccountType account);
 ANALYTICS_TAG const char* priorityName(AnalyticsParcel::Priority priority);
 
-enum class ANALYTICS_TAG ParcelFormat { Text, JsonLines };
+enum class ParcelFormat { Text, JsonLines };
 
 // A parcel to read, in lines of at most 80 columns where its own texts are not longer. A storage
 // report, which is any parcel with the entries cm1 to cm5, is laid out as a table of the latency
