@@ -90,7 +90,7 @@ TEST_F(ForwarderTest, PushesAnswersAndAStopWakeAThreadThatWaits) {
 TEST_F(ForwarderTest, AStopEndsAtItsLimitWithWhatWaits) {
     startFake({});
     push("Event");
-    EXPECT_TRUE(forwarder->stop(milliseconds(100)));
+    EXPECT_TRUE(forwarder->stop(milliseconds(1'000))); // a tenth of it for the return
     EXPECT_EQ(forwarder->account().numbers().text(),
               "pushed=2 restored=0 delivered=0 failed=0 dropped=0 evicted=0 waiting=2");
 }

@@ -9,20 +9,21 @@
 #include <utility>
 #include <vector>
 
-// What becomes of a record that was sent.
-enum class Fate : u32 {
-    Delivered, // the engine has it
-    Failed,    // it never will: another attempt would end the same way
-    TryAgain   // another attempt may succeed
-};
-
 struct ANALYTICS_TAG Answer {
+    // What becomes of a record that was sent.
+    enum class Fate : u32 {
+        Delivered, // the engine has it
+        Failed,    // it never will: another attempt would end the same way
+        TryAgain   // another attempt may succeed
+    };
+
     u64 ticket = 0;
     Fate fate = Fate::Delivered;
     // Why not, in a few words, if it was not delivered. Failures are counted by reason, so it holds
     // no figure that differs from record to record.
     std::string reason;
 };
+using Fate = Answer::Fate; // in the tagged type: clang puts no tag on an enumeration
 
 // Takes the answers of a sink: the forwarder.
 class ANALYTICS_TAG IAnswers {
