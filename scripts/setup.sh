@@ -16,7 +16,7 @@ older_compiler() {
 declare -A packages=(
     [build]="g++ cmake ninja-build pkgconf"
     [program]="liburing-dev libspdlog-dev libfmt-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev librdkafka-dev libnats-dev prometheus-cpp-dev libsqlite3-dev libsimdjson-dev zlib1g-dev libzstd-dev libjs-chart.js"
-    [tests]="make libgtest-dev libgmock-dev kcat nats-server prometheus python3 python3-jsonschema zstd chromium"
+    [tests]="make libgtest-dev libgmock-dev nats-server prometheus python3 python3-jsonschema zstd chromium"
     [checks]="clang clang-format clang-tidy $(older_compiler)"
     [documents]="doxygen"
     [packages]="dpkg-dev file"
