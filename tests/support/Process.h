@@ -89,6 +89,23 @@ inline std::vector<int> freePorts(std::size_t count) {
     return ports;
 }
 
+// The answer to a GET, headers included; empty if there is none.
+inline std::string httpGet(int port, const std::string& path) {
+    const FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const sockaddr_in address = loopback(port);
+    const std::string request =
+        "GET " + path + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
+    std::string answer;
+    if (connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
+        write(socket.get(), request.data(), request.size()) > 0) {
+        char buffer[4096];
+        for (ssize_t size = 0; (size = read(socket.get(), buffer, sizeof(buffer))) > 0;) {
+            answer.append(buffer, static_cast<std::size_t>(size));
+        }
+    }
+    return answer;
+}
+
 // Whether the condition came true within the limit. For what another program does, which tells
 // nobody when it is done.
 inline bool waitUntil(const std::function<bool()>& condition,
