@@ -137,7 +137,13 @@ const Row runs[] = {
      "--block-size 2M --read-percent 0 --io-engine threads --shutdown-timeout 1",
      meanwhile(kill("TERM"), anyProcess + " " + refusing(SYS_pwrite64, 0, "2 2097152")),
      "analytics-host: 8 I/Os are in flight: the end took too long\n"
-     "analytics-host: the running period is not reported: the end took too long\n"}};
+     "analytics-host: the running period is not reported: the end took too long\n"},
+    {"ALogThatHangs", 1,
+     "--block-size 2M --read-percent 0 --rate 0 --io-engine threads --shutdown-timeout 1 --log "
+     "pipe",
+     fillPipe + "timeout --foreground --preserve-status 2 " +
+         refusing(SYS_pwrite64, EIO, "2 2097152") + "$run >out",
+     "analytics-host: 7 I/Os are in flight: the end took too long\n"}};
 
 const Row starts[] = {
     {"AnUnknownOption", 2, "--nonsense", "$run", "'--nonsense' is not an option (see --help)"},

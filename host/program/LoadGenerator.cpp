@@ -94,13 +94,12 @@ void LoadGenerator::waitUntilIdle() {
 }
 
 u64 LoadGenerator::inFlight() const {
-    const CheckedLock lock(m_mutex);
-    return m_slots.size() - m_idle.size();
+    const u64 completed = counts().completed(); // read first: it does not exceed what was issued
+    return m_issued - completed;
 }
 
 LoadGenerator::Counts LoadGenerator::counts() const {
-    const CheckedLock lock(m_mutex);
-    return m_counts;
+    return {m_reads, m_writes, m_failed};
 }
 
 LoadGenerator::Maxima LoadGenerator::maxima() const {
@@ -160,6 +159,7 @@ void LoadGenerator::issue(u64 count) {
         for (IoRequest* refused : m_batch) {
             m_idle.push_back(static_cast<Slot*>(refused));
         }
+        m_issued -= m_batch.size();
         m_stopping = true;
     }
     m_deepestQueue.update(m_slots.size() - m_idle.size());
@@ -189,12 +189,12 @@ void LoadGenerator::completed(Slot& slot, int result) {
 
 void LoadGenerator::countResult(const Slot& slot, int result) {
     const bool isRead = slot.operation == IoRequest::Read;
-    ++(isRead ? m_counts.reads : m_counts.writes);
+    ++(isRead ? m_reads : m_writes);
     const u64 nowNs = monotonicNs();
     if (!slot.failed) {
         m_failureLog.succeeded(nowNs);
         return;
     }
-    ++m_counts.failed;
+    ++m_failed;
     m_failureLog.failed({isRead, slot.offset, result, slot.length}, nowNs);
 }

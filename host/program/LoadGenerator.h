@@ -7,6 +7,7 @@
 #include "host/io/IoEngine.h"
 #include "host/program/FailureLog.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <optional>
 #include <random>
@@ -55,6 +56,7 @@ public:
 
     // How the I/Os are made, once started.
     IoEngine::Kind ioEngine() const { return m_engine.kind(); }
+    // These two wait for nothing, not even for a log that does not answer.
     u64 inFlight() const;
     Counts counts() const;
     Maxima maxima() const;
@@ -88,11 +90,13 @@ private:
     std::vector<Slot*> m_idle ANALYTICS_GUARDED_BY(m_mutex);
     std::vector<IoRequest*> m_batch ANALYTICS_GUARDED_BY(m_mutex); // being issued
     std::mt19937_64 m_random ANALYTICS_GUARDED_BY(m_mutex);
-    Counts m_counts ANALYTICS_GUARDED_BY(m_mutex);
+    std::atomic<u64> m_reads{0}; // as in Counts; these four are written with m_mutex held
+    std::atomic<u64> m_writes{0};
+    std::atomic<u64> m_failed{0};
+    std::atomic<u64> m_issued{0};
     AnalyticsMaximumMetric m_longestIoUs ANALYTICS_GUARDED_BY(m_mutex){"longest I/O [us]"};
     AnalyticsMaximumMetric m_deepestQueue ANALYTICS_GUARDED_BY(m_mutex){"deepest queue"};
-    u64 m_blocks ANALYTICS_GUARDED_BY(m_mutex) = 0; // of the file
-    u64 m_issued ANALYTICS_GUARDED_BY(m_mutex) = 0;
+    u64 m_blocks ANALYTICS_GUARDED_BY(m_mutex) = 0;  // of the file
     double m_owed ANALYTICS_GUARDED_BY(m_mutex) = 0; // I/Os that are due and not issued
     FailureLog m_failureLog ANALYTICS_GUARDED_BY(m_mutex);
     bool m_stopping ANALYTICS_GUARDED_BY(m_mutex) = false;
