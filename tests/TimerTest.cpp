@@ -198,20 +198,17 @@ TEST_F(TimerTest, ReadsItsClocksInTheirUnits) {
 }
 
 TEST_F(TimerTest, ParsesDates) {
-    const char* const none = "Sun Jan  0 00:00:00 1900\n";
-    const std::pair<const char*, const char*> rows[] = {
-        {"2024-02-29 23:58:59", "Thu Feb 29 23:58:59 2024\n"},
-        {"1969-12-31T23:59:58Z", "Wed Dec 31 23:59:58 1969\n"},
-        {"2023-02-29 00:00:00", none},
-        {"2024-01-01T00:00:00", none},
-        {"2024-01-01 00:00:00 ", none},
-        {"2024-01-0: 00:00:00", none},
-        {"2024/01/01 00:00:00", none},
-        {"2024-01-01 24:00:00", none}};
-    for (const auto& [text, expected] : rows) {
+    const auto parsed = [this](const char* text) {
         tm date{};
-        EXPECT_EQ(timer.utcStringToTm(text, date), expected != none) << text;
-        EXPECT_STREQ(std::asctime(&date), expected);
+        const bool isDate = timer.utcStringToTm(text, date);
+        return std::string(isDate ? "" : "no date, ") + std::asctime(&date);
+    };
+    EXPECT_EQ(parsed("2024-02-29 23:58:59"), "Thu Feb 29 23:58:59 2024\n");
+    EXPECT_EQ(parsed("1969-12-31T23:59:58Z"), "Wed Dec 31 23:59:58 1969\n");
+    for (const char* const text :
+         {"2023-02-29 00:00:00", "2024-01-01T00:00:00", "2024-01-01 00:00:00 ",
+          "2024-01-0: 00:00:00", "2024/01/01 00:00:00", "2024-01-01 24:00:00"}) {
+        EXPECT_EQ(parsed(text), "no date, Sun Jan  0 00:00:00 1900\n") << text;
     }
 }
 

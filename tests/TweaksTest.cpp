@@ -102,7 +102,7 @@ protected:
     std::string told() { return std::regex_replace(toBriefText(log), std::regex(path), "PATH"); }
 };
 
-TEST_F(TweaksFileTest, LogsEachChange) {
+TEST_F(TweaksFileTest, LogsEachChangeAndLeavesAPinnedValue) {
     load(R"(
 T_StorageAnalyticsIntervalSec = 4294967
 t_DISABLEPeriodicAnalytics = true
@@ -120,10 +120,7 @@ common info load " PATH: t_StorageAnalyticsIntervalSec 86400 -> 4294967, t_disab
 common warn load " PATH: t_StorageAnalyticsIntervalSec 4294967 -> 86400 (not in the file: the default), t_disablePeriodicAnalytics true -> false (not in the file: the default), t_StorageAnalyticsLatencyThreshold 0 -> 50000 (not in the file: the default), t_StorageAnalyticsLatencyFast 1 -> 1000 (not in the file: the default), t_StorageAnalyticsLatencyModerate 2 -> 5000 (not in the file: the default), t_StorageAnalyticsLatencySlow 3 -> 20000 (not in the file: the default), t_StorageAnalyticsLatencyVerySlow 4294967295 -> 100000 (not in the file: the default)\n"
 )");
     EXPECT_EQ(live.t_StorageAnalyticsLatencyModerate, 5'000U);
-}
-
-TEST_F(TweaksFileTest, APinnedValueStays) {
-    file.emplace(path, Texts{"T_storageAnalyticsLatencyFast"});
+    file.emplace(path, Texts{"T_storageAnalyticsLatencyFast"}); // pinned
     live.t_StorageAnalyticsLatencyFast = 9;
     write("t_StorageAnalyticsLatencyFast=10");
     file->load();
@@ -132,11 +129,7 @@ TEST_F(TweaksFileTest, APinnedValueStays) {
 
 TEST_F(TweaksFileTest, RefusesABadFileAsAWhole) {
     const auto times = [](int count, const std::string& part) {
-        std::string all;
-        while (count-- > 0) {
-            all += part;
-        }
-        return all;
+        return fmt::format("{}", fmt::join(Texts(count, part), ""));
     };
     const std::string line = times(1024, "#"), full = times(64, line.substr(1) + "\n");
     const std::string below = flag + "=true\nt_StorageAnalytics"; // a good line
@@ -230,12 +223,12 @@ TEST_F(TweaksFileTest, FollowsTheWayToTheFile) {
 TEST_F(TweaksFileTest, IsAppliedAsAWholeWhenMemoryFails) {
     file.emplace(path);
     write(interval + "=7\n" + flag + "=true");
-    const auto isUnchanged = [&] {
+    const auto expectUnchanged = [&] {
         EXPECT_EQ(tweaks.uintVal(interval, DefaultTweakValue<u32>(1)), 1U);
         EXPECT_FALSE(live.t_disablePeriodicAnalytics);
     };
     LogService::setLevel(AssertLevel); // a log line without memory is dropped: no failure
-    EXPECT_GT(failEachAllocation([&] { file->load(); }, isUnchanged), 10);
+    EXPECT_GT(failEachAllocation([&] { file->load(); }, expectUnchanged), 10);
     LogService::setLevel(InfoLevel);
     EXPECT_TRUE(live.t_disablePeriodicAnalytics);
 }
