@@ -1,6 +1,5 @@
 #include "common/Analytics/PeriodicAnalyticsScheduler.h"
 #include "common/Analytics/StorageAnalyticsGenerator.h"
-#include "common/infra/DynamicTweaks.h"
 #include "common/infra/IParcelOutbox.h"
 #include "common/infra/TrackedAllocation.h"
 #include "host/services/MemLedger.h"
