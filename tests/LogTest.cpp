@@ -9,11 +9,9 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-// Grouped digits and a decimal comma, as many a process's locale has them.
+// Grouped digits, as many a process's locale has them.
 struct Grouping : std::numpunct<char> {
-    char do_thousands_sep() const override { return '.'; }
     std::string do_grouping() const override { return "\3"; }
-    char do_decimal_point() const override { return ','; }
 };
 
 // Both convertible to a text and streamable.

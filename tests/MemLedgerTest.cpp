@@ -19,16 +19,11 @@ protected:
     void* allocate(unsigned long size = 32, const char* type = "Thing", unsigned int line = 7) {
         return memShield.allocAndRegister(size, 0, type, "Maker.cc", line);
     }
-    void release(void* block) {
-        if (memShield.isMemshieldActive()) {
-            memShield.verifyPtr(block, "User.cc", 12);
-            memShield.freeAndUnregister(block, "User.cc", 12);
-        } else {
-            memShield.freeAndCount(block);
-        }
+    static void release(void* block) {
+        internal_delete_helper(static_cast<char*>(block), "User.cc", 12);
     }
-    void releaseAll(const std::vector<void*>& blocks) {
-        std::for_each(blocks.begin(), blocks.end(), [this](void* block) { release(block); });
+    static void releaseAll(const std::vector<void*>& blocks) {
+        std::for_each(blocks.begin(), blocks.end(), release);
     }
     u64 bad() const { return MemLedger::report().badReleases - before.badReleases; }
 

@@ -35,9 +35,6 @@ TEST_F(StorageReportTest, TheFinalizerAddsThePeriodThatTheReportClosed) {
                   "u32:cm4=0 u32:cm5=0 u32:cm6=0 u32:episodes=0 u32:maxN u32:p50N u32:p90N "
                   "u32:p999N u32:p99N u64:cd11=0 u64:episodeSumMs=0 u64:failedIos=0 u64:N");
     }
-}
-
-TEST_F(StorageReportTest, WithoutAReportTheFinalizerAddsNothing) {
     struct NoReport : IPeriodicAnalyticsParcelFinalizer {
         AnalyticsParcel* finalizeParcel() override { return nullptr; }
     };
@@ -72,15 +69,9 @@ TEST_F(StorageReportTest, ASetIsReportedLikeTheProcess) {
         EXPECT_EQ(parcel->getText(), std::string("[Latency Threshold=9000]") + text);
         EXPECT_EQ(parcel->getU64Entries().at("failedIos"), 0U) << "of the next period";
     }
-}
-
-TEST_F(StorageReportTest, TheSetsPolicyHasTheIntervalOfTheTunable) {
-    for (const u64 seconds : {86'400, 7}) { // the default, and then a set one
-        const TrackedPtr<IAnalyticsSchedulingPolicy> policy(generator.createPolicy(),
-                                                            TRACKED_DELETE);
-        EXPECT_EQ(policy->getNextSchedule(), seconds * 1'000);
-        services.tweaks.set("t_StorageAnalyticsIntervalSec", "7");
-    }
+    services.tweaks.set("t_StorageAnalyticsIntervalSec", "7");
+    const TrackedPtr<IAnalyticsSchedulingPolicy> policy(generator.createPolicy(), TRACKED_DELETE);
+    EXPECT_EQ(policy->getNextSchedule(), 7'000U);
 }
 
 TEST_F(StorageReportTest, AReportThatMemoryFailsIsMadeByTheNextAttempt) {

@@ -40,20 +40,17 @@ private:
 // Files of this process are not written beyond so many bytes, as on a full disk.
 class FileSizeLimit {
 public:
-    explicit FileSizeLimit(rlim_t bytes) : m_handler(std::signal(SIGXFSZ, SIG_IGN)) {
+    explicit FileSizeLimit(rlim_t bytes) {
+        static_cast<void>(std::signal(SIGXFSZ, SIG_IGN)); // it would end the process
         getrlimit(RLIMIT_FSIZE, &m_before);
         const rlimit limit{bytes, m_before.rlim_max};
         setrlimit(RLIMIT_FSIZE, &limit);
     }
-    ~FileSizeLimit() {
-        setrlimit(RLIMIT_FSIZE, &m_before);
-        static_cast<void>(std::signal(SIGXFSZ, m_handler));
-    }
+    ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &m_before); }
     FileSizeLimit(const FileSizeLimit&) = delete;
     FileSizeLimit& operator=(const FileSizeLimit&) = delete;
 
 private:
-    void (*const m_handler)(int);
     rlimit m_before{};
 };
 
