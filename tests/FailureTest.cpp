@@ -9,7 +9,6 @@
 #include "host/testing/Installed.h"
 #include "tests/support/FailingMemory.h"
 #include "tests/support/Files.h"
-#include "tests/support/Test.h"
 
 namespace {
 

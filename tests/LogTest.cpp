@@ -3,7 +3,6 @@
 #include "host/testing/LogText.h"
 #include "tests/support/FailingMemory.h"
 #include "tests/support/Files.h"
-#include "tests/support/Test.h"
 
 namespace {
 

@@ -6,7 +6,6 @@
 #include "host/testing/FakeServices.h"
 #include "host/testing/LogText.h"
 #include "tests/support/FailingMemory.h"
-#include "tests/support/Test.h"
 #include "tests/support/Together.h"
 
 namespace {

@@ -2,7 +2,6 @@
 
 #include "host/testing/Installed.h"
 #include "host/testing/LogText.h"
-#include "tests/support/Test.h"
 #include "tests/support/Together.h"
 
 #include <fmt/format.h>

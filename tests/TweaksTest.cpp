@@ -7,7 +7,6 @@
 #include "host/testing/LogText.h"
 #include "tests/support/FailingMemory.h"
 #include "tests/support/Files.h"
-#include "tests/support/Test.h"
 #include "tests/support/Together.h"
 
 #include <fmt/format.h>
@@ -139,8 +138,7 @@ TEST_F(TweaksFileTest, RefusesABadFileAsAWhole) {
           below + R"(LatencyFast="\n")", below + "LatencyFast=5000", below + "LatencySlow=5000",
           below + "LatencyVerySlow=9", below + "LatencyFast=9\n" + moderate + "=9", flag + "=1",
           flag + "=true\nT_DISABLEPERIODICANALYTICS=true", "\n" + flag, line, line + "#", full,
-          full + "\n", times(30'000, "a.") + "b=1",
-          times(60, "x=[{" + times(500, "a.") + "b=[\n")}) {
+          full + "\n", times(60, "x=[{" + times(500, "a.") + "b=[\n")}) {
         messages += messageOf([&] { load(content); }) + "\n";
         EXPECT_FALSE(live.t_disablePeriodicAnalytics) << content;
     }
@@ -163,13 +161,12 @@ no error
 1: is too long, expected at most 1024 bytes
 no error
  is too long, expected at most 65536 bytes
-1: is too long, expected at most 1024 bytes
 1: not TOML; expected a name and its value in one line
 )");
 }
 
 // Each row changes what the path leads to in another way, as a shell does it, and tells what is
-// logged then. The following begins after the second change. The first after a refusal is news.
+// logged then. The following begins after the first change. The first after a refusal is news.
 TEST_F(TweaksFileTest, FollowsTheWayToTheFile) {
     const std::string missing = "cannot be read (No such file or directory)";
     const std::tuple<LogLevel, const char*, std::string> rows[] = {
@@ -200,10 +197,9 @@ TEST_F(TweaksFileTest, FollowsTheWayToTheFile) {
             fmt::format("cd {}; T={}; I={}; F={}; put() {{ mkdir -p $1; echo $T=$2{} > $1/f; }}; ",
                         folder / "", threshold, interval, flag, ++number);
         ASSERT_EQ(std::system((script + command).c_str()), 0);
-        if (number == 1) {
+        if (!file) {
             file.emplace(folder / "current/f");
             file->load();
-        } else if (number == 2) {
             file->follow();
         }
         EXPECT_TRUE(log.waitFor(told)) << command;
@@ -214,9 +210,6 @@ TEST_F(TweaksFileTest, FollowsTheWayToTheFile) {
     held << threshold << "=0" << std::flush;
     std::filesystem::permissions(folder / "b/f", std::filesystem::perms::owner_all);
     EXPECT_TRUE(log.waitFor("-> 0"));
-    held << "\n" << flag << "=true" << std::flush;
-    held.close();
-    EXPECT_TRUE(log.waitFor(flag + " false -> true"));
 }
 
 TEST_F(TweaksFileTest, IsAppliedAsAWholeAndFollowedOnWhenMemoryFails) {
