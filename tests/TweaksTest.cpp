@@ -1,9 +1,8 @@
 #include "common/infra/Tweaks.h"
 
-#include "common/infra/DynamicTweaks.h"
 #include "common/infra/StringUtils.h"
 #include "host/services/TweaksFile.h"
-#include "host/testing/Installed.h"
+#include "host/testing/FakeServices.h"
 #include "host/testing/LogText.h"
 #include "tests/support/FailingMemory.h"
 #include "tests/support/Files.h"
@@ -18,7 +17,6 @@ using Texts = std::vector<std::string>;
 const std::string interval = "t_StorageAnalyticsIntervalSec";
 const std::string flag = "t_disablePeriodicAnalytics";
 const std::string threshold = "t_StorageAnalyticsLatencyThreshold";
-const std::string moderate = "t_StorageAnalyticsLatencyModerate";
 
 TEST(StringUtilsTest, SplitsAtEachSeparatorAndFindsWhateverTheLetterCase) {
     EXPECT_EQ(StringUtils::splitStr(",a,, b", ','), (Texts{"", "a", "", " b"}));
@@ -79,10 +77,8 @@ protected:
         }
         std::atomic<int> allocations{unlimitedAllocations};
     } log;
-    Tweaks tweaks;
-    DynamicTweaks live;
-    Installed<Tweaks, Tweaks> installedTweaks{tweaks};
-    Installed<DynamicTweaks, DynamicTweaks> installedLive{live};
+    FakeServices services;
+    DynamicTweaks& live = services.dynamicTweaks;
     const TempFolder folder;
     const std::string path = folder / "tweaks.toml";
     std::optional<TweaksFile> file;
@@ -117,7 +113,6 @@ t_StorageAnalyticsLatencyVerySlow = 4294967295
 common info load " PATH: t_StorageAnalyticsIntervalSec 86400 -> 4294967, t_disablePeriodicAnalytics false -> true, t_StorageAnalyticsLatencyThreshold 50000 -> 0, t_StorageAnalyticsLatencyFast 1000 -> 1, t_StorageAnalyticsLatencyModerate 5000 -> 2, t_StorageAnalyticsLatencySlow 20000 -> 3, t_StorageAnalyticsLatencyVerySlow 100000 -> 4294967295\n"
 common warn load " PATH: t_StorageAnalyticsIntervalSec 4294967 -> 86400 (not in the file: the default), t_disablePeriodicAnalytics true -> false (not in the file: the default), t_StorageAnalyticsLatencyThreshold 0 -> 50000 (not in the file: the default), t_StorageAnalyticsLatencyFast 1 -> 1000 (not in the file: the default), t_StorageAnalyticsLatencyModerate 2 -> 5000 (not in the file: the default), t_StorageAnalyticsLatencySlow 3 -> 20000 (not in the file: the default), t_StorageAnalyticsLatencyVerySlow 4294967295 -> 100000 (not in the file: the default)\n"
 )");
-    EXPECT_EQ(live.t_StorageAnalyticsLatencyModerate, 5'000U);
     file.emplace(path, Texts{"T_storageAnalyticsLatencyFast"}); // pinned
     live.t_StorageAnalyticsLatencyFast = 9;
     write("t_StorageAnalyticsLatencyFast=10");
@@ -136,9 +131,9 @@ TEST_F(TweaksFileTest, RefusesABadFileAsAWhole) {
          {below + "Unknown=1", below + "IntervalSec=0", below + "IntervalSec=4294968",
           below + "IntervalSec=1.5", below + "LatencyFast=4294967296",
           below + R"(LatencyFast="\n")", below + "LatencyFast=5000", below + "LatencySlow=5000",
-          below + "LatencyVerySlow=9", below + "LatencyFast=9\n" + moderate + "=9", flag + "=1",
-          flag + "=true\nT_DISABLEPERIODICANALYTICS=true", "\n" + flag, line, line + "#", full,
-          full + "\n", times(60, "x=[{" + times(500, "a.") + "b=[\n")}) {
+          below + "LatencyVerySlow=9", below + "LatencyFast=9\nt_StorageAnalyticsLatencyModerate=9",
+          flag + "=1", flag + "=true\nT_DISABLEPERIODICANALYTICS=true", "\n" + flag, line,
+          line + "#", full, full + "\n", times(60, "x=[{" + times(500, "a.") + "b=[\n")}) {
         messages += messageOf([&] { load(content); }) + "\n";
         EXPECT_FALSE(live.t_disablePeriodicAnalytics) << content;
     }
@@ -216,7 +211,7 @@ TEST_F(TweaksFileTest, IsAppliedAsAWholeAndFollowedOnWhenMemoryFails) {
     file.emplace(path);
     write(interval + "=7\n" + flag + "=true");
     const auto expectUnchanged = [&] {
-        EXPECT_EQ(tweaks.uintVal(interval, DefaultTweakValue<u32>(1)), 1U);
+        EXPECT_EQ(services.tweaks.uintVal(interval, DefaultTweakValue<u32>(1)), 1U);
         EXPECT_FALSE(live.t_disablePeriodicAnalytics);
     };
     LogService::setLevel(AssertLevel); // a log line without memory is dropped: no failure
