@@ -22,15 +22,16 @@ class Fleet:
 
     def __init__(self, host_count, process_minutes, seed=1, is_hostile=False):
         self.random = random.Random(seed)
-        names = [*HOSTILE_NAMES * is_hostile, *(f"host{number:03}" for number in range(host_count))]
-        self.names, self.minutes = names[:host_count], process_minutes
+        hostile_names = HOSTILE_NAMES if is_hostile else []
+        usual_names = [f"host{number:03}" for number in range(len(hostile_names), host_count)]
+        self.names, self.minutes = hostile_names + usual_names, process_minutes
         self.lines, self.read_sets, self.depths, self.pushed = [], [], [], 0
         self.reports = [[] for _ in self.names]
         for number in range(host_count):
             for boot in range(2):
                 self.process(number, boot)
         self.record_count = len(self.lines)
-        self.lines += [line + b"\n" for line in STRANGE_LINES * is_hostile]
+        self.lines += [line + b"\n" for line in STRANGE_LINES if is_hostile]
 
     def report(self, number, minute):
         """Classes, failed I/Os, latencies and episodes. A tenth of the hosts is slow for a tenth of the time."""
