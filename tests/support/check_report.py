@@ -66,6 +66,12 @@ class Fleet:
                   small.account(name, sequence + 9, seconds, sequence, 2, sequence - 4, 1, 1, 3, 1)]
         self.lines += [line.replace(b'"HOST"', json.dumps(self.names[number]).encode()) for line in lines]
 
+    def worst_ten_minutes(self):
+        by_minute = list(zip(*self.reports))
+        windows = [{"from": iso(START + 60_000 * begin), "to": iso(START + 60_000 * (begin + 10)),
+                    **totals(sum(by_minute[begin:begin + 10], ()))} for begin in range(len(by_minute) - 9)]
+        return max(windows, key=lambda window: window["slowShare"])
+
     def truth(self):
         processes = 2 * len(self.names)
         last = START + 60_000 * (2 * self.minutes - 1) + 7 * (len(self.names) - 1)
@@ -74,6 +80,7 @@ class Fleet:
             **totals(sum(self.reports, [])), "sets": dict(reads=totals(self.read_sets)),
             "hosts": len(hosts), "boots": processes, "from": iso(START), "to": iso(last),
             "hostsBySlowShare": sorted(hosts, key=lambda line: -line["slowShare"]),
+            "worstTenMinutes": self.worst_ten_minutes(),
             "recordsRead": self.record_count, "notUnderstood": len(self.lines) - self.record_count,
             "duplicates": processes, "missing": 7 * processes, "evicted": 3 * processes, "gaps": 2 * processes,
             "account": dict(processes=processes, pushed=self.pushed, restored=2 * processes,
