@@ -72,13 +72,13 @@ def follow_files():
             with path.open("ab") as file:
                 file.write(data)
             terminal.wait_for_count(count)
-        following.write_bytes(b"".join(LINES[13:20]))
+        following.write_bytes(b"".join(LINES[13:30]))  # more than is there: it does not look as if it was cut
         following.rename(path)
-        terminal.wait_for_count(20)
-        path.write_bytes(b"".join(LINES[20:23]))
-        terminal.wait_for_count(23)
+        terminal.wait_for_count(30)
+        path.write_bytes(b"".join(LINES[30:33]))
+        terminal.wait_for_count(33)
         path.rename(path.with_suffix(".old"))
-        path.write_bytes(b"".join(LINES[23:]))
+        path.write_bytes(b"".join(LINES[33:]))
         terminal.wait_for_count(len(LINES))
         terminal.end(signal.SIGTERM)
 
