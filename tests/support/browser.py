@@ -1,5 +1,4 @@
 """Drives Debian's chromium without a window, over a pipe: no port, no further library."""
-import base64
 import json
 import os
 import shutil
@@ -85,11 +84,9 @@ class Browser:
                 return answer["result"]
             self.note(answer)
 
-    def open(self, path, is_dark=False):
-        self.send("Emulation.setEmulatedMedia",
-                  features=[{"name": "prefers-color-scheme", "value": "dark" if is_dark else "light"}])
+    def open(self, path):
         self.events.clear()
-        self.send("Page.navigate", url=f"file://{os.path.abspath(path)}")
+        self.send("Page.navigate", url=f"file://{path}")
         while "Page.loadEventFired" not in self.events:
             self.note(self.message())
 
@@ -102,10 +99,3 @@ class Browser:
     def drag(self, start, end):
         for kind, (x, y) in (("mousePressed", start), ("mouseMoved", end), ("mouseReleased", end)):
             self.send("Input.dispatchMouseEvent", type=kind, x=x, y=y, button="left", buttons=1, clickCount=1)
-
-    def screenshot(self, path, height=None):
-        clip = {} if height is None else {"clip": {"x": 0, "y": 0, "width": 1440, "height": height, "scale": 1},
-                                          "captureBeyondViewport": True}
-        data = self.send("Page.captureScreenshot", format="png", **clip)["data"]
-        with open(path, "wb") as file:
-            file.write(base64.b64decode(data))

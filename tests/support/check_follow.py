@@ -3,7 +3,6 @@
 come in again; follows a link, and standard input. Exits with 1 and says what differs."""
 import fcntl
 import os
-import pathlib
 import pty
 import re
 import select
@@ -11,23 +10,30 @@ import shutil
 import signal
 import struct
 import subprocess
-import sys
 import termios
 
-import report_records
+from check_summary import FOLDER, PROGRAM, report
 
 LIMIT_SECONDS = 30
+LINES = [report("h b", number, number, (1, 0, 0, 0, 0)) for number in range(1, 41)]
 
 
 class Terminal:
     """The program on a terminal of 80 columns."""
 
-    def __init__(self, *command, rows=60):
+    def __init__(self, *names, rows=60):
         self.side, other = pty.openpty()
         fcntl.ioctl(other, termios.TIOCSWINSZ, struct.pack("HHHH", rows, 80, 0, 0))
-        self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=other, start_new_session=True)
+        self.process = subprocess.Popen([PROGRAM, "--follow", *names], stdin=subprocess.PIPE, stdout=other,
+                                        start_new_session=True)
         os.close(other)
         self.text = ""
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
 
     def wait_for(self, pattern):
         """Returns what was written until then."""
@@ -37,6 +43,9 @@ class Terminal:
             self.text += os.read(self.side, 65536).decode()
         text, self.text = self.text, ""
         return text
+
+    def wait_for_count(self, count):
+        return self.wait_for(rf"\s{count} read, 0 doubled, 0 missing, 0 not understood")
 
     def end(self, number):
         self.process.send_signal(number)
@@ -48,91 +57,70 @@ def expect(what, got, expected):
         raise SystemExit(f"{what}: expected {expected!r}, got {got!r}")
 
 
-def files(terminal, path, lines, fleet):
-    """Begun late, in pieces, replaced with its last line unfinished, cut, and ended."""
-    first = terminal.wait_for("no records")
-    expect("the first frame's begin", first[:7], "\x1b[2J\x1b[H")
-    path.write_bytes(b"".join(lines[:10]) + lines[10][:50])
-    frame = terminal.wait_for(r"\s10 read")
-    expect("a frame's begin", frame[frame.index("\x1b[H"):][:10], "\x1b[H\x1b[1mSto")
-    expect("the screen is cleared again", "\x1b[2J" in frame, False)
-    expect("lines that are not cleared", re.findall(r"[^K]\r\n", frame), [])
-    with path.open("ab") as file:
-        file.write(lines[10][50:])
-    terminal.wait_for(r"\s11 read, \d+ doubled, \d+ missing, 0 not understood")
-    with path.open("ab") as file:
-        file.write(lines[11] + lines[12].rstrip(b"\n"))
-    terminal.wait_for(r"\s12 read")
-    following = path.parent / "aside" / "file"  # its folder is not watched: the move alone tells
-    following.write_bytes(b"".join(lines[13:20]))
-    following.rename(path)
-    terminal.wait_for(r"\s20 read, \d+ doubled, \d+ missing, 0 not understood")
-    path.write_bytes(b"".join(lines[20:23]))
-    terminal.wait_for(r"\s23 read, \d+ doubled, \d+ missing, 0 not understood")
-    path.rename(path.with_suffix(".old"))
-    path.write_bytes(b"".join(lines[23:]))
-    terminal.wait_for(rf"\s{len(lines)} read, \d+ doubled, {fleet.truth['missing']} missing, 0 not")
+def follow_files():
+    """Begun late, in pieces, replaced with its last line unfinished, cut, and moved away."""
+    path = FOLDER / "followed.jsonl"
+    following = FOLDER / "aside" / "file"  # its folder is not watched: the move alone tells
+    with Terminal(path) as terminal:
+        expect("the first frame's begin", terminal.wait_for("no records")[:7], "\x1b[2J\x1b[H")
+        path.write_bytes(b"".join(LINES[:10]) + LINES[10][:50])
+        frame = terminal.wait_for_count(10)
+        expect("a frame's begin", frame[frame.index("\x1b[H"):][:10], "\x1b[H\x1b[1mSto")
+        expect("the screen is cleared again", "\x1b[2J" in frame, False)
+        expect("lines that are not cleared", re.findall(r"[^K]\r\n", frame), [])
+        for count, data in (11, LINES[10][50:]), (12, LINES[11] + LINES[12].rstrip(b"\n")):
+            with path.open("ab") as file:
+                file.write(data)
+            terminal.wait_for_count(count)
+        following.write_bytes(b"".join(LINES[13:30]))  # more than is there: it does not look as if it was cut
+        following.rename(path)
+        terminal.wait_for_count(30)
+        path.write_bytes(b"".join(LINES[30:33]))
+        terminal.wait_for_count(33)
+        path.rename(path.with_suffix(".old"))
+        path.write_bytes(b"".join(LINES[33:]))
+        terminal.wait_for_count(len(LINES))
+        terminal.end(signal.SIGTERM)
 
 
-def link(program, folder, lines):
-    """A link to a file of another folder, on a small terminal, of which the last line stays free."""
-    (folder / "target").mkdir(exist_ok=True)
-    (folder / "target" / "file").write_bytes(b"")
-    (folder / "link").unlink(missing_ok=True)
-    (folder / "link").symlink_to("target/file")
-    terminal = Terminal(program, "--follow", str(folder / "link"), rows=4)
-    try:
+def follow_a_link():
+    """To a file of another folder, on a small terminal, of which the last line stays free."""
+    target = FOLDER / "aside" / "target"
+    target.write_bytes(b"")
+    (FOLDER / "link").symlink_to(target)
+    with Terminal(FOLDER / "link", rows=4) as terminal:
         terminal.wait_for("no records")
-        (folder / "target" / "file").write_bytes(lines[0])
+        target.write_bytes(LINES[0])
         frame = terminal.wait_for(r"1 report\x1b\[K\r\n\x1b\[J")
         expect("lines of a small terminal", frame.split("\x1b[H")[-1].count("\n"), 3)
         terminal.end(signal.SIGINT)
-    finally:
-        terminal.process.kill()
 
 
-def stream(program, folder, lines):
+def follow_streams():
     """Standard input shown on no terminal, its last line without a line feed; alone, twice, and beside a file."""
-    given = b"".join(lines[:3]).rstrip(b"\n")
+    given = b"".join(LINES[:3]).rstrip(b"\n")
     for names in ["-"], [], ["-", "-"]:
-        done = subprocess.run([program, "--follow", *names], input=given, capture_output=True, timeout=LIMIT_SECONDS)
-        expect(f"exit code for {names}", (done.returncode, done.stderr), (0, b""))
+        done = subprocess.run([PROGRAM, "--follow", *names], input=given, capture_output=True, timeout=LIMIT_SECONDS)
         last = done.stdout.decode().split("Storage latency")[-1]
         expect(f"records for {names}", re.findall(r"(\d+) read, 0 doubled, 0 missing, 0 not", last), ["3"])
         expect("what a terminal would be told", ("\x1b" in last, last[-2:]), (False, "\n\n"))
-    (folder / "beside").write_bytes(lines[3])
-    process = subprocess.Popen([program, "--follow", "-", folder / "beside"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
-    try:
-        process.stdin.write(given.decode())
-        process.stdin.close()
-        expect("read beside the stream", any(line.startswith("  4 read") for line in process.stdout), True)
-        with (folder / "beside").open("ab") as file:  # after the end of the stream
-            file.write(lines[4])
-        expect("read after the stream's end", any(line.startswith("  5 read") for line in process.stdout), True)
-        process.terminate()
-        process.stdout.read()
-        expect("exit code beside a file", process.wait(LIMIT_SECONDS), 0)
-    finally:
-        process.kill()
-
-
-def main():
-    program, folder = sys.argv[1], pathlib.Path(sys.argv[2]) / "follow"
-    shutil.rmtree(folder, ignore_errors=True)
-    (folder / "aside").mkdir(parents=True)
-    path = folder / "followed.jsonl"
-    _, fleet = report_records.fleet_of([str(path), "--hosts", "1", "--reports", "40"])
-    fleet.make()
-    terminal = Terminal(program, "--follow", str(path))
-    try:
-        files(terminal, path, fleet.lines, fleet)
+        expect(f"exit code for {names}", (done.returncode, done.stderr), (0, b""))
+    beside = FOLDER / "beside"
+    beside.write_bytes(LINES[3])
+    with Terminal("-", beside) as terminal:
+        terminal.process.stdin.write(given)
+        terminal.process.stdin.close()
+        terminal.wait_for_count(4)
+        with beside.open("ab") as file:
+            file.write(LINES[4])
+        terminal.wait_for_count(5)
         terminal.end(signal.SIGTERM)
-    finally:
-        terminal.process.kill()
-    link(program, folder, fleet.lines)
-    stream(program, folder, fleet.lines)
-    print("followed to the end")
 
 
 if __name__ == "__main__":
-    main()
+    shutil.rmtree(FOLDER, ignore_errors=True)
+    (FOLDER / "aside").mkdir(parents=True)
+    follow_files()
+    follow_a_link()
+    follow_streams()
+    print("followed to the end")
