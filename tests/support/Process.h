@@ -93,8 +93,7 @@ inline std::vector<int> freePorts(std::size_t count) {
 inline std::string httpGet(int port, const std::string& path) {
     const FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const sockaddr_in address = loopback(port);
-    const std::string request =
-        "GET " + path + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
+    const std::string request = "GET " + path + " HTTP/1.0\r\n\r\n";
     std::string answer;
     if (connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
         write(socket.get(), request.data(), request.size()) > 0) {
