@@ -18,6 +18,8 @@ using Message = std::unique_ptr<rd_kafka_message_t, Destroy<rd_kafka_message_des
 
 constexpr const char* topic = "reports";
 constexpr int partitions = 3;
+constexpr int every = -1;    // broker
+constexpr short produce = 0; // a request
 
 Handle makeHandle(rd_kafka_type_t type, const std::map<std::string, std::string>& properties) {
     rd_kafka_conf_t* conf = rd_kafka_conf_new();
@@ -28,12 +30,24 @@ Handle makeHandle(rd_kafka_type_t type, const std::map<std::string, std::string>
     return Handle(rd_kafka_new(type, conf, nullptr, 0));
 }
 
-// Three brokers that speak the protocol, in threads of this process, and one topic.
+// Three brokers that speak the protocol, in threads of this process, one topic, and its reader.
 class KafkaCluster {
 public:
     KafkaCluster() {
         rd_kafka_mock_topic_create(get(), topic, partitions, 3);
         lead(1);
+        m_reader = makeHandle(RD_KAFKA_CONSUMER, {{"bootstrap.servers", brokers()},
+                                                  {"group.id", "readers"},
+                                                  {"enable.auto.commit", "false"},
+                                                  {"reconnect.backoff.max.ms", "100"},
+                                                  {"fetch.wait.max.ms", "20"}});
+        rd_kafka_poll_set_consumer(m_reader.get());
+        rd_kafka_topic_partition_list_t* all = rd_kafka_topic_partition_list_new(partitions);
+        for (int partition = 0; partition < partitions; ++partition) {
+            rd_kafka_topic_partition_list_add(all, topic, partition)->offset = 0;
+        }
+        rd_kafka_assign(m_reader.get(), all);
+        rd_kafka_topic_partition_list_destroy(all);
     }
 
     rd_kafka_mock_cluster_t* get() const { return rd_kafka_handle_mock_cluster(m_owner.get()); }
@@ -53,48 +67,12 @@ public:
             rd_kafka_mock_partition_set_leader(get(), topic, partition, broker);
         }
     }
-    void forAllBrokers(rd_kafka_resp_err_t (*change)(rd_kafka_mock_cluster_t*, int32_t)) {
-        for (const int broker : {1, 2, 3}) {
-            change(get(), broker);
-        }
-    }
-    // The next request to store something.
-    void refuse(rd_kafka_resp_err_t error) {
-        constexpr short produceRequest = 0;
-        rd_kafka_mock_push_request_errors(get(), produceRequest, 1, error);
-    }
-
-private:
-    const Handle m_owner = makeHandle(RD_KAFKA_PRODUCER, {{"test.mock.num.brokers", "3"}});
-};
-
-// Its library reads what is stored while it is being stored: the brokers forget.
-class KafkaReader {
-public:
-    explicit KafkaReader(const KafkaCluster& cluster)
-        : m_consumer(makeHandle(RD_KAFKA_CONSUMER, {{"bootstrap.servers", cluster.brokers()},
-                                                    {"group.id", "readers"},
-                                                    {"enable.auto.commit", "false"},
-                                                    {"reconnect.backoff.max.ms", "100"},
-                                                    {"fetch.wait.max.ms", "20"}})) {
-        rd_kafka_poll_set_consumer(m_consumer.get());
-        rd_kafka_topic_partition_list_t* all = rd_kafka_topic_partition_list_new(1);
-        for (int partition = 0; partition < partitions; ++partition) {
-            rd_kafka_topic_partition_list_add(all, topic, partition)->offset =
-                RD_KAFKA_OFFSET_BEGINNING;
-        }
-        rd_kafka_assign(m_consumer.get(), all);
-        rd_kafka_topic_partition_list_destroy(all);
-    }
-
-    // All so far, one a line.
+    // All so far, one a line. To be read while it is being stored: the brokers forget.
     const std::string& values() {
-        while (const Message message{rd_kafka_consumer_poll(m_consumer.get(), 0)}) {
+        while (const Message message{rd_kafka_consumer_poll(m_reader.get(), 0)}) {
             if (message->err == RD_KAFKA_RESP_ERR_NO_ERROR) {
                 m_values.append(static_cast<const char*>(message->payload), message->len) += '\n';
-                m_places.emplace(
-                    std::string(static_cast<const char*>(message->key), message->key_len),
-                    message->partition);
+                m_keys.emplace(static_cast<const char*>(message->key), message->key_len);
             }
         }
         return m_values;
@@ -103,13 +81,13 @@ public:
         const std::string text = "\"sequence\":" + std::to_string(sequence) + ",";
         return waitUntil([&] { return values().find(text) != std::string::npos; });
     }
-    // Keys, each with a partition in which there is something under it.
-    const std::set<std::pair<std::string, int>>& places() const { return m_places; }
+    const std::set<std::string>& keys() const { return m_keys; }
 
 private:
-    const Handle m_consumer;
+    const Handle m_owner = makeHandle(RD_KAFKA_PRODUCER, {{"test.mock.num.brokers", "3"}});
+    Handle m_reader;
     std::string m_values;
-    std::set<std::pair<std::string, int>> m_places;
+    std::set<std::string> m_keys;
 };
 
 class KafkaSinkTest : public testing::Test {
@@ -119,50 +97,49 @@ protected:
     RecordingLog log;
     const TempFolder folder;
     KafkaCluster cluster;
-    KafkaReader reader{cluster};
 };
 
 } // namespace
 
 TEST_F(KafkaSinkTest, AServiceOfFewLinesSendsItsOwnReport) {
-    Process service({"timeout", "20", OWN_KAFKA_REPORTS, cluster.brokers(), topic},
+    Process service("timeout 20 " OWN_KAFKA_REPORTS " " + cluster.brokers() + " reports /dev/null",
                     folder / "service");
     EXPECT_EQ(service.wait(), 0) << service.output();
-    ASSERT_TRUE(reader.waitForLast(2)) << service.output();
-    EXPECT_TRUE(holds(reader.values(), R"("eventName":"StoragePeriodicParcel")"));
-    EXPECT_TRUE(holds(reader.values(), R"("service":"own_kafka_reports")"));
-    EXPECT_EQ(reader.values().find("\n\n"), std::string::npos) << "no line feed is stored";
+    ASSERT_TRUE(cluster.waitForLast(2)) << service.output();
+    EXPECT_TRUE(holds(cluster.values(), R"("eventName":"StoragePeriodicParcel")"));
+    EXPECT_TRUE(holds(cluster.values(), R"("service":"own_kafka_reports")"));
+    EXPECT_EQ(cluster.values().find("\n\n"), std::string::npos) << "no line feed is stored";
     EXPECT_TRUE(holds(service.output(), "delivered=2"));
 }
 
 TEST_F(KafkaSinkTest, AKillAtAnyMomentLosesNothingThatWasAccepted) {
     killAtRandomMoments("--kafka " + cluster.brokers() + " --topic " + topic,
-                        [&] { return reader.values(); });
+                        [&] { return cluster.values(); });
 }
 
 TEST_F(KafkaSinkTest, NothingIsLostWhileTheLeaderIsDownOrChanges) {
     Sending sending(makeKafkaSink(cluster.settings()));
     while (sending.pushed() < recordsOfARun()) {
         sending.push(part);
-        ASSERT_TRUE(reader.waitForLast(sending.pushed() - part / 2));
+        ASSERT_TRUE(cluster.waitForLast(sending.pushed() - part / 2));
         rd_kafka_mock_broker_set_down(cluster.get(), 1); // it leads
         sending.push(part);
         // Longer than the forwarder waits for an answer: what is in flight is given up.
         ASSERT_TRUE(log.waitFor("Kafka takes no records"));
         rd_kafka_mock_broker_set_up(cluster.get(), 1);
-        ASSERT_TRUE(reader.waitForLast(sending.pushed()));
+        ASSERT_TRUE(cluster.waitForLast(sending.pushed()));
         for (const int leader : {2, 3, 1, 3, 2, 1}) {
             sending.push(part / 2);
             cluster.lead(leader);
         }
-        ASSERT_TRUE(reader.waitForLast(sending.pushed()));
+        ASSERT_TRUE(cluster.waitForLast(sending.pushed()));
         log.clear();
     }
     const u64 count = sending.endWithAllDelivered();
-    EXPECT_TRUE(reader.waitForLast(count));
-    EXPECT_EQ(lastInOrder(reader.values()), count);
-    ASSERT_EQ(reader.places().size(), 1U);
-    EXPECT_EQ(reader.places().begin()->first, "host-1");
+    EXPECT_TRUE(cluster.waitForLast(count));
+    EXPECT_EQ(lastInOrder(cluster.values()), count);
+    // One key, one partition: else the order above is another.
+    EXPECT_EQ(cluster.keys(), std::set<std::string>{"host-1"});
 }
 
 TEST_F(KafkaSinkTest, OnlyTheRecordThatABrokerRefusesIsLostByAnError) {
@@ -173,14 +150,16 @@ TEST_F(KafkaSinkTest, OnlyTheRecordThatABrokerRefusesIsLostByAnError) {
           RD_KAFKA_RESP_ERR_NOT_ENOUGH_REPLICAS, RD_KAFKA_RESP_ERR_TOPIC_AUTHORIZATION_FAILED,
           RD_KAFKA_RESP_ERR_OUT_OF_ORDER_SEQUENCE_NUMBER, RD_KAFKA_RESP_ERR_INVALID_PRODUCER_EPOCH,
           RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE}) {
-        cluster.refuse(error);
+        rd_kafka_mock_push_request_errors(cluster.get(), produce, 1, error);
         sending.push(100);
         EXPECT_TRUE(sending.waitForDelivered()) << rd_kafka_err2name(error);
     }
-    EXPECT_TRUE(reader.waitForLast(sending.pushed()));
-    EXPECT_EQ(lastInOrder(reader.values()), sending.pushed());
+    EXPECT_TRUE(cluster.waitForLast(sending.pushed()));
+    EXPECT_EQ(lastInOrder(cluster.values()), sending.pushed());
     EXPECT_TRUE(log.waitFor("one by one"));
-    cluster.refuse(RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE);
+    rd_kafka_mock_broker_set_rtt(cluster.get(), every, 100); // all are produced by then
+    rd_kafka_mock_push_request_errors(cluster.get(), produce, 1,
+                                      RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE);
     sending.push(20);
     const AccountNumbers account = sending.end();
     EXPECT_EQ(account.failures,
@@ -211,17 +190,17 @@ TEST_F(KafkaSinkTest, NothingIsProducedBehindARecordThatTheProducerDoesNotTakeNo
 }
 
 TEST_F(KafkaSinkTest, BrokersThatAreAwayAreWaitedFor) {
-    cluster.forAllBrokers(rd_kafka_mock_broker_set_down);
+    rd_kafka_mock_broker_set_down(cluster.get(), every);
     Sending sending(makeKafkaSink(cluster.settings()));
     EXPECT_TRUE(log.waitFor("says whether there is a topic reports"));
     for (int outage = 1; outage <= 2; ++outage) {
         EXPECT_TRUE(log.waitFor("Kafka: Local: All broker connections are down"));
         sending.push(100);
-        cluster.forAllBrokers(rd_kafka_mock_broker_set_up);
-        ASSERT_TRUE(reader.waitForLast(sending.pushed()));
-        EXPECT_EQ(lastInOrder(reader.values()), sending.pushed());
+        rd_kafka_mock_broker_set_up(cluster.get(), every);
+        ASSERT_TRUE(cluster.waitForLast(sending.pushed()));
+        EXPECT_EQ(lastInOrder(cluster.values()), sending.pushed());
         log.clear();
-        cluster.forAllBrokers(rd_kafka_mock_broker_set_down);
+        rd_kafka_mock_broker_set_down(cluster.get(), every);
     }
     sending.push(100);
     EXPECT_EQ(sending.end(std::chrono::seconds(1)).waiting, 101U) << "it ends in time";
