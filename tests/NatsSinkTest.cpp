@@ -24,10 +24,9 @@ const std::string ownHost = inet_ntoa({htonl(INADDR_LOOPBACK + static_cast<u32>(
 
 // Once one of the servers is there.
 Connection connectTo(const std::string& urls) {
-    natsConnection* made = nullptr;
-    EXPECT_TRUE(
-        waitUntil([&] { return natsConnection_ConnectTo(&made, urls.c_str()) == NATS_OK; }));
-    return Connection(made);
+    natsConnection* got = nullptr;
+    EXPECT_TRUE(waitUntil([&] { return natsConnection_ConnectTo(&got, urls.c_str()) == NATS_OK; }));
+    return Connection(got);
 }
 
 // Empty if there is no message.

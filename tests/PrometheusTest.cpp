@@ -26,10 +26,11 @@ protected:
         const sockaddr_in address{
             AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
         connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-        dprintf(socket.get(), "GET /metrics HTTP/1.0\r\n\r\n");
-        std::string answer(100'000, '\0');
-        const auto size = recv(socket.get(), answer.data(), answer.size(), MSG_WAITALL);
-        return answer.substr(0, static_cast<std::size_t>(size));
+        std::string text = "GET /metrics HTTP/1.0\r\n\r\n";
+        ::send(socket.get(), text.data(), text.size(), MSG_NOSIGNAL);
+        text.resize(100'000);
+        const auto size = recv(socket.get(), text.data(), text.size(), MSG_WAITALL);
+        return text.substr(0, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
     }
     // The lines with a value, without the endpoint's own figures.
     std::string values() const {
