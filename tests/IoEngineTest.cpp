@@ -3,6 +3,7 @@
 #include "common/infra/AIO.h"
 #include "host/io/AlignedBuffer.h"
 #include "host/services/Clock.h"
+#include "host/services/FileDescriptor.h"
 #include "host/services/StorageLatency.h"
 #include "host/testing/Installed.h"
 #include "host/testing/RecordingLog.h"

@@ -1,42 +1,65 @@
-#include "host/forwarding/PrometheusCollector.h"
 #include "host/forwarding/PrometheusEndpoint.h"
+#include "host/services/FileDescriptor.h"
 #include "host/testing/RecordingAnswers.h"
 #include "tests/support/Examples.h"
 #include "tests/support/Files.h"
 #include "tests/support/Process.h"
 #include "tests/support/Test.h"
 
-#include <prometheus/text_serializer.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 namespace {
 
-AccountNumbers exampleAccount() {
-    return {20, 8, 10, 5, 4, 3, 6, 0, {}, 2, 1};
-}
-
-// The lines with a value; no comments.
-std::string valuesOf(const PrometheusCollector& collector) {
-    std::istringstream lines(prometheus::TextSerializer().Serialize(collector.Collect()));
-    std::string values;
-    for (std::string line; std::getline(lines, line);) {
-        values += line.front() == '#' ? "" : line + "\n";
+class PrometheusTest : public testing::Test {
+protected:
+    void send(const AnalyticsParcel& parcel, bool isFromSpool = false) {
+        Record record = makeRecord(1);
+        record.parcel = isFromSpool ? nullptr : &parcel;
+        endpoint->send({&record});
+        EXPECT_EQ(answers.take(1), "1 delivered");
     }
-    return values;
-}
+    // The answer to a GET, headers included; empty if there is none.
+    std::string scrape() const {
+        const FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        const int port = std::stoi(endpoint->address().substr(loopback.size()));
+        const sockaddr_in address{
+            AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+        connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+        std::string text = "GET /metrics HTTP/1.0\r\n\r\n";
+        ::send(socket.get(), text.data(), text.size(), MSG_NOSIGNAL);
+        text.resize(100'000);
+        const auto size = recv(socket.get(), text.data(), text.size(), MSG_WAITALL);
+        return text.substr(0, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+    }
+    // The lines with a value, without the endpoint's own figures.
+    std::string values() const {
+        const std::regex line("(analytics_[^\n]*\n)|[^\n]*\n");
+        return std::regex_replace(scrape(), line, "$1");
+    }
+
+    const std::string loopback = "127.0.0.1:";
+    RecordingAnswers answers;
+    const std::unique_ptr<IPrometheusEndpoint> endpoint = openPrometheusEndpoint("0");
+};
 
 } // namespace
 
-TEST(PrometheusTest, ReportsAddToTheCountersWhileTheRestIsOfTheLast) {
-    PrometheusCollector collector;
-    const std::string nothingYet = valuesOf(collector);
-    collector.advance(AnalyticsParcel());
-    collector.advance(storageReport().addEntry("set", std::string("reads")));
-    EXPECT_EQ(valuesOf(collector), nothingYet);
-    EXPECT_FALSE(holds(nothingYet, "quantile")) << nothingYet;
+TEST_F(PrometheusTest, ReportsAddToTheCountersWhileTheRestIsOfTheLast) {
+    endpoint->start(answers);
+    const std::string nothingYet = values();
+    EXPECT_FALSE(holds(nothingYet, "quantile"));
+    send(AnalyticsParcel());
+    send(storageReport().addEntry("set", std::string("reads")));
+    send(storageReport(), true);
+    EXPECT_EQ(values(), nothingYet);
     for (const u32 p50Us : {70U, 150U}) {
-        collector.advance(storageReport().addEntry("p50Us", p50Us).addEntry("cm1", 4'000'000'000U));
+        send(storageReport().addEntry("p50Us", p50Us).addEntry("cm1", 4'000'000'000U));
     }
-    const std::string reported = R"(analytics_storage_ios_total{class="1"} 8000000000
+    AccountNumbers account{20, 8, 10, 5, 4, 3, 6, 0, {}, 2, 1};
+    endpoint->followAccount([&] { return account; });
+    account.delivered = 11;
+    EXPECT_EQ(values(), R"(analytics_storage_ios_total{class="1"} 8000000000
 analytics_storage_ios_total{class="2"} 60
 analytics_storage_ios_total{class="3"} 8
 analytics_storage_ios_total{class="4"} 2
@@ -53,12 +76,7 @@ analytics_storage_class_bound_seconds{class="1"} 0.0009
 analytics_storage_class_bound_seconds{class="2"} 0.005
 analytics_storage_class_bound_seconds{class="3"} 0.0205
 analytics_storage_class_bound_seconds{class="4"} 1
-)";
-    EXPECT_EQ(valuesOf(collector), reported);
-    AccountNumbers account = exampleAccount();
-    collector.followAccount([&] { return account; });
-    account.delivered = 11;
-    EXPECT_EQ(valuesOf(collector), reported + R"(analytics_parcels_total{fate="pushed"} 20
+analytics_parcels_total{fate="pushed"} 20
 analytics_parcels_total{fate="restored"} 8
 analytics_parcels_total{fate="delivered"} 11
 analytics_parcels_total{fate="failed"} 5
@@ -67,53 +85,35 @@ analytics_parcels_total{fate="evicted"} 3
 analytics_parcels_total{fate="discarded"} 2
 analytics_parcels_total{fate="output_lost"} 1
 )");
-    collector.followAccount({});
-    EXPECT_EQ(valuesOf(collector), reported);
+    const std::string text = scrape();
+    EXPECT_TRUE(holds(text, "# TYPE analytics_storage_latency_seconds untyped\n"));
+    const TempFolder folder;
+    const std::string body = folder.write("metrics", text.substr(text.find("\r\n\r\n") + 4));
+    Process promtool("promtool check metrics <" + body, folder / "out");
+    EXPECT_EQ(promtool.wait(), 0) << promtool.output();
+    endpoint->followAccount({});
     AnalyticsParcel idle = storageReport();
-    for (const char* key : {"cm1", "cm2", "cm3", "cm4"}) {
-        idle.addEntry(key, u32{0});
-    }
-    collector.advance(idle);
-    EXPECT_TRUE(holds(valuesOf(collector), "latency_seconds{quantile=\"0.5\"} Nan"));
+    idle.addEntry("cm1", u32{0}).addEntry("cm2", u32{0}).addEntry("cm3", u32{0});
+    send(idle.addEntry("cm4", u32{0}));
+    EXPECT_TRUE(holds(values(), "latency_seconds{quantile=\"0.5\"} Nan"));
+    EXPECT_FALSE(holds(values(), "parcels"));
 }
 
-TEST(PrometheusTest, AnAddressThatIsNoneOrTakenIsRefusedByName) {
-    const auto refusal = [](const std::string& address) {
-        return messageOf([&] { openPrometheusEndpoint(address); });
-    };
-    for (const std::string address :
+TEST_F(PrometheusTest, OnlyAnAddressThatIsFreeIsListenedAt) {
+    const std::string none = "' is no address for Prometheus to scrape, such as 127.0.0.1:9464";
+    for (const char* text :
          {"", ":", "127.0.0.1", "127.0.0.1:", "127.0.0.1:65536", "host:9464", "127.0.0.1:9464s",
           "9464,9465", "127.0.0.1:-1", "[]:9464", "x[::1]:1"}) {
-        EXPECT_TRUE(holds(refusal(address), "'" + address + "' is no address"));
+        EXPECT_EQ(messageOf([&] { openPrometheusEndpoint(text); }), "'" + (text + none));
     }
-    const auto first = openPrometheusEndpoint("localhost:0");
-    for (const std::string& address : {first->address(), std::string("192.0.2.1:65535")}) {
-        EXPECT_TRUE(holds(refusal(address), "cannot listen at " + address));
+    for (const std::string& taken : {endpoint->address(), std::string("192.0.2.1:65535")}) {
+        EXPECT_TRUE(
+            holds(messageOf([&] { openPrometheusEndpoint(taken); }), "cannot listen at " + taken));
     }
-    EXPECT_TRUE(holds(openPrometheusEndpoint("0.0.0.0:0")->address(), "0.0.0.0:"));
-}
-
-TEST(PrometheusTest, WhatTheEndpointIsSentIsScrapedAndPrometheusFindsNothingWrongWithIt) {
-    const auto endpoint = openPrometheusEndpoint("0");
-    ASSERT_EQ(endpoint->address().rfind("127.0.0.1:", 0), 0U) << "the default";
-    RecordingAnswers answers;
-    endpoint->start(answers);
-    endpoint->followAccount(exampleAccount);
-    const AnalyticsParcel parcel = storageReport();
-    Record withParcel = makeRecord(1);
-    withParcel.parcel = &parcel;
-    const Record fromSpool = makeRecord(2);
-    endpoint->send({&withParcel, &fromSpool});
-    EXPECT_EQ(answers.take(2), "1 delivered, 2 delivered");
-    const std::string answer = httpGet(
-        std::stoi(endpoint->address().substr(std::string("127.0.0.1:").size())), "/metrics");
-    const std::string text = answer.substr(answer.find("\r\n\r\n") + 4);
-    EXPECT_TRUE(holds(text, "analytics_storage_ios_total{class=\"1\"} 120\n"));
-    EXPECT_TRUE(holds(text, "# TYPE analytics_storage_latency_seconds untyped\n"));
-    EXPECT_TRUE(holds(text, "analytics_parcels_total{fate=\"evicted\"} 3\n"));
-    const TempFolder folder;
-    Process promtool({"sh", "-c", "promtool check metrics <" + folder.write("metrics", text)},
-                     folder / "out");
-    EXPECT_EQ(promtool.wait(), 0);
-    EXPECT_EQ(promtool.output(), "");
+    for (const auto& [text, address] : {std::pair("localhost:0", loopback),
+                                        {"0", loopback},
+                                        {":0", loopback},
+                                        {"0.0.0.0:0", "0.0.0.0:"}}) {
+        EXPECT_EQ(openPrometheusEndpoint(text)->address().rfind(address, 0), 0U) << text;
+    }
 }

@@ -112,21 +112,17 @@ inline void killAtRandomMoments(const std::string& engine,
                                 const std::function<std::string()>& stored) {
     const TempFolder folder;
     const std::string copy = folder.write("copy", "");
-    const auto pusher = [&](const std::string& count) {
-        return std::vector<std::string>{"sh", "-c",
-                                        "exec " PUSHER " " + count + " " + engine +
-                                            " --format jsonl --spool " + (folder / "spool") +
-                                            " --output " + copy};
-    };
+    const std::string options =
+        " " + engine + " --format jsonl --spool " + (folder / "spool") + " --output " + copy;
     std::mt19937 random(std::random_device{}());
     for (u64 kills = numberFrom("ANALYTICS_TEST_KILLS", 3); kills > 0; --kills) {
         const auto size = std::filesystem::file_size(copy);
-        Process process(pusher("1000000000"), folder / "log");
+        Process process(PUSHER " 1000000000" + options, folder / "log");
         ASSERT_TRUE(waitUntil([&] { return std::filesystem::file_size(copy) > size; }))
             << process.output();
         poll(nullptr, 0, static_cast<int>(random() % 300));
     }
-    Process last(pusher("0"), folder / "log");
+    Process last(PUSHER " 0" + options, folder / "log");
     EXPECT_EQ(last.wait(), 0) << last.output();
     for (const auto& [boot, accepted] : sequencesByBoot(readFile(copy))) {
         EXPECT_TRUE(waitUntil([&, name = boot, sequence = accepted.back()] {

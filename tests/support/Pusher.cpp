@@ -13,12 +13,9 @@
 #include <iostream>
 
 int main(int argc, char** argv) {
-    const ParsedCommandLine commandLine = parseCommandLine(argc - 1, argv + 1);
-    if (!commandLine.options) {
-        return commandLine.exitCode;
-    }
+    const Options options = parseCommandLine(argc - 1, argv + 1).options.value();
     ParcelOutbox outbox(1'000'000);
-    Forwarding forwarding(*commandLine.options);
+    Forwarding forwarding(options);
     forwarding.start(outbox, [] {});
     const u64 count = std::strtoull(argv[1], nullptr, 10);
     for (u64 i = 0; i < count; ++i) {
