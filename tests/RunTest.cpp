@@ -70,50 +70,42 @@ TEST(OptionsTest, EachSetsItsField) {
     }
 }
 
-// Each row is options, values of the last one, and what is said of each in its place, the $.
+// Each row is options, values of the last one, and what is said of that option: $ is the value.
 TEST(OptionsTest, WhatIsWrongIsNamedInOneLine) {
     const std::tuple<std::string, const char*, const char*> rows[] = {
-        {"--interval", "0 4294968", "--interval: '$' is not a whole number from 1 to 4294967"},
-        {"--reports", "0 -1",
-         "--reports: '$' is not a whole number from 1 to 18446744073709551615"},
-        {"--queue-depth", "0 4097 4x", "--queue-depth: '$' is not a whole number from 1 to 4096"},
-        {"--read-percent", "-1 101", "--read-percent: '$' is not a whole number from 0 to 100"},
-        {"--rate", "-1 10000001", "--rate: '$' is not a whole number from 0 to 10000000"},
-        {"--max-ios", "-1 x",
-         "--max-ios: '$' is not a whole number from 0 to 18446744073709551615"},
-        {"--show-schedule", "0 10001",
-         "--show-schedule: '$' is not a whole number from 1 to 10000"},
-        {"--shutdown-timeout", "0 3601",
-         "--shutdown-timeout: '$' is not a whole number from 1 to 3600"},
-        {"--days mon --hour", "-1 24", "--hour: '$' is not a whole number from 0 to 23"},
+        {"--interval", "0 4294968", ": '$' is not a whole number from 1 to 4294967"},
+        {"--reports", "0 -1", ": '$' is not a whole number from 1 to 18446744073709551615"},
+        {"--queue-depth", "0 4097 4x", ": '$' is not a whole number from 1 to 4096"},
+        {"--read-percent", "-1 101", ": '$' is not a whole number from 0 to 100"},
+        {"--rate", "-1 10000001", ": '$' is not a whole number from 0 to 10000000"},
+        {"--max-ios", "-1 x", ": '$' is not a whole number from 0 to 18446744073709551615"},
+        {"--show-schedule", "0 10001", ": '$' is not a whole number from 1 to 10000"},
+        {"--shutdown-timeout", "0 3601", ": '$' is not a whole number from 1 to 3600"},
+        {"--days mon --hour", "-1 24", ": '$' is not a whole number from 0 to 23"},
         {"--hour 5 --days", "xyz",
-         "--days: '$' is no day; expected days, as in mon,wed or 1-5: sun to sat, "
+         ": '$' is no day; expected days, as in mon,wed or 1-5: sun to sat, "
          "their full names, or 0 (Sunday) to 6"},
         {"--size", "-1 1T 17179869184G",
-         "--size: '$' is no size; expected a whole number of bytes, or of K, M or G, as in 64M"},
-        {"--format", "xml", "--format: '$' is not one of jsonl, text"},
-        {"--io-engine", "x", "--io-engine: '$' is not one of auto, io_uring, threads"},
-        {"--log-level", "loud",
-         "--log-level: '$' is not one of assert, ctr, debug, error, fatal, info, warn"},
-        {"--block-size", "1000 16777728 0",
-         "--block-size: expected a multiple of 512 bytes up to 16M, got $"},
-        {"--block-size 1K --size", "1023",
-         "--size: expected at least one block (1024 bytes), got $"},
-        {"--path", "\"\"", "--path: is empty; expected a folder"},
+         ": '$' is no size; expected a whole number of bytes, or of K, M or G, as in 64M"},
+        {"--format", "xml", ": '$' is not one of jsonl, text"},
+        {"--io-engine", "x", ": '$' is not one of auto, io_uring, threads"},
+        {"--log-level", "loud", ": '$' is not one of assert, ctr, debug, error, fatal, info, warn"},
+        {"--block-size", "1000 16777728 0", ": expected a multiple of 512 bytes up to 16M, got $"},
+        {"--block-size 1K --size", "1023", ": expected at least one block (1024 bytes), got $"},
+        {"--path", "\"\"", ": is empty; expected a folder"},
         {"--host-id", "\"a b\"",
-         "--host-id: '$' is no name; expected 1 to 255 printable characters without a space"},
-        {"--spool", "s", "--spool: needs an engine, --kafka or --nats"},
-        {"--kafka a --topic t --spool s --spool-limit", "1048575",
-         "--spool-limit: expected at least 1M, got $"},
-        {"--days mon --hour 5 --interval", "5", "--interval excludes --days"},
-        {"--days", "mon", "--days requires --hour"},
-        {"--hour", "5", "--hour requires --days"},
-        {"--kafka", "a", "--kafka requires --topic"},
-        {"--topic", "a", "--topic requires --kafka"},
-        {"--nats", "a", "--nats requires --subject"},
-        {"--subject", "a", "--subject requires --nats"},
-        {"--kafka a --topic t --subject a --nats", "a", "--kafka excludes --nats"},
-        {"--durable --log", "l", "--durable requires --spool"}};
+         ": '$' is no name; expected 1 to 255 printable characters without a space"},
+        {"--spool", "s", ": needs an engine, --kafka or --nats"},
+        {"--kafka a --topic t --spool s --spool-limit", "1048575", ": expected at least 1M, got $"},
+        {"--days mon --hour 5 --interval", "5", " excludes --days"},
+        {"--days", "mon", " requires --hour"},
+        {"--hour", "5", " requires --days"},
+        {"--kafka", "a", " requires --topic"},
+        {"--topic", "a", " requires --kafka"},
+        {"--nats", "a", " requires --subject"},
+        {"--subject", "a", " requires --nats"},
+        {"--nats a --subject a --topic t --kafka", "a", " excludes --nats"},
+        {"--durable", "x", " requires --spool"}};
     for (const auto& [options, values, said] : rows) {
         std::istringstream stream(values);
         for (std::string value; stream >> std::quoted(value);) {
@@ -122,8 +114,8 @@ TEST(OptionsTest, WhatIsWrongIsNamedInOneLine) {
             testing::internal::CaptureStderr();
             const ParsedCommandLine parsed = parse(line.str());
             EXPECT_EQ(testing::internal::GetCapturedStderr(),
-                      "analytics-host: " + std::regex_replace(said, std::regex("\\$"), value) +
-                          " (see --help)\n");
+                      "analytics-host: " + options.substr(options.rfind("--")) +
+                          std::regex_replace(said, std::regex("\\$"), value) + " (see --help)\n");
             EXPECT_FALSE(parsed.options) << line.str();
             EXPECT_EQ(parsed.exitCode, 2) << line.str();
         }
@@ -199,10 +191,8 @@ TEST(RunSummaryTest, PeriodsAreAddedUpAndBoundsThatChangedAreNotShown) {
     for (const u32 first : {10, 200, 10}) {
         totals.add(period(first));
     }
-    Options options;
-    options.path = std::string(100, 'p');
-    options.size = 3 << 20U;
-    options.blockSize = 512;
+    const Options options =
+        *parse("--size 3M --block-size 512 --path " + std::string(100, 'p')).options;
     const RunSummary summary{totals, 2'500, {"ext4", "/dev/x"}, IoEngine::Kind::Threads, options};
     const std::string text = R"(whole run
   class                bound          I/Os    share
