@@ -131,11 +131,6 @@ const Row runs[] = {
 const Row starts[] = {
     {"AnUnknownOption", 2, "--nonsense", "$run", "'--nonsense' is not an option (see --help)"},
     {"NoFolder", 1, "--path /proc/none", "$run", "in '/proc/none': No such file"},
-    {"NoRoomForTheFile", 1, "", refusing(SYS_fallocate, ENOSPC) + "$run",
-     "No space left on device (expected room for 2097152 bytes, see --size)"},
-    {"ABadTunable", 1, "--tweaks bad.toml",
-     "echo t_StorageAnalyticsIntervalSec=true >bad.toml && $run",
-     "bad.toml:1: t_StorageAnalyticsIntervalSec"},
     {"NoLog", 1, "--log /proc/none/log", "$run", "/proc/none/log"},
     {"NoPage", 1, "--html /proc/none/page", "$run",
      "cannot write the page to /proc/none/page: No such"},
