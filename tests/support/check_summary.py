@@ -169,13 +169,13 @@ Records
   host db: limits changed by 2026-11-23 12:07:00, to
     threshold 60 ms, bounds 2 ms 5 ms 20 ms 100 ms
 """
-# Outlines: of a part that says nothing new the title alone.
+# Outlines: what a summary consists of, and its parts that say something new.
 DB_ALONE = """\
+Storage latency Over Maxima Account Records
+
 Storage latency
   2026-11-23 12:00:00 to 2026-11-23 12:23:59 UTC, 24 min
   1 host, 2 boots, 9 reports
-
-       latency              I/Os    share
 
 Over time, by 5 min: slow are cm3 to cm5, p99 is the worst report's
   from (UTC)                     I/Os     slow                   p99   episode
@@ -184,32 +184,22 @@ Over time, by 5 min: slow are cm3 to cm5, p99 is the worst report's
   2026-11-23 12:20:00          999701    0.1 %  #              25 ms       3 s
   worst 10 min: from 2026-11-23 12:15:00, 0.1 % of 999701 I/Os slow
 
-Maxima
-
 Account of 1 process
   pushed 11 + restored 2
   = delivered 6 + failed 1 + dropped 2
     + evicted 3 + waiting 1
-
-Records
 """
 PART = f"""\
+Storage latency Worst Sets, Maxima Account Records
+
 Storage latency
   2026-11-23 12:10:00 to 2026-11-23 12:11:00 UTC, 60 s
   2 hosts, 3 boots, 1 report
-
-       latency              I/Os    share
 
 Worst hosts, by share of slow I/Os
   host                           I/Os     slow                   p99   episode
   web                             100   30.0 %  ###             1 ms     60 ms
   db                                0    0.0 %                  0 us      0 ms
-
-Sets, which are parts of the above
-
-Maxima
-
-Account of 2 processes, summed up
 
 Records
   22 read, 1 doubled, 3 missing, 4 not understood, 3 evicted
@@ -217,19 +207,15 @@ Records
   host db, boot zz-the-~: the clock was set by 60 min
 """
 WITHOUT_REPORTS = """\
+Storage Sets, Maxima Account Records
+
 Storage latency
   2026-11-23 12:11:00 to 2026-11-23 12:11:01 UTC, 1 s
   1 host, 1 boot, 0 reports
 
-Sets, which are parts of the above
-
 Maxima
   deepestQueue = 7  (web)
   longestIoUs = 5  (web)
-
-Account of 1 process
-
-Records
 """
 
 
@@ -272,8 +258,9 @@ def brief(part):
 
 
 def outline(text, *whole):
-    """A summary whose parts are cut to their titles, but for those that begin with one of these words."""
-    return "\n\n".join(part if part.startswith(whole) else part.split("\n")[0] for part in text.strip("\n").split("\n\n")) + "\n"
+    """The first words of a summary's parts, and those parts that begin with one of these words."""
+    parts = text.rstrip("\n").split("\n\n")
+    return "\n\n".join([" ".join(part.split()[0] for part in parts), *(part for part in parts if part.startswith(whole))]) + "\n"
 
 
 def check_fleet():
