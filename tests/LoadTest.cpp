@@ -5,7 +5,6 @@
 #include "host/services/Clock.h"
 #include "host/services/FileDescriptor.h"
 #include "host/testing/RecordingLog.h"
-#include "tests/support/FailingMemory.h"
 #include "tests/support/Files.h"
 #include "tests/support/RefuseCall.h"
 #include "tests/support/Test.h"
@@ -56,15 +55,6 @@ TEST(FailureLogTest, FailuresAreALineASecondAndOneAtTheirEnd) {
                                         "no I/O has failed for a second; failed in all=15\n"}));
 }
 
-TEST(FailureLogTest, AFailureThatMemoryCannotTellIsDropped) {
-    const RecordingLog log;
-    const u64 before = LogService::droppedCount();
-    allocationsLeft = 0;
-    FailureLog().failed({true, 0, 3, 7}, nsPerSecond);
-    allocationsLeft = unlimitedAllocations;
-    EXPECT_EQ(LogService::droppedCount(), before + 1);
-}
-
 class ScratchFileTest : public testing::Test {
 protected:
     static constexpr u64 size = (u64{3} << 20U) + 4096;
@@ -98,16 +88,6 @@ TEST_F(ScratchFileTest, IsFilledFromItsStartToItsEndUnlessProgressSaysNo) {
               (std::vector<u64>{0, 1U << 20U, 2U << 20U, 3U << 20U, 0, 1U << 20U, 2U << 20U}));
 }
 
-TEST_F(ScratchFileTest, ABlockSizeThatCannotBeReadEndsTheFillingAtOnce) {
-    int steps = 0;
-    std::thread([&] {
-        ASSERT_TRUE(refuseCall(SYS_pread64, EINVAL, 2, 512));
-        const auto count = [&](u64) { return ++steps > 0; };
-        EXPECT_THROW(ScratchFile(folder, size, count, 512), std::runtime_error);
-    }).join();
-    EXPECT_EQ(steps, 1);
-}
-
 // Each row is a system call that is refused where an argument has these bits, and the failure.
 TEST_F(ScratchFileTest, WhatAFileSystemLacksIsDoneWithout) {
     constexpr u32 unnamed = O_TMPFILE & ~O_DIRECTORY;
@@ -119,6 +99,7 @@ TEST_F(ScratchFileTest, WhatAFileSystemLacksIsDoneWithout) {
         {{{SYS_fallocate, ENOSYS, 0, 0}}, "no error"},
         {{{SYS_fallocate, ENOSPC, 0, 0}}, "cannot reserve the scratch file"},
         {{{SYS_pwrite64, EIO, 0, 0}}, "cannot fill the scratch file"},
+        {{{SYS_pread64, EINVAL, 2, 4096}, {SYS_pwrite64, EIO, 3, 1U << 20U}}, "cannot read 4096 "},
         {{{SYS_openat, EOPNOTSUPP, 2, unnamed}, {SYS_unlink, EPERM, 0, 0}},
          "cannot remove the name"}};
     for (const auto& [refusals, failure] : rows) {
@@ -140,9 +121,6 @@ TEST_F(ScratchFileTest, TheDeviceIsThatOfItsFolder) {
     const std::string df =
         "test \"$(df --output=fstype,source " + folder + " | tail -n 1 | tr -s ' ')\"";
     EXPECT_EQ(std::system((df + " = '" + found.type + " " + found.device + "'").c_str()), 0);
-    const ScratchFile inMemory("/dev/shm", 4096);
-    EXPECT_TRUE(inMemory.isInMemory());
-    EXPECT_EQ(inMemory.fileSystem().type, "tmpfs");
 }
 
 // A load of so many I/Os, run to its end.
@@ -151,8 +129,8 @@ protected:
     static constexpr u64 ios = 600;
     static constexpr u64 fileSize = 8 * 4096;
 
-    LoadGenerator::Counts run(u32 readPercent, u32 rate, int descriptor) {
-        LoadGenerator load({4096, 4, readPercent, rate, ios, IoEngine::Kind::Automatic});
+    LoadGenerator::Counts run(u32 readPercent, u32 rate, int descriptor, u32 queueDepth = 4) {
+        LoadGenerator load({4096, queueDepth, readPercent, rate, ios, IoEngine::Kind::Automatic});
         load.start(descriptor, fileSize);
         load.waitUntilIdle();
         EXPECT_EQ(load.inFlight(), 0U);
@@ -186,13 +164,17 @@ TEST_F(LoadGeneratorTest, ReadsAreTheShareThatWasAskedForAndWritesCoverTheFile) 
     }
 }
 
+// Each row is a queue depth, a rate, and the most seconds it may take, as the machine may be busy.
+// The last rate is out of reach: each I/O has to follow the one before at once.
 TEST_F(LoadGeneratorTest, ARateIsKept) {
-    for (const u32 rate : {500U, 2'000U}) {
+    const FileDescriptor cached(open(self.c_str(), O_RDWR));
+    for (const auto& [depth, rate, most] :
+         {std::tuple(4U, 500U, 9.6), {4U, 2'000U, 2.4}, {1U, 100'000U, 0.5}}) {
         const u64 startNs = monotonicNs();
-        EXPECT_EQ(run(50, rate, file.descriptor()).completed(), ios);
+        EXPECT_EQ(run(50, rate, cached.get(), depth).completed(), ios);
         const double seconds = static_cast<double>(monotonicNs() - startNs) / nsPerSecond;
         EXPECT_GE(seconds, 0.9 * ios / rate);
-        EXPECT_LE(seconds, 8.0 * ios / rate); // the machine may be busy
+        EXPECT_LE(seconds, most) << rate;
     }
 }
 
@@ -204,12 +186,12 @@ TEST_F(LoadGeneratorTest, FailuresAreCountedAndTold) {
     EXPECT_GT(counts.reads, 0U);
     ASSERT_EQ(ftruncate(file.descriptor(), 0), 0);
     EXPECT_EQ(run(100, 0, file.descriptor()).failed, ios);
-    const std::vector<std::string> lines = log.texts(ErrorLevel);
-    ASSERT_EQ(lines.size(), 2U);
-    const std::regex write("write failed at offset=\\d+: Bad file descriptor\n");
-    EXPECT_TRUE(std::regex_match(lines[0], write)) << lines[0];
-    const std::regex read("read failed at offset=\\d+: moved 0 bytes of 4096\n");
-    EXPECT_TRUE(std::regex_match(lines[1], read)) << lines[1];
+    std::string lines;
+    for (const std::string& line : log.texts(ErrorLevel)) {
+        lines += std::regex_replace(line, std::regex("=\\d+"), "=N");
+    }
+    EXPECT_EQ(lines, "write failed at offset=N: Bad file descriptor\n"
+                     "read failed at offset=N: moved 0 bytes of 4096\n");
 }
 
 TEST_F(LoadGeneratorTest, BuffersThatCannotBeHadAreNamed) {

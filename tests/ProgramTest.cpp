@@ -16,36 +16,22 @@ std::string refusing(long call, int error, const std::string& where = "0 0") {
     return REFUSE " " + std::to_string(call) + " " + std::to_string(error) + " " + where + " ";
 }
 
-// What starts the program as a child: any process, and as process 1 of a container.
-const std::string anyProcess = "timeout --foreground 99";
-const std::string processOne = "unshare --pid --fork";
-
-std::string start(const std::string& parent) {
-    return parent + " true || { echo left out >&2; exit; } && { " + parent +
-           " env --default-signal=INT $run >pipe & } && ";
-}
+const std::string inBackground =
+    "{ timeout --foreground 99 env --default-signal=INT $run >pipe & } && ";
 
 std::string kill(const std::string& signal) {
     return "kill -" + signal + " $(cat /proc/$!/task/$!/children)";
 }
 
 // Does something while the program runs, once the first line has come.
-std::string meanwhile(const std::string& command, const std::string& parent = anyProcess) {
-    return "rm -f pipe && mkfifo pipe && " + start(parent) + "{ read -r line; echo \"$line\"; " +
+std::string meanwhile(const std::string& command) {
+    return "rm -f pipe && mkfifo pipe && " + inBackground + "{ read -r line; echo \"$line\"; " +
            command + "; cat; } <pipe >out; wait $!";
 }
 
-std::string interruptions(const std::string& parent) {
-    return "for signal in INT TERM HUP; do " + meanwhile(kill("$signal"), parent) +
-           " && test $(awk '/^ +all/ {ios += $2} END {print ios}' out) = 100 && "
-           "test $(grep -c cm1 out) -gt 1 || exit 9; done";
-}
-
-// Waits for the n-th report's line in the log, with the program's process in $pid.
-std::string afterReport(int number) {
-    return "export pid=$! && bash -c 'grep -q -m " + std::to_string(number) +
-           " \"sending analytics\" <(tail --pid=$pid -n +1 -F log 2>log2)'";
-}
+// Waits for the first report's line in the log, with the program's process in $pid.
+const std::string afterReport = "export pid=$! && bash -c 'grep -q \"sending analytics\" "
+                                "<(tail --pid=$pid -n +1 -F log 2>log2)'";
 
 // A pipe that takes nothing more.
 const std::string fillPipe = "mkfifo pipe && exec 9<>pipe && { dd if=/dev/zero of=pipe bs=65536 "
@@ -61,7 +47,7 @@ struct Row {
     const char* name;
     int code;
     const char* options;
-    std::string around; // the program
+    std::string around; // a shell command in which $run is the program with its options
     const char* part;   // of what is said
 };
 
@@ -72,7 +58,6 @@ std::ostream& operator<<(std::ostream& out, const Row& row) {
 const Row runs[] = {
     {"MemoryIsNoDisk", 0, "--reports 1 --path /dev/shm", "$run >out",
      "'/dev/shm' is on a file system in memory: the"},
-    {"AReportIsText", 0, "--reports 1", "$run >out", "StoragePeriodicParcel  storage  20"},
     {"ARateThatIsNotReached", 0, "--reports 1 --rate 1000000 --queue-depth 1", "$run >out",
      " of the 1000000 I/Os per second that were asked for\n"},
     {"FailedIos", 1, "--reports 1 --block-size 2M --read-percent 0 --max-ios 9 --io-engine threads",
@@ -84,14 +69,13 @@ const Row runs[] = {
      "\"addsUp\":true\n\"ios\":250\n\"recordsRead\":4\n"},
     {"NoRoomForThePage", 1, "--reports 1 --html /dev/full", "$run >out",
      "cannot write the page to /dev/full: No space"},
-    {"NoRoomAtAll", 3, "--output /dev/full --html /dev/full", "$run", "cannot write the page to"},
-    {"NoRoomForTheOutput", 3, "--output /dev/full", "$run",
+    {"NoRoomAtAll", 3, "--output /dev/full --html /dev/full", "$run",
      "cannot write to '/dev/full': No space"},
     {"NoStandardOutput", 3, "--reports 1", "$run >&-", "cannot write to standard output"},
     {"NoReader", 3, "--reports 1", "mkfifo pipe && exec 8<>pipe 7>pipe 8>&- && $run >&7",
      "0 parcels written, 3 lost\n"},
     {"AHangUp", 0, "--reports 3 --log-level info --log log --output reports",
-     "{ $run & } && " + afterReport(1) +
+     "{ $run & } && " + afterReport +
          " && mv reports first && kill -HUP $pid; wait $pid && "
          "test -s reports && echo rows=$(grep -h cm1 first reports | wc -l) >out",
      "rows=3\n"},
@@ -101,17 +85,20 @@ const Row runs[] = {
      "echo linger.ms=soon >kafka && $run && $run && test $(grep -c '^[A-Z]' copy) = 6",
      "pushed=3 restored=3\nanalytics-host: account: delivered=0 failed=0 dropped=0 evicted=0 "
      "waiting=6\n"},
-    {"AFullOutputBesideAnEngine", 3,
-     "--reports 1 --output /dev/full --kafka 127.0.0.1:1 --topic t --shutdown-timeout 1", "$run",
-     "analytics-host: beside the account: discarded=0 outputLost=3\n"},
-    {"Interruptions", 0, "--max-ios 100 --rate 1000", interruptions(anyProcess),
-     "\nanalytics-host: 100 I/Os: "},
-    {"InterruptionsOfProcessOne", 0, "--max-ios 100 --rate 1000", interruptions(processOne),
+    {"AFullOutputAndReportsThatAreTooLarge", 3,
+     "--reports 3 --output /dev/full --kafka 127.0.0.1:1 --topic t "
+     "--kafka-property message.max.bytes=1000 --host-id ",
+     "run=$run$(printf %0255d) && $run",
+     "failed=5 dropped=0 evicted=0 waiting=0\n"
+     "analytics-host: failed for good: 5, Broker: Message size too large\n"
+     "analytics-host: beside the account: discarded=0 outputLost=5\n"},
+    {"Interruptions", 0, "--max-ios 100 --rate 1000",
+     "for signal in INT TERM HUP; do " + meanwhile(kill("$signal")) +
+         " && test $(awk '/^ +all/ {ios += $2} END {print ios}' out) = 100 && "
+         "test $(grep -c cm1 out) -gt 1 || exit 9; done",
      "\nanalytics-host: 100 I/Os: "},
     {"ASignalWhileItWaits", 130, "--reports 1 --log-level info --log log",
-     fillPipe + start(anyProcess) + afterReport(2) + " && " + kill("INT") + "; wait $!", ""},
-    {"ASignalWhileProcessOneWaits", 130, "--reports 1 --log-level info --log log",
-     fillPipe + start(processOne) + afterReport(2) + " && " + kill("INT") + "; wait $!", ""},
+     fillPipe + inBackground + afterReport + " && " + kill("INT") + "; wait $!", ""},
     {"AHalt", 0, "--reports 4 --rate 1000",
      meanwhile(kill("STOP") + "; timeout 2 tail -f /dev/null; " + kill("CONT")) +
          " && awk '/period/ {ms += 1000 * $(NF - 1)} /^ +all/ {ios += $2} "
@@ -133,26 +120,17 @@ const Row runs[] = {
      "--reports 1 --block-size 2M --read-percent 0 --io-engine threads --shutdown-timeout 4",
      onTerminal("3", refusing(SYS_pwrite64, 0, "2 2097152")),
      "analytics-host: waiting for 8 I/Os in flight; a further signal ends at once "},
-    {"ADiskThatHangs", 1,
-     "--block-size 2M --read-percent 0 --io-engine threads --shutdown-timeout 1",
-     meanwhile(kill("TERM"), anyProcess + " " + refusing(SYS_pwrite64, 0, "2 2097152")),
-     "analytics-host: 8 I/Os are in flight: the end took too long\n"
-     "analytics-host: the running period is not reported: the end took too long\n"},
     {"ALogThatHangs", 1,
      "--block-size 2M --read-percent 0 --rate 0 --io-engine threads --shutdown-timeout 1 --log "
      "pipe",
      fillPipe + "timeout --foreground --preserve-status 2 " +
          refusing(SYS_pwrite64, EIO, "2 2097152") + "$run >out",
-     "analytics-host: 7 I/Os are in flight: the end took too long\n"}};
+     "analytics-host: 7 I/Os are in flight: the end took too long\n"
+     "analytics-host: the running period is not reported: the end took too long\n"}};
 
 const Row starts[] = {
     {"AnUnknownOption", 2, "--nonsense", "$run", "'--nonsense' is not an option (see --help)"},
     {"NoFolder", 1, "--path /proc/none", "$run", "in '/proc/none': No such file"},
-    {"NoRoomForTheFile", 1, "", refusing(SYS_fallocate, ENOSPC) + "$run",
-     "No space left on device (expected room for 2097152 bytes, see --size)"},
-    {"ABadTunable", 1, "--tweaks bad.toml",
-     "echo t_StorageAnalyticsIntervalSec=true >bad.toml && $run",
-     "bad.toml:1: t_StorageAnalyticsIntervalSec"},
     {"NoLog", 1, "--log /proc/none/log", "$run", "/proc/none/log"},
     {"NoPage", 1, "--html /proc/none/page", "$run",
      "cannot write the page to /proc/none/page: No such"},
@@ -171,29 +149,19 @@ const Row starts[] = {
 class ProgramTest : public testing::Test {
 protected:
     struct Outcome {
-        int exitCode;
         std::string output, errors;
     };
 
-    void SetUp() override { std::filesystem::create_directories(folder / "disk"); }
-
-    // `around` is a shell command in which "$run" is the program with its options.
-    Outcome run(const std::string& options, const std::string& around = "$run >out") {
-        const std::string program = ANALYTICS_HOST " --size 2M --interval 1 " + options;
-        const std::string script =
-            "cd " + (folder / "") + " && exec 2>err && run='" + program + "' && ";
-        const int status = std::system((script + around).c_str());
-        return {WEXITSTATUS(status), folder.read("out"), folder.read("err")};
-    }
-
-    Outcome expect(const Row& row) {
+    Outcome run(const Row& row) {
         const auto& [name, code, options, around, part] = row;
-        std::filesystem::remove(folder / "pipe");
-        Outcome outcome = run(options, around);
+        const std::string program = ANALYTICS_HOST " --size 2M --interval 1 ";
+        const std::string script = "cd " + (folder / "") + " && exec 2>err && run='" + program +
+                                   options + "' && " + around;
+        const int exitCode = WEXITSTATUS(std::system(script.c_str()));
+        const Outcome outcome{folder.read("out"), folder.read("err")};
         if (outcome.errors.find("left out") == std::string::npos) { // an engine, when it was built
-            EXPECT_EQ(outcome.exitCode, code) << name << outcome.errors;
-            EXPECT_NE((outcome.output + outcome.errors).find(part), std::string::npos)
-                << outcome.output << outcome.errors;
+            EXPECT_EQ(exitCode, code) << name << outcome.errors;
+            EXPECT_TRUE(holds(outcome.output + outcome.errors, part));
         }
         return outcome;
     }
@@ -202,32 +170,32 @@ protected:
 };
 
 TEST_F(ProgramTest, EveryIoIsInOneReportAndInTheSummary) {
-    const Outcome outcome = run("--path disk --format jsonl --reports 2 --rate 0 --queue-depth 5",
-                                refusing(SYS_io_uring_setup, EPERM) + "$run >out");
-    EXPECT_EQ(outcome.exitCode, 0);
+    std::filesystem::create_directory(folder / "disk");
+    const Outcome outcome =
+        run({"", 0, "--path disk --format jsonl --reports 2 --rate 0 --queue-depth 5",
+             refusing(SYS_io_uring_setup, EPERM) + "$run >out", ""});
     std::smatch found;
     const std::regex expected(
         "[^\n]*threads make the I/Os: io_uring is refused[^\n]*\nwhole run\n[^]*\n  all +(\\d+)\n"
         "  failed +0\n[^]*\n  periods      2\n  duration     (\\d\\S*) s\n  folder       disk\n"
-        "  file system  (\\S+)\n  device       (\\S+)\n  engine       threads\n[^]*\n"
-        "analytics-host: (\\d+) I/Os: (\\d+) reads, (\\d+) writes, 0 failed\n"
+        "  file system  \\S+\n  device       \\S+\n  engine       threads\n[^]*\n"
+        "analytics-host: \\1 I/Os: (\\d+) reads, \\d+ writes, 0 failed\n"
         "analytics-host: 4 parcels written, 0 lost\n"
         "analytics-host: account: pushed=4 restored=0\n"
         "analytics-host: account: delivered=4 failed=0 dropped=0 evicted=0 waiting=0\n");
     ASSERT_TRUE(std::regex_match(outcome.errors, found, expected)) << outcome.errors;
-    const std::regex tooLong("\n[^\n]{81}"); // but for the log's line
-    EXPECT_FALSE(std::regex_search(outcome.errors, tooLong)) << outcome.errors;
-    EXPECT_EQ(found[1], found[5]);
-    EXPECT_NEAR(std::stod(found[6]), 0.7 * std::stod(found[1]), 0.1 * std::stod(found[1]));
-    EXPECT_NEAR(std::stod(found[7]), 0.3 * std::stod(found[1]), 0.1 * std::stod(found[1]));
+    EXPECT_NEAR(std::stod(found[3]), 0.7 * std::stod(found[1]), 0.1 * std::stod(found[1]));
     EXPECT_GE(std::stod(found[2]), 1.9);
     EXPECT_LE(std::stod(found[2]), 100);
     std::vector<json> records;
+    std::string events;
     std::istringstream lines(outcome.output);
     for (std::string line; std::getline(lines, line);) {
         records.push_back(json::parse(line));
+        events += records.back()["eventName"].get<std::string>() + " ";
     }
-    ASSERT_EQ(records.size(), 4U);
+    ASSERT_EQ(events, "StoragePeriodicParcel StoragePeriodicParcel HostMaximaParcel "
+                      "ForwardingAccountParcel ");
     u64 ios = 0;
     double longestUs = 0;
     for (const json& report : {records[0], records[1]}) {
@@ -235,33 +203,27 @@ TEST_F(ProgramTest, EveryIoIsInOneReportAndInTheSummary) {
             ios += report["u32Entries"][each].get<u64>();
         }
         longestUs = std::max(longestUs, report["u32Entries"]["maxUs"].get<double>());
+        EXPECT_EQ(report["u64Entries"]["cd11"], 1);
     }
     EXPECT_EQ(found[1], std::to_string(ios));
-    EXPECT_EQ(records[0]["text"], "[Latency Threshold=50000][eq=50000]");
-    EXPECT_EQ(records[1]["u64Entries"]["cd11"], 1);
-    EXPECT_EQ(records[1]["u32Entries"]["boundVerySlowUs"], 100'000);
-    EXPECT_EQ(records[2]["eventName"], "HostMaximaParcel");
     EXPECT_EQ(records[2]["category"], "storage");
     EXPECT_EQ(records[2]["u64Entries"]["deepestQueue"], 5);
     EXPECT_NEAR(records[2]["u64Entries"]["longestIoUs"].get<double>(), longestUs, 1);
-    EXPECT_EQ(records[3]["eventName"], "ForwardingAccountParcel");
     EXPECT_TRUE(std::filesystem::is_empty(folder / "disk"));
 }
 
 class RunTest : public ProgramTest, public testing::WithParamInterface<Row> {};
 
 TEST_P(RunTest, WhatHappenedIsSaid) {
-    expect(GetParam());
+    run(GetParam());
 }
 
 INSTANTIATE_TEST_SUITE_P(, RunTest, testing::ValuesIn(runs), testing::PrintToStringParamName());
 
 TEST_F(ProgramTest, WhatCannotBeDoneIsSaidInOneLine) {
     for (const Row& row : starts) {
-        const Outcome outcome = expect(row);
-        EXPECT_EQ(outcome.errors.find("analytics-host: "), 0U) << outcome.errors;
-        EXPECT_EQ(outcome.errors.find('\n'), outcome.errors.size() - 1) << outcome.errors;
-        EXPECT_EQ(outcome.output, "") << outcome.errors;
+        const std::string said = run(row).errors;
+        EXPECT_TRUE(std::regex_match(said, std::regex("analytics-host: [^\n]*\n"))) << said;
     }
 }
 
