@@ -64,11 +64,9 @@ TEST(Singleton, IsOneAcrossSharedObjectsOfHiddenVisibility) {
     FakeServices services;
     AIO aio;
     Installed<AIO, AIO> installedAio(aio);
-    ITimer& timer = services.timer;
-    const IParcelOutbox& outbox = services.outbox;
     using Instances = std::vector<const void*>;
-    const Instances installed = {
-        &timer, &outbox, &services.memShield, &services.dynamicTweaks, &services.tweaks, &aio};
+    const Instances installed = {&services.timer,         &services.outbox, &services.memShield,
+                                 &services.dynamicTweaks, &services.tweaks, &aio};
     std::set<const void*> ofThePluginsOnly; // never closed: what they created lives on
     for (const char* path : {PLUGIN_1, PLUGIN_2}) {
         void* symbol = dlsym(dlopen(path, RTLD_NOW | RTLD_LOCAL), "listInstances");
