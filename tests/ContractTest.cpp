@@ -13,23 +13,14 @@ using namespace analytics_contract;
 
 namespace {
 
-class ReferenceHost : public ContractHost {
-public:
-    ~ReferenceHost() override { m_timer.stop(); }
+struct ReferenceHost : ContractHost {
     void setTunable(const std::string& name, u32 value) override {
         Singleton<Tweaks, Tweaks>::instance()->set(name, std::to_string(value));
     }
     IParcel* takeParcel() override { return outbox().popParcel(IParcelOutbox::KEL_ANALYTICS); }
-    u64 outboxBound() override { return 64; }
     void setTracking(bool on) override { MemLedger::setTracking(on); }
     std::optional<u64> liveBlocks() override { return MemLedger::report().liveBlocks; }
     void countIo() override { Singleton<AIO, AIO>::instance()->countIo(1'000); }
-    ITimer& timer() override { return m_timer; }
-    IParcelOutbox& outbox() override { return m_outbox; }
-
-private:
-    Timer m_timer;
-    ParcelOutbox m_outbox{64};
 };
 
 // The fault that all services have at present, by its name.
@@ -125,6 +116,7 @@ struct BrokenHost : ReferenceHost {
     bool promises(Advice advice) override {
         return advice != Advice::ThrowingCallbackComesAgain && advice != Advice::PushesMayCoincide;
     }
+    u64 outboxBound() override { return 64; }
     ITimer& timer() override { return clock; }
     IParcelOutbox& outbox() override { return box; }
     MemShield& memShield() override { return shield; }
@@ -191,11 +183,9 @@ const std::tuple<const char*, Check, const char*> brokenServices[] = {
     {"GivesOddBlock", blocksHoldWhatIsWritten, "a block of 1 bytes is not aligned"},
     {"GivesOneBlock", blocksHoldWhatIsWritten, "1 bytes was changed by writing into another one"},
     {"TracksAlways", eachBlockGoesBackEitherWay, "not when tracking was switched off"},
-    {"KeepsWhatItCounts", eachBlockGoesBackEitherWay,
-     "allocated with tracking on and released with tracking off still counts as alive"},
+    {"KeepsWhatItCounts", eachBlockGoesBackEitherWay, "on and released with tracking off still"},
     {"CountsNoRelease", allocationsMayCoincide, "blocks that were released still count as alive"},
-    {"ReversesPieces", splitStrGivesThePiecesInOrder,
-     R"("wed,mon,fri" gave <fri><mon><wed> and not <wed><mon><fri>)"},
+    {"ReversesPieces", splitStrGivesThePiecesInOrder, "<fri><mon><wed> and not <wed><mon><fri>"},
     {"HoldsItself", containsFindsAPartAnywhere, R"("monday" and "mon" gave false)"},
     {"HoldsALetter", containsFindsAPartAnywhere, R"("mo" and "mon" gave true)"},
     {"HasNoDefaults", anUnsetTunableIsItsDefault, "the default 86400 became 0"},
