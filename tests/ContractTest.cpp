@@ -18,7 +18,6 @@ struct ReferenceHost : ContractHost {
         Singleton<Tweaks, Tweaks>::instance()->set(name, std::to_string(value));
     }
     IParcel* takeParcel() override { return outbox().popParcel(IParcelOutbox::KEL_ANALYTICS); }
-    void setTracking(bool on) override { MemLedger::setTracking(on); }
     std::optional<u64> liveBlocks() override { return MemLedger::report().liveBlocks; }
     void countIo() override { Singleton<AIO, AIO>::instance()->countIo(1'000); }
 };

@@ -53,15 +53,19 @@ TEST(FixedDays, AgreesWithAWalkThroughTheWeek) {
     }
 }
 
-// What is bad is reported and kept.
-TEST(FixedDays, LogsDaysAndAnswer) {
+// What is bad of a policy's days is reported and kept; of a list of days it is left out.
+TEST(FixedDays, ParsesListsAndLogsDaysAndAnswer) {
     RecordingLog log;
-    AskedPolicy(days(3, 1, 0, 6, 2, 5, 4, 1), 23).askOn(6, 23);
-    AskedPolicy({}, 0).askOn(1, 10);
+    const auto parse = Policy::createDaysFromString;
+    AskedPolicy(parse("wednesday,1,,0,Sat,monsun,5,thu, tue,2,6,4,fri,3,"), 23).askOn(6, 23);
+    AskedPolicy(parse("7, 1,10"), 0).askOn(1, 10);
     AskedPolicy(days(7, -1, 1), 24).askOn(0, 48);
     EXPECT_EQ("\n" + toBriefText(log), R"(
-kel info FixedDaysSchedulingPolicy "Days: WEDNESDAYMONDAYSUNDAYSATURDAYTUESDAYFRIDAYTHURSDAYMONDAY m_hour=23 \n"
-kel info getNextSchedule "currentDay:SATURDAY currentHour=23  m_hour=23 days:SUNDAY; MONDAY; MONDAY; TUESDAY; WEDNESDAY; THURSDAY; FRIDAY; SATURDAY;  nextScheduleMs=86400000 \n"
+kel info FixedDaysSchedulingPolicy "Days: WEDNESDAYMONDAYSUNDAYSATURDAYSUNDAYFRIDAYTHURSDAYTUESDAYTUESDAYSATURDAYTHURSDAYFRIDAYWEDNESDAY m_hour=23 \n"
+kel info getNextSchedule "currentDay:SATURDAY currentHour=23  m_hour=23 days:SUNDAY; SUNDAY; MONDAY; TUESDAY; TUESDAY; WEDNESDAY; WEDNESDAY; THURSDAY; THURSDAY; FRIDAY; FRIDAY; SATURDAY; SATURDAY;  nextScheduleMs=86400000 \n"
+kel assert createDaysFromString " FixedDaysSchedulingPolicy.cpp N: false failed. bad day '7'  in string: 7, 1,10\n"
+kel assert createDaysFromString " FixedDaysSchedulingPolicy.cpp N: false failed. bad day ' 1'  in string: 7, 1,10\n"
+kel assert createDaysFromString " FixedDaysSchedulingPolicy.cpp N: false failed. bad day '10'  in string: 7, 1,10\n"
 kel assert FixedDaysSchedulingPolicy " FixedDaysSchedulingPolicy.cpp N: !days.empty() && hour <= MAX_HOUR failed.  days.size()=0  hour=0 \n"
 kel info FixedDaysSchedulingPolicy "Days:  m_hour=0 \n"
 kel assert getNextSchedule " FixedDaysSchedulingPolicy.cpp N: !m_days.empty() failed. \n"
@@ -76,18 +80,6 @@ kel assert toString " FixedDaysSchedulingPolicy.cpp N: false failed.  day=7 \n"
 kel assert toString " FixedDaysSchedulingPolicy.cpp N: false failed.  day=-1 \n"
 kel info getNextSchedule "currentDay:SUNDAY currentHour=48  m_hour=24 days:MONDAY; ; ;  nextScheduleMs=0 \n"
 kel assert getNextSchedule " FixedDaysSchedulingPolicy.cpp N: nextScheduleMs > 0 failed. \n"
-)");
-}
-
-TEST(FixedDays, ParsesDayLists) {
-    RecordingLog log;
-    EXPECT_EQ(Policy::createDaysFromString("6,fri,,1,thursday,monsun, tue,Wed,0,2,3,4,5,sat,"),
-              days(6, 5, 1, 4, 0, 2, 3, 0, 2, 3, 4, 5, 6));
-    EXPECT_EQ(Policy::createDaysFromString("7, 1,10"), days());
-    EXPECT_EQ("\n" + toBriefText(log), R"(
-kel assert createDaysFromString " FixedDaysSchedulingPolicy.cpp N: false failed. bad day '7'  in string: 7, 1,10\n"
-kel assert createDaysFromString " FixedDaysSchedulingPolicy.cpp N: false failed. bad day ' 1'  in string: 7, 1,10\n"
-kel assert createDaysFromString " FixedDaysSchedulingPolicy.cpp N: false failed. bad day '10'  in string: 7, 1,10\n"
 )");
 }
 

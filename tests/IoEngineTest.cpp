@@ -230,7 +230,9 @@ TEST_P(IoEngineTest, AStallShowsAsLongAsItLasts) {
     ASSERT_TRUE(waitUntil([this] { return completions == 1; }));
     EXPECT_TRUE(oldestNs());
     pipe.put("y");
-    engine.close();
+    for (const Io& io : ios) {
+        EXPECT_EQ(io.result->get_future().get(), 1);
+    }
     EXPECT_FALSE(oldestNs());
     const u64 longestNs = std::max(ios[0].latencyNs, ios[1].latencyNs);
     EXPECT_GE(longestNs, 2 * nsPerMs);
