@@ -38,8 +38,7 @@ std::string blocks(char first, char second, char third) {
     return std::string(block, first) + std::string(block, second) + std::string(block, third);
 }
 
-class IoEngineTest : public testing::TestWithParam<Kind> {
-protected:
+struct IoEngineTest : testing::TestWithParam<Kind> {
     struct Io : IoRequest {
         Io(Operation what, u64 at = 0, void* memory = nullptr, u32 size = block, u32 times = 0)
             : resubmits(times) {
