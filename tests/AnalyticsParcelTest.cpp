@@ -2,7 +2,6 @@
 
 #include "common/Analytics/AnalyticsParcelSender.h"
 #include "tests/support/LibraryTest.h"
-#include "tests/support/Test.h"
 
 namespace {
 

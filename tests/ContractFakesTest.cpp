@@ -17,7 +17,6 @@ public:
         return services.outbox.popParcel(IParcelOutbox::KEL_ANALYTICS);
     }
     void passTime(u32 ms) override { services.timer.advance(ms); }
-    std::chrono::milliseconds limit() override { return std::chrono::milliseconds(1); }
     u64 outboxBound() override { return 50; }
     void setTracking(bool on) override { services.memShield.active = on; }
     std::optional<u64> liveBlocks() override { return services.memShield.live(); }

@@ -10,7 +10,6 @@
 #include "tests/support/Files.h"
 #include "tests/support/Process.h"
 #include "tests/support/RefuseCall.h"
-#include "tests/support/Test.h"
 #include "tests/support/Together.h"
 
 #include <sys/file.h>

@@ -2,7 +2,6 @@
 
 #include "common/Analytics/FixedFrequencySchedulingPolicy.h"
 #include "tests/support/LibraryTest.h"
-#include "tests/support/Test.h"
 
 namespace {
 

@@ -2,7 +2,6 @@
 
 #include "common/infra/AIO.h"
 #include "host/testing/FakeServices.h"
-#include "tests/support/Test.h"
 #include "tests/support/Together.h"
 
 #include <dlfcn.h>

@@ -1,7 +1,6 @@
 #include "common/infra/TrackedAllocation.h"
 
 #include "tests/support/LibraryTest.h"
-#include "tests/support/Test.h"
 
 namespace {
 
