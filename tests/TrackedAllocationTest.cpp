@@ -4,6 +4,8 @@
 
 namespace {
 
+using Calls = std::vector<std::string>;
+
 struct Base {
     virtual ~Base() = default;
 };
@@ -12,13 +14,12 @@ struct OtherBase {
 };
 // Its OtherBase lies behind the beginning of its block. Its operator new is not for tracked blocks.
 struct Derived : Base, OtherBase {
-    Derived(std::vector<std::string>& calls, std::string text)
-        : m_calls(calls), m_text(std::move(text)) {}
+    Derived(Calls& calls, std::string text) : m_calls(calls), m_text(std::move(text)) {}
     ~Derived() override { m_calls.push_back("~" + m_text); }
     static void* operator new(std::size_t /*size*/, void* block) {
         return ADD_FAILURE() << "the class's own", block;
     }
-    std::vector<std::string>& m_calls;
+    Calls& m_calls;
     std::string m_text;
 };
 struct Throws {
@@ -27,7 +28,7 @@ struct Throws {
 
 // Tracking on, the tracker hears of type, file and line; off, releases are only counted.
 TEST_F(LibraryTest, TrackedAllocationTellsTheTrackerOfEveryBlock) {
-    std::vector<std::string>& calls = services.memShield.calls;
+    Calls& calls = services.memShield.calls;
     std::string text = "moved";
     OtherBase* held = TRACKED_NEW(Derived)(calls, std::move(text));
     TRACKED_DELETE(held);
@@ -37,20 +38,15 @@ TEST_F(LibraryTest, TrackedAllocationTellsTheTrackerOfEveryBlock) {
     const auto at = [line = __LINE__](int before) {
         return " TrackedAllocationTest.cpp:" + std::to_string(line - before);
     };
-    const std::vector<std::string> expected = {
-        "allocAndRegister " + std::to_string(sizeof(Derived)) + " 0 Derived" + at(5),
-        "~moved",
-        "isMemshieldActive",
-        "verifyPtr Derived" + at(4),
-        "freeAndUnregister Derived" + at(4),
-        "allocAndRegister 1 0 Throws" + at(3),
-        "isMemshieldActive",
-        "verifyPtr Throws" + at(3),
-        "freeAndUnregister Throws" + at(3),
-        "allocAndRegister " + std::to_string(sizeof(Base)) + " 0 Base" + at(1),
-        "isMemshieldActive",
-        "freeAndCount Base"};
-    EXPECT_EQ(calls, expected);
+    const std::string derived = std::to_string(sizeof(Derived));
+    const std::string base = std::to_string(sizeof(Base));
+    EXPECT_EQ(calls, (Calls{"allocAndRegister " + derived + " 0 Derived" + at(5), "~moved",
+                            "isMemshieldActive", "verifyPtr Derived" + at(4),
+                            "freeAndUnregister Derived" + at(4),
+                            "allocAndRegister 1 0 Throws" + at(3), "isMemshieldActive",
+                            "verifyPtr Throws" + at(3), "freeAndUnregister Throws" + at(3),
+                            "allocAndRegister " + base + " 0 Base" + at(1), "isMemshieldActive",
+                            "freeAndCount Base"}));
     EXPECT_TRUE(text.empty()); // NOLINT(bugprone-use-after-move)
 }
 
