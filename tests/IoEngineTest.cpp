@@ -214,16 +214,17 @@ TEST_P(IoEngineTest, AStallShowsAsLongAsItLasts) {
     char buffer[2];
     std::vector<Io> ios{{IoRequest::Read, 0, buffer, 1}, {IoRequest::Read, 0, buffer + 1, 1}};
     ASSERT_TRUE(submitAll(ios));
+    ASSERT_TRUE(waitUntil([&] { return oldestNs().has_value(); }));
+    EXPECT_GE(*oldestNs(), beforeNs);
     struct sigaction action {};
     action.sa_handler = [](int) {};
     sigaction(SIGUSR1, &action, nullptr);
-    ASSERT_TRUE(waitUntil([&, rounds = 0]() mutable {
+    ASSERT_TRUE(waitUntil([rounds = 0]() mutable {
         for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
             tgkill(getpid(), std::stoi(task.path().filename()), SIGUSR1);
         }
-        return oldestNs() && ++rounds == 3; // with a pause between two
+        return ++rounds == 3; // with a pause between two
     }));
-    EXPECT_GE(*oldestNs(), beforeNs);
     pipe.put("x");
     ASSERT_TRUE(waitUntil([this] { return completions == 1; }));
     EXPECT_TRUE(oldestNs());
