@@ -2,7 +2,6 @@
 
 #include "common/Analytics/FixedFrequencySchedulingPolicy.h"
 #include "tests/support/LibraryTest.h"
-#include "tests/support/Test.h"
 
 namespace {
 
@@ -24,10 +23,10 @@ TEST(Defs, HaveTheNumbersOfTheInterface) {
 
 TEST(FixedFrequencySchedulingPolicy, AnswersItsInterval) {
     RecordingLog log;
-    for (const auto& [seconds, ms] : {std::pair(86'400, 86'400'000), {0, 0}}) {
+    for (const auto& [seconds, ms] :
+         {std::pair(u64{86'400}, 86'400'000U), {0, 0}, {~u64{0} / 1000 + 1, 384}}) {
         EXPECT_EQ(FixedFrequencySchedulingPolicy(seconds).getNextSchedule(), ms);
     }
-    EXPECT_EQ(FixedFrequencySchedulingPolicy(~u64{0} / 1000 + 1).getNextSchedule(), 384U);
     EXPECT_EQ("\n" + toBriefText(log), R"(
 kel info getNextSchedule " m_frequencySecs=86400  nextScheduleMs=86400000 \n"
 kel assert FixedFrequencySchedulingPolicy " FixedFrequencySchedulingPolicy.cpp N: m_frequencySecs != 0 failed.  m_frequencySecs=0 \n"
@@ -62,17 +61,12 @@ struct SchedulerTest : LibraryTest {
     };
 
     SchedulerTest() { test = this; }
-    std::string progress() {
-        std::string text = std::to_string(services.outbox.pushes().size()) + " pushed,";
+    void note(const std::string& who) {
+        journal += who + ": " + std::to_string(services.outbox.pushes().size()) + " pushed,";
         for (const FakeTimer::Expiry& expiry : services.timer.armed()) {
-            text += " " + std::to_string(expiry.delayMs);
+            journal += " " + std::to_string(expiry.delayMs);
         }
-        return text + " armed, " + std::to_string(services.memShield.live()) + " live\n";
-    }
-    void note(const std::string& who) { journal += who + ": " + progress(); }
-    std::string after(PeriodicAnalyticsScheduler& scheduler) {
-        scheduler.handleReachedTimeout();
-        return progress();
+        journal += " armed, " + std::to_string(services.memShield.live()) + " live\n";
     }
 
     inline static SchedulerTest* test = nullptr;
@@ -81,47 +75,36 @@ struct SchedulerTest : LibraryTest {
     std::function<AnalyticsParcel*()> make = [] { return TRACKED_NEW(AnalyticsParcel)(); };
 };
 
+// A parcel that was pushed is not touched again, whatever became of the push.
 TEST_F(SchedulerTest, FinalizesThenSendsThenArms) {
     auto scheduler = std::make_unique<PeriodicAnalyticsScheduler>(TRACKED_NEW(Policy)(),
                                                                   TRACKED_NEW(Finalizer)());
-    const FakeTimer::Expiry expiry = services.timer.armed().at(0);
-    EXPECT_EQ(expiry.callback, &PeriodicAnalyticsScheduler::reachedTimeout);
-    EXPECT_EQ(expiry.cookie, reinterpret_cast<ITimer::Cookie>(scheduler.get()));
-    EXPECT_TRUE(expiry.once);
     nextDelay = [] { return (u64{1} << 32) + 5; }; // the timer gets the low 32 bits
     EXPECT_EQ(services.timer.advance(59'999), 0);
     EXPECT_EQ(services.timer.advance(1), 1);
     nextDelay = [] { return ~0U; };
-    EXPECT_EQ(services.timer.advance(5), 1);
-    scheduler.reset();
-    EXPECT_EQ(journal, "policy: 0 pushed, armed, 2 live\n"
-                       "finalizer: 0 pushed, 60000 armed, 2 live\n"
-                       "policy: 1 pushed, 60000 armed, 3 live\n"
-                       "finalizer: 1 pushed, 60000 5 armed, 3 live\n"
-                       "policy: 2 pushed, 60000 5 armed, 4 live\n"
-                       "~policy: 2 pushed, 60000 5 4294967295 armed, 4 live\n"
-                       "~finalizer: 2 pushed, 60000 5 4294967295 armed, 3 live\n");
-    EXPECT_TRUE(log.texts(AssertLevel).empty());
-}
-
-TEST_F(SchedulerTest, APushedParcelIsNotTouchedAgain) {
-    PeriodicAnalyticsScheduler scheduler(TRACKED_NEW(Policy)(), TRACKED_NEW(Finalizer)());
-    services.dynamicTweaks.t_disablePeriodicAnalytics = true;
-    EXPECT_EQ(after(scheduler), "0 pushed, 60000 60000 armed, 2 live\n");
-    services.dynamicTweaks.t_disablePeriodicAnalytics = false;
     services.outbox.refuseNextPush(RC_REACH_LIMIT);
-    EXPECT_EQ(after(scheduler), "1 pushed, 60000 60000 60000 armed, 3 live\n");
+    EXPECT_EQ(services.timer.advance(5), 1);
     services.outbox.throwAtNextPush();
-    EXPECT_THROW(scheduler.handleReachedTimeout(), std::runtime_error);
-    EXPECT_EQ(progress(), "2 pushed, 60000 60000 60000 armed, 4 live\n");
-    for (const FakeOutbox::Push& untaken : services.outbox.pushes()) {
-        TRACKED_DELETE(static_cast<AnalyticsParcel*>(untaken.parcel));
-    }
+    EXPECT_THROW(scheduler->handleReachedTimeout(), std::runtime_error);
     make = [] { return nullptr; };
-    EXPECT_EQ(after(scheduler), "2 pushed, 60000 60000 60000 60000 armed, 2 live\n");
-    make = []() -> AnalyticsParcel* { throw std::runtime_error("no counters"); };
-    EXPECT_THROW(scheduler.handleReachedTimeout(), std::runtime_error);
-    EXPECT_EQ(progress(), "2 pushed, 60000 60000 60000 60000 armed, 2 live\n");
+    scheduler->handleReachedTimeout();
+    scheduler.reset();
+    EXPECT_EQ("\n" + journal, R"(
+policy: 0 pushed, armed, 2 live
+finalizer: 0 pushed, 60000 armed, 2 live
+policy: 1 pushed, 60000 armed, 3 live
+finalizer: 1 pushed, 60000 5 armed, 3 live
+policy: 2 pushed, 60000 5 armed, 4 live
+finalizer: 2 pushed, 60000 5 4294967295 armed, 4 live
+finalizer: 3 pushed, 60000 5 4294967295 armed, 5 live
+policy: 3 pushed, 60000 5 4294967295 armed, 5 live
+~policy: 3 pushed, 60000 5 4294967295 4294967295 armed, 5 live
+~finalizer: 3 pushed, 60000 5 4294967295 4294967295 armed, 4 live
+)");
+    for (const int untaken : {1, 2}) {
+        TRACKED_DELETE(static_cast<AnalyticsParcel*>(services.outbox.pushes().at(untaken).parcel));
+    }
 }
 
 TEST_F(SchedulerTest, ReportsWhatIsNull) {

@@ -23,10 +23,6 @@ inline AnalyticsParcel storageReport() {
 }
 
 inline Record makeRecord(u64 ticket, const std::string& boot = "boot", std::string line = "{}\n") {
-    Record record;
-    record.ticket = ticket;
-    record.sequence = ticket + 1'000;
-    record.origin = std::make_shared<Origin>(Origin{"host", boot});
-    record.line = std::move(line);
-    return record;
+    return {ticket, ticket + 1'000, std::make_shared<Origin>(Origin{"host", boot}),
+            std::move(line)};
 }

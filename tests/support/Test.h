@@ -10,13 +10,9 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <climits>
-#include <cmath>
 #include <csignal>
-#include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -38,6 +34,5 @@
 #include <string_view>
 #include <thread>
 #include <tuple>
-#include <type_traits>
 #include <utility>
 #include <vector>
