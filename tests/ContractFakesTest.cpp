@@ -17,9 +17,13 @@ public:
         return services.outbox.popParcel(IParcelOutbox::KEL_ANALYTICS);
     }
     void passTime(u32 ms) override { services.timer.advance(ms); }
+    std::chrono::milliseconds limit() override { return std::chrono::milliseconds(1); }
     u64 outboxBound() override { return 50; }
     void setTracking(bool on) override { services.memShield.active = on; }
     std::optional<u64> liveBlocks() override { return services.memShield.live(); }
+    bool promises(Advice advice) override {
+        return advice == Advice::ExpiriesComeInOrder || advice == Advice::ParcelsComeOutInOrder;
+    }
 
     FakeServices services;
 };
@@ -29,5 +33,6 @@ public:
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     testRequired<FakeHost>("Fakes");
+    testAdvised<FakeHost>("Fakes");
     return RUN_ALL_TESTS();
 }

@@ -277,16 +277,17 @@ TEST(AlignedBufferTest, IsForDirectIo) {
 }
 
 TEST(AvailableEngineTest, WhereIoUringIsRefusedThreadsServe) {
-    const std::tuple<u32, u32, const char*> rows[] = {
-        {SYS_io_uring_setup, EPERM, "kernel.io_uring_disabled=0"},
-        {SYS_io_uring_setup, ENOSYS, "a kernel that has it"},
-        {SYS_io_uring_setup, ENOMEM, "ulimit -l"},
-        {SYS_io_uring_register, EACCES, "kernel.io_uring_disabled=0"},
-        {SYS_io_uring_enter, EBUSY, "at another time"}};
+    const std::tuple<u32, u32, const char*, const char*> rows[] = {
+        {SYS_io_uring_setup, EPERM, "Operation not permitted", "kernel.io_uring_disabled=0"},
+        {SYS_io_uring_setup, ENOSYS, "Function not implemented", "a kernel that has it"},
+        {SYS_io_uring_setup, ENOMEM, "Cannot allocate memory", "ulimit -l"},
+        {SYS_io_uring_register, EACCES, "Permission denied", "kernel.io_uring_disabled=0"},
+        {SYS_io_uring_enter, EBUSY, "Device or resource busy", "at another time"},
+        {SYS_io_uring_enter, EAGAIN, "temporarily unavailable", "at another time"}};
     const std::ptrdiff_t descriptors = entriesOf("/proc/self/fd");
     for (const auto& row : rows) {
         std::thread([&row] {
-            const auto& [call, error, remedy] = row;
+            const auto& [call, error, message, remedy] = row;
             const RecordingLog log;
             IoEngine engine;
             ASSERT_TRUE(refuseCall(call, error));
@@ -300,8 +301,9 @@ TEST(AvailableEngineTest, WhereIoUringIsRefusedThreadsServe) {
             const std::vector<std::string> lines = log.texts(WarnLevel);
             ASSERT_EQ(lines.size(), 2U);
             EXPECT_EQ(lines[0], lines[1]);
-            EXPECT_TRUE(holds(lines[0], "threads make the I/Os: io_uring is"));
-            EXPECT_TRUE(holds(lines[0], remedy));
+            for (const char* part : {"threads make the I/Os: io_uring is", message, remedy}) {
+                EXPECT_TRUE(holds(lines[0], part)) << part;
+            }
         }).join();
         EXPECT_EQ(entriesOf("/proc/self/fd"), descriptors);
     }
