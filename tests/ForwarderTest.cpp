@@ -50,21 +50,25 @@ protected:
     std::unique_ptr<Forwarder> forwarder;
 };
 
-TEST_F(ForwarderTest, WhatIsPushedIsWrittenAndTheAccountComesLast) {
-    for (const auto& [format, begin] :
-         {std::pair(ParcelFormat::Text, "Event0  "), {ParcelFormat::JsonLines, "{\"schema\":1,"}}) {
-        OutputFile file(folder.write("output", ""));
+TEST_F(ForwarderTest, WhatIsPushedIsWrittenOrFailsAndTheAccountComesLast) {
+    for (const auto& [path, format, outcome, content] :
+         {std::tuple(folder / "output", ParcelFormat::Text, "delivered=3 failed=0",
+                     R"(Event0  [^]*\nEvent1  [^]*\nForwardingAccountParcel  [^]*)"),
+          {folder / "output", ParcelFormat::JsonLines, "delivered=3 failed=0",
+           R"(\{"schema":1,[^]*"Event0"[^]*"Event1"[^]*"ForwardingAccountParcel"[^]*)"},
+          {"/dev/full", ParcelFormat::JsonLines, "delivered=0 failed=3", ""}}) {
+        folder.write("output", "");
+        OutputFile file(path);
         push("Event0"); // before there is a forwarder
         start(std::make_unique<OutputSink>(file, format));
         push("Event1");
         ASSERT_TRUE(forwarder->stop(longEnough));
-        EXPECT_EQ(forwarder->account().numbers().text(),
-                  "pushed=3 restored=0 delivered=3 failed=0 dropped=0 evicted=0 waiting=0");
-        const std::string text = folder.read("output");
-        EXPECT_EQ(text.rfind(begin, 0), 0U) << text;
-        EXPECT_LT(text.find("Event0"), text.find("Event1"));
-        EXPECT_LT(text.find("Event1"), text.find("ForwardingAccountParcel"));
-        EXPECT_TRUE(holds(text, "ForwardingAccountParcel"));
+        const AccountNumbers account = forwarder->account().numbers();
+        EXPECT_EQ(account.text(),
+                  "pushed=3 restored=0 " + std::string(outcome) + " dropped=0 evicted=0 waiting=0");
+        EXPECT_EQ(account.failures.count("cannot write to '/dev/full': No space left on device"),
+                  account.failures.size());
+        EXPECT_TRUE(std::regex_match(folder.read("output"), std::regex(content)));
         forwarder.reset();
     }
 }
@@ -72,25 +76,28 @@ TEST_F(ForwarderTest, WhatIsPushedIsWrittenAndTheAccountComesLast) {
 TEST_F(ForwarderTest, PushesAnswersAndAStopWakeAThreadThatWaits) {
     options.firstBackOff = options.longestBackOff = std::chrono::hours(24);
     FakeSink& engine = startFake([this] { sent.wake(); });
-    push("Event");
-    waitForSend();
+    for (const char* name : {"Event0", "Event1"}) { // the start itself may be what sends the first
+        push(name);
+        waitForSend();
+    }
     engine.answer(1, Fate::TryAgain, "away");
     ASSERT_TRUE(log.waitFor("engine takes no records: away"));
     auto stop = std::async(std::launch::async, [this] { return forwarder->stop(longEnough); });
     waitForSend();
-    EXPECT_EQ(engine.calls(), "1 purge 1") << "a stop ends the back-off";
+    EXPECT_EQ(engine.calls(), "1-2 purge 1-2") << "a stop ends the back-off";
     engine.answerAll(Fate::Delivered);
     waitForSend();
-    EXPECT_EQ(engine.calls(), "2") << "the account";
+    EXPECT_EQ(engine.calls(), "3") << "the account";
     engine.answerAll(Fate::Delivered);
     EXPECT_TRUE(stop.get());
-    EXPECT_EQ(forwarder->account().numbers().delivered, 2U);
+    EXPECT_EQ(forwarder->account().numbers().delivered, 3U);
 }
 
+// A tenth of the limit is for the return.
 TEST_F(ForwarderTest, AStopEndsAtItsLimitWithWhatWaits) {
     startFake({});
     push("Event");
-    EXPECT_TRUE(forwarder->stop(milliseconds(1'000))); // a tenth of it for the return
+    EXPECT_TRUE(forwarder->stop(milliseconds(1'000)));
     EXPECT_EQ(forwarder->account().numbers().text(),
               "pushed=2 restored=0 delivered=0 failed=0 dropped=0 evicted=0 waiting=2");
 }
@@ -116,18 +123,6 @@ TEST_F(ForwarderTest, TheOutboxCallsNoForwarderThatIsGone) {
     place.fill(0);
     push("Event");
     EXPECT_EQ(place, decltype(place){});
-}
-
-TEST_F(ForwarderTest, WhatCannotBeWrittenFailsWithItsReason) {
-    OutputFile full("/dev/full");
-    options.onFailure = [this] { sent.wake(); };
-    start(std::make_unique<OutputSink>(full, ParcelFormat::JsonLines));
-    push("Event");
-    waitForSend();
-    EXPECT_EQ(
-        forwarder->account().numbers().failures,
-        (std::map<std::string, u64>{{"cannot write to '/dev/full': No space left on device", 1}}));
-    forwarder.reset();
 }
 
 } // namespace
