@@ -38,18 +38,23 @@ TEST(ParcelFormatTest, TheThresholdIsToldIfItIsNotTheLiveOne) {
     }
 }
 
-TEST(ParcelFormatTest, ASetIsNamedAndWhatHasNoPlaceIsListed) {
+AnalyticsParcel otherParcel(const std::string& name, const std::string& text, u64 timeStamp) {
     AnalyticsParcel parcel;
-    parcel.setEventName("StorageReadsParcel");
+    parcel.setEventName(name);
     parcel.setCategory("storage");
-    parcel.setKelTimeStamp(0);
-    parcel.setText("other text");
+    parcel.setKelTimeStamp(timeStamp);
+    parcel.setText(text);
     parcel.setDetails("details");
+    return parcel.addEntry("set", "reads");
+}
+
+TEST(ParcelFormatTest, ASetIsNamedAndWhatHasNoPlaceIsListed) {
+    AnalyticsParcel parcel = otherParcel("StorageReadsParcel", "other text", 0);
     for (const char* key : {"cm1", "cm2", "cm3", "cm4", "cm5", "cm7"}) {
         parcel.addEntry(key, u32{2});
     }
-    parcel.addEntry("set", "reads").addEntry("other", "text").addEntry("u64", ~u64{0});
-    parcel.addEntry("s64", s64{-1}).addEntry("d", 0.5).addEntry("i", -2);
+    parcel.addEntry("other", "text").addEntry("u64", ~u64{0}).addEntry("s64", s64{-1});
+    parcel.addEntry("d", 0.5).addEntry("i", -2);
     std::string text = formatParcel(parcel, true);
     std::replace(text.begin(), text.end(), '\x1b', '^');
     EXPECT_EQ(text, R"(^[1mStorageReadsParcel^[0m  storage  set reads  1970-01-01T00:00:00.000Z
@@ -74,16 +79,11 @@ TEST(ParcelFormatTest, ASetIsNamedAndWhatHasNoPlaceIsListed) {
 }
 
 TEST(ParcelFormatTest, AnyOtherParcelIsItsFields) {
-    AnalyticsParcel parcel;
-    parcel.setEventName("HostMaximaParcel");
-    parcel.setCategory("storage");
+    AnalyticsParcel parcel = otherParcel("HostMaximaParcel", "[eq=4]", 59'999);
     parcel.setAccount(AnalyticsParcel::QEM);
     parcel.setEventPriority(AnalyticsParcel::High);
-    parcel.setKelTimeStamp(59'999);
     parcel.setValue(3);
-    parcel.setText("[eq=4]");
-    parcel.setDetails("details");
-    parcel.addEntry("set", "reads").addEntry("cm1", u32{5}).addEntry("cd11", u64{86'400});
+    parcel.addEntry("cm1", u32{5}).addEntry("cd11", u64{86'400});
     EXPECT_EQ(formatParcel(parcel, false),
               R"(HostMaximaParcel  storage  1970-01-01T00:00:59.999Z  period 86400 s
   account QEM, priority High, value 3
