@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # packaging/wrong_pair.sh PROGRAM SCRATCH
 #
-# Builds the library in the folder SCRATCH, from the top, with service headers that differ in a single line, under
+# Builds the library in the folder SCRATCH with service headers that differ in a single line, under
 # flags that forbid open symbols. The reference host must refuse to load it.
 set -euo pipefail
 root=$(dirname "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")")

@@ -154,6 +154,10 @@ public:
     virtual void lost(u64 connection) = 0;
 };
 
+std::string textOf(const nlohmann::json& error) {
+    return error.value("description", "an error without a name");
+}
+
 // The fate that a stream's answer tells.
 std::pair<Fate, std::string> fateIn(const nlohmann::json& answer) {
     const auto error = answer.find("error");
@@ -163,7 +167,7 @@ std::pair<Fate, std::string> fateIn(const nlohmann::json& answer) {
     }
     constexpr int tooLarge = 10054; // for this stream
     return {error->value("err_code", 0) == tooLarge ? Fate::Failed : Fate::TryAgain,
-            error->value("description", "an error without a name")};
+            textOf(*error)};
 }
 
 // Throws nlohmann::json::exception.
@@ -315,7 +319,7 @@ private:
 // server cannot say whether a stream takes the subject; empty: one does.
 std::string readStreamNames(const nlohmann::json& answer, const std::string& subject) {
     const nlohmann::json error = answer.value("error", nlohmann::json::object());
-    const std::string why = error.value("description", "");
+    const std::string why = textOf(error);
     constexpr int notNow = 503;
     if (error.value("code", 0) == notNow) {
         return why;

@@ -96,7 +96,26 @@ FLEET = [
     *(report(f"host{number:02} b", 2, 700, classes) for number, classes in enumerate(SMALL_HOSTS, 1)),
 ]
 
-ALL = """\
+# What the texts below have in common.
+SETS = """\
+Sets, which are parts of the above
+  set                            I/Os     slow                   p99   episode
+  reads                            65   50.8 %  #####           3 us      0 ms
+  writes                            0    0.0 %                  0 us      0 ms"""
+ACCOUNTS = """\
+Account of 2 processes, summed up
+  pushed 12 + restored 2
+  is NOT delivered 6 + failed 1 + dropped 2
+    + evicted 3 + waiting 1"""
+STRANGE_AND_MISSING = """\
+  a-file-whose-name-has-more-th~:23: it is not JSON
+  a-file-whose-name-has-more-th~:26: it has no field schema
+  a-file-whose-name-has-more-th~:27: it is no JSON object
+  host db, boot zz-the-~: 2 records missing
+    between 2026-11-23 12:03:00 and 2026-11-23 12:04:00
+  host db, boot aa: 1 record missing
+    before 2026-11-23 12:23:59"""
+ALL = f"""\
 Storage latency
   2026-11-23 12:00:00 to 2026-11-23 12:23:59 UTC, 24 min
   13 hosts, 14 boots, 21 reports
@@ -136,30 +155,18 @@ Worst hosts, by share of slow I/Os
   db                          1007701    0.1 %  #              25 ms       3 s
   and 3 more
 
-Sets, which are parts of the above
-  set                            I/Os     slow                   p99   episode
-  reads                            65   50.8 %  #####           3 us      0 ms
-  writes                            0    0.0 %                  0 us      0 ms
+{SETS}
 
 Maxima
   longest I/O in a report: 7.25 s
   deepestQueue = 7  (db)
   longestIoUs = 5  (web)
 
-Account of 2 processes, summed up
-  pushed 12 + restored 2
-  is NOT delivered 6 + failed 1 + dropped 2
-    + evicted 3 + waiting 1
+{ACCOUNTS}
 
 Records
   33 read, 1 doubled, 14 missing, 4 not understood, 5 evicted
-  a-file-whose-name-has-more-th~:23: it is not JSON
-  a-file-whose-name-has-more-th~:26: it has no field schema
-  a-file-whose-name-has-more-th~:27: it is no JSON object
-  host db, boot zz-the-~: 2 records missing
-    between 2026-11-23 12:03:00 and 2026-11-23 12:04:00
-  host db, boot aa: 1 record missing
-    before 2026-11-23 12:23:59
+{STRANGE_AND_MISSING}
   host host01, boot b: 1 record missing
     before 2026-11-23 12:11:40
   host host02, boot b: 1 record missing
@@ -183,7 +190,7 @@ Records
   host db: limits changed by 2026-11-23 12:07:00, to
     threshold 60 ms, bounds 2 ms 5 ms 20 ms 100 ms
 """
-DB_ALONE = """\
+DB_ALONE = f"""\
 Storage latency
   2026-11-23 12:00:00 to 2026-11-23 12:23:59 UTC, 24 min
   1 host, 2 boots, 9 reports
@@ -218,18 +225,12 @@ Account of 1 process
 
 Records
   14 read, 1 doubled, 3 missing, 4 not understood, 3 evicted
-  a-file-whose-name-has-more-th~:23: it is not JSON
-  a-file-whose-name-has-more-th~:26: it has no field schema
-  a-file-whose-name-has-more-th~:27: it is no JSON object
-  host db, boot zz-the-~: 2 records missing
-    between 2026-11-23 12:03:00 and 2026-11-23 12:04:00
-  host db, boot aa: 1 record missing
-    before 2026-11-23 12:23:59
+{STRANGE_AND_MISSING}
   host db, boot zz-the-~: the clock was set by 60 min
   host db: limits changed by 2026-11-23 12:07:00, to
     threshold 60 ms, bounds 2 ms 5 ms 20 ms 100 ms
 """
-PART = """\
+PART = f"""\
 Storage latency
   2026-11-23 12:10:00 to 2026-11-23 12:11:00 UTC, 60 s
   2 hosts, 3 boots, 1 report
@@ -250,30 +251,18 @@ Worst hosts, by share of slow I/Os
   web                             100   30.0 %  ###             1 ms     60 ms
   db                                0    0.0 %                  0 us      0 ms
 
-Sets, which are parts of the above
-  set                            I/Os     slow                   p99   episode
-  reads                            65   50.8 %  #####           3 us      0 ms
-  writes                            0    0.0 %                  0 us      0 ms
+{SETS}
 
 Maxima
   longest I/O in a report: 3 ms
   deepestQueue = 7  (web)
   longestIoUs = 5  (web)
 
-Account of 2 processes, summed up
-  pushed 12 + restored 2
-  is NOT delivered 6 + failed 1 + dropped 2
-    + evicted 3 + waiting 1
+{ACCOUNTS}
 
 Records
   22 read, 1 doubled, 3 missing, 4 not understood, 3 evicted
-  a-file-whose-name-has-more-th~:23: it is not JSON
-  a-file-whose-name-has-more-th~:26: it has no field schema
-  a-file-whose-name-has-more-th~:27: it is no JSON object
-  host db, boot zz-the-~: 2 records missing
-    between 2026-11-23 12:03:00 and 2026-11-23 12:04:00
-  host db, boot aa: 1 record missing
-    before 2026-11-23 12:23:59
+{STRANGE_AND_MISSING}
   host db, boot zz-the-~: the clock was set by 60 min
 """
 
