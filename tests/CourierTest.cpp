@@ -247,16 +247,12 @@ late 2 after 100 => [2] pushed=2 delivered=1 waiting=1 lost=1 +500
 )");
 }
 
-TEST_F(CourierTest, NoMoreIsTakenThanTheWindowHolds) {
+// Four large ones fill the window by their bytes.
+TEST_F(CourierTest, NoMoreIsTakenAndSentThanTheWindowHolds) {
     follow(R"(begin push 8190 step push 10 => [1-8192] pushed=8200 waiting=8200 lost=8200 +30000
 push 5 => [] pushed=8205 waiting=8205 lost=8205 +30000 outbox=5
 delivered 1-10 => [8193-8202] pushed=8205 delivered=10 waiting=8195 lost=8195 +30000
-)");
-}
-
-// Four fill the window by their bytes.
-TEST_F(CourierTest, LargeRecordsAreSentAsTheWindowHasRoom) {
-    follow(R"(begin push 3*4194304 => [1-3] pushed=3 waiting=3 lost=3 +30000
+begin push 3*4194304 => [1-3] pushed=3 waiting=3 lost=3 +30000
 push 1*4194304 => [4] pushed=4 waiting=4 lost=4 +30000
 push 1 => [] pushed=5 waiting=5 lost=5 +30000 outbox=1
 delivered 1 => [5] pushed=5 delivered=1 waiting=4 lost=4 +30000
@@ -315,13 +311,6 @@ delivered 7 => [] pushed=7 restored=4 delivered=10 evicted=1 lost=1 idle
                            R"({"count":4,"first":1,"last":4})");
 }
 
-TEST_F(CourierTest, ARecordThatIsEvictedInFlightHasTheFateOfItsAnswer) {
-    follow(R"(spool 3500 begin push 2*1000 step push 2*1000
-    => [1-4] pushed=4 waiting=4 lost=2 +30000
-delivered 1 back 2 => [purge] pushed=4 delivered=1 evicted=1 waiting=2 lost=1
-)");
-}
-
 TEST_F(CourierTest, ASpoolThatCannotBeWrittenIsTriedAgain) {
     follow(R"(spool 64000000 begin full push 1 => [] pushed=1 waiting=1 lost=1 +1000
 push 1 => [] pushed=2 waiting=2 lost=2 +1000 outbox=1
@@ -335,9 +324,10 @@ free hurry => [] pushed=2 delivered=2 idle
 }
 
 // Larger than what SQLite keeps in memory.
-TEST_F(CourierTest, WhatWasEvictedInFlightIsNotKeptAfterDamage) {
+TEST_F(CourierTest, ARecordThatIsEvictedInFlightHasTheFateOfItsAnswerAndIsNotKept) {
     follow(R"(spool 5000000 begin push 2*2000000 step push 2*2000000 step damage delivered 3
     => [1-4] pushed=4 delivered=1 waiting=3 lost=2 +30000
+delivered 1 back 2 => [purge] pushed=4 delivered=2 evicted=1 waiting=1 lost=1
 begin => [4] restored=1 waiting=1 +30000
 )");
 }

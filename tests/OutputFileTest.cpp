@@ -86,16 +86,10 @@ TEST_F(OutputFileTest, AFifoIsWrittenWhileSomebodyReadsIt) {
 TEST_F(OutputFileTest, AFullPipeThatDoesNotBlockIsWaitedFor) {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
-    ASSERT_EQ(fcntl(ends[0], F_SETFL, 0), 0);
-    const FileDescriptor source(ends[0]);
-    std::future<std::string> got = std::async(std::launch::async, [&] {
-        std::string text;
-        char piece[4096];
-        for (ssize_t length = 0; (length = read(source.get(), piece, sizeof piece)) > 0;) {
-            text.append(piece, static_cast<std::size_t>(length));
-        }
-        return text;
-    });
+    std::ifstream reader("/proc/self/fd/" + std::to_string(ends[0])); // which blocks
+    close(ends[0]);
+    auto got = std::async(std::launch::async,
+                          [&] { return std::string(std::istreambuf_iterator<char>(reader), {}); });
     const std::string text(1U << 20U, 'x');
     EXPECT_EQ(withStandardOutput(ends[1], [&] { OutputFile("").write(text); }), "no error");
     EXPECT_EQ(got.get(), text);
