@@ -5,6 +5,7 @@
 #include "host/services/MemLedger.h"
 #include "host/testing/FakeSink.h"
 #include "host/testing/RecordingLog.h"
+#include "tests/support/Examples.h"
 #include "tests/support/FailingMemory.h"
 #include "tests/support/Files.h"
 #include "tests/support/Test.h"
@@ -36,9 +37,7 @@ protected:
     }
     void push(u64 count, std::size_t textSize = 0) {
         for (u64 i = 0; i < count; ++i) {
-            auto* parcel = TRACKED_NEW(AnalyticsParcel)();
-            parcel->setText(std::string(textSize, 'x'));
-            outbox->pushParcel(parcel, IParcelOutbox::KEL_ANALYTICS);
+            pushText(*outbox, std::string(textSize, 'x'));
         }
     }
     // Steps as the forwarder's thread does, when one is due or after a wake-up.

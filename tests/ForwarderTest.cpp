@@ -1,19 +1,17 @@
 #include "host/forwarding/Forwarder.h"
 
-#include "common/infra/IParcelOutbox.h"
 #include "host/forwarding/OutputSink.h"
 #include "host/services/Clock.h"
 #include "host/services/MemLedger.h"
 #include "host/testing/FakeSink.h"
 #include "host/testing/RecordingLog.h"
+#include "tests/support/Examples.h"
 #include "tests/support/Files.h"
 #include "tests/support/Test.h"
 
 namespace {
 
-using std::chrono::milliseconds;
-
-constexpr milliseconds longEnough(60'000);
+using namespace std::chrono_literals;
 
 class ForwarderTest : public testing::Test {
 protected:
@@ -34,11 +32,6 @@ protected:
         start(std::move(sink));
         return engine;
     }
-    void push(const std::string& name) {
-        auto* parcel = TRACKED_NEW(AnalyticsParcel)();
-        parcel->setEventName(name);
-        outbox.pushParcel(parcel, IParcelOutbox::KEL_ANALYTICS);
-    }
     void waitForSend() { sent.waitUntil(monotonicNs() + 60 * nsPerSecond); }
 
     const MemReport before = MemLedger::report();
@@ -53,16 +46,16 @@ protected:
 TEST_F(ForwarderTest, WhatIsPushedIsWrittenOrFailsAndTheAccountComesLast) {
     for (const auto& [path, format, outcome, content] :
          {std::tuple(folder / "output", ParcelFormat::Text, "delivered=3 failed=0",
-                     R"(Event0  [^]*\nEvent1  [^]*\nForwardingAccountParcel  [^]*)"),
+                     R"([^]*: Event0\n[^]*: Event1\n[^]*\nForwardingAccountParcel  [^]*)"),
           {folder / "output", ParcelFormat::JsonLines, "delivered=3 failed=0",
            R"(\{"schema":1,[^]*"Event0"[^]*"Event1"[^]*"ForwardingAccountParcel"[^]*)"},
           {"/dev/full", ParcelFormat::JsonLines, "delivered=0 failed=3", ""}}) {
         folder.write("output", "");
         OutputFile file(path);
-        push("Event0"); // before there is a forwarder
+        pushText(outbox, "Event0"); // before there is a forwarder
         start(std::make_unique<OutputSink>(file, format));
-        push("Event1");
-        ASSERT_TRUE(forwarder->stop(longEnough));
+        pushText(outbox, "Event1");
+        ASSERT_TRUE(forwarder->stop(60s));
         const AccountNumbers account = forwarder->account().numbers();
         EXPECT_EQ(account.text(),
                   "pushed=3 restored=0 " + std::string(outcome) + " dropped=0 evicted=0 waiting=0");
@@ -74,15 +67,15 @@ TEST_F(ForwarderTest, WhatIsPushedIsWrittenOrFailsAndTheAccountComesLast) {
 }
 
 TEST_F(ForwarderTest, PushesAnswersAndAStopWakeAThreadThatWaits) {
-    options.firstBackOff = options.longestBackOff = std::chrono::hours(24);
+    options.firstBackOff = options.longestBackOff = 24h;
     FakeSink& engine = startFake([this] { sent.wake(); });
     for (const char* name : {"Event0", "Event1"}) { // the start itself may be what sends the first
-        push(name);
+        pushText(outbox, name);
         waitForSend();
     }
     engine.answer(1, Fate::TryAgain, "away");
     ASSERT_TRUE(log.waitFor("engine takes no records: away"));
-    auto stop = std::async(std::launch::async, [this] { return forwarder->stop(longEnough); });
+    auto stop = std::async(std::launch::async, [this] { return forwarder->stop(60s); });
     waitForSend();
     EXPECT_EQ(engine.calls(), "1-2 purge 1-2") << "a stop ends the back-off";
     engine.answerAll(Fate::Delivered);
@@ -96,8 +89,8 @@ TEST_F(ForwarderTest, PushesAnswersAndAStopWakeAThreadThatWaits) {
 // A tenth of the limit is for the return.
 TEST_F(ForwarderTest, AStopEndsAtItsLimitWithWhatWaits) {
     startFake({});
-    push("Event");
-    EXPECT_TRUE(forwarder->stop(milliseconds(1'000)));
+    pushText(outbox, "Event");
+    EXPECT_TRUE(forwarder->stop(1s));
     EXPECT_EQ(forwarder->account().numbers().text(),
               "pushed=2 restored=0 delivered=0 failed=0 dropped=0 evicted=0 waiting=2");
 }
@@ -108,9 +101,9 @@ TEST_F(ForwarderTest, AStopDoesNotWaitForACallThatDoesNotReturn) {
         sent.wake();
         released.wait();
     });
-    push("Event");
+    pushText(outbox, "Event");
     waitForSend();
-    EXPECT_FALSE(forwarder->stop(milliseconds(50)));
+    EXPECT_FALSE(forwarder->stop(50ms));
     EXPECT_EQ(forwarder->account().numbers().waiting, 1U);
     release.set_value();
     forwarder.reset();
@@ -121,7 +114,7 @@ TEST_F(ForwarderTest, TheOutboxCallsNoForwarderThatIsGone) {
     auto* gone = new (place.data()) Forwarder(outbox, std::make_unique<FakeSink>(), {}, options);
     gone->~Forwarder();
     place.fill(0);
-    push("Event");
+    pushText(outbox, "Event");
     EXPECT_EQ(place, decltype(place){});
 }
 

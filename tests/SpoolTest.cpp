@@ -92,22 +92,18 @@ TEST_F(SpoolTest, AnotherProcessFindsWhatWasNotDone) {
     EXPECT_EQ(tickets(0, 100, 201), "1 4 5 ");
 }
 
-TEST_F(SpoolTest, TheOldestGoBeyondTheLimit) {
+TEST_F(SpoolTest, TheOldestGoBeyondTheLimitAndTheirRangesAreKeptForEachBoot) {
     open(8 * 164);
     EXPECT_EQ(add(1, 7), "1 2 3 4 5 6 7 (7, 1148 bytes, last 7)");
     EXPECT_EQ(add(8, 8), "1 2 3 4 5 6 7 8 (8, 1312 bytes, last 8, full)");
-    EXPECT_EQ(add(9, 10),
+    EXPECT_EQ(add(9, 10, "later"),
               "3 4 5 6 7 8 9 10 (8, 1312 bytes, last 10, full) boot 1001-1002: 2 -1 -2");
     EXPECT_EQ(commit({{3}, {}, {}}), "4 5 6 7 8 9 10 (7, 1148 bytes, last 10) boot 1001-1002: 2");
     EXPECT_EQ(add(11, 11), "4 5 6 7 8 9 10 11 (8, 1312 bytes, last 11, full) boot 1001-1002: 2");
-}
-
-TEST_F(SpoolTest, EvictedRangesAreKeptForEachBoot) {
-    open(164);
-    add(1, 3);
-    add(4, 6, "later");
-    open(164);
-    EXPECT_EQ(state(), "6 (1, 164 bytes, last 6, full) boot 1001-1003: 3 later 1004-1005: 2");
+    add(12, 18);
+    open(8 * 164);
+    EXPECT_EQ(state(), "11 12 13 14 15 16 17 18 (8, 1312 bytes, last 18, full)"
+                       " boot 1001-1008: 7 later 1009-1010: 2");
 }
 
 TEST_F(SpoolTest, ARangeIsForgottenWhenARecordHasToldIt) {
@@ -150,17 +146,16 @@ TEST_F(SpoolTest, ADamagedFileIsPutAsideUnderAFreeName) {
     add(1, 100);
     spool.reset();
     std::string bytes = folder.read("spool"); // the third page, an index, is not read by itself
-    const std::string damaged[] = {std::string(10'000, 'x'),
-                                   bytes.replace(8'192, 4'096, 4'096, 'x')};
-    for (const int i : {0, 1}) {
+    for (const auto& [suffix, damaged] :
+         {std::pair(".damaged-1", std::string(10'000, 'x')),
+          {".damaged-2", bytes.replace(8'192, 4'096, 4'096, 'x')}}) {
         spool.reset();
-        folder.write("spool", damaged[i]);
+        folder.write("spool", damaged);
         open();
         EXPECT_EQ(state(), "(0, 0 bytes, last 0)");
-        const std::string aside = path + ".damaged-" + std::to_string(i + 1);
-        EXPECT_EQ(readFile(aside), damaged[i]);
+        EXPECT_EQ(readFile(path + suffix), damaged);
         EXPECT_EQ(log.texts(ErrorLevel).back(),
-                  "the damaged spool '" + path + "' is put aside as '" + aside + "'\n");
+                  "the damaged spool '" + path + "' is put aside as '" + path + suffix + "'\n");
     }
 }
 

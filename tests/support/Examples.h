@@ -1,6 +1,8 @@
 #pragma once
 
 #include "common/Analytics/AnalyticsParcel.h"
+#include "common/infra/IParcelOutbox.h"
+#include "common/infra/TrackedAllocation.h"
 #include "host/forwarding/Record.h"
 #include "tests/support/Test.h"
 
@@ -29,4 +31,11 @@ inline Record makeRecord(u64 ticket, const std::string& boot = "boot", std::stri
     record.origin = std::make_shared<Origin>(Origin{"host", boot});
     record.line = std::move(line);
     return record;
+}
+
+// A parcel that tells this, and no more.
+inline void pushText(IParcelOutbox& outbox, const std::string& text) {
+    auto* parcel = TRACKED_NEW(AnalyticsParcel)();
+    parcel->setText(text);
+    outbox.pushParcel(parcel, IParcelOutbox::KEL_ANALYTICS);
 }

@@ -1,9 +1,7 @@
 #pragma once
 
-#include "common/Analytics/AnalyticsParcel.h"
-#include "common/infra/IParcelOutbox.h"
-#include "common/infra/TrackedAllocation.h"
 #include "host/forwarding/Forwarder.h"
+#include "tests/support/Examples.h"
 #include "tests/support/Files.h"
 #include "tests/support/Process.h"
 #include "tests/support/Test.h"
@@ -32,9 +30,7 @@ public:
 
     void push(u64 count, std::size_t size = 0) {
         for (u64 i = 0; i < count; ++i) {
-            auto* parcel = TRACKED_NEW(AnalyticsParcel)();
-            parcel->setDetails(std::string(size, 'x'));
-            m_outbox.pushParcel(parcel, IParcelOutbox::KEL_ANALYTICS);
+            pushText(m_outbox, std::string(size, 'x'));
         }
         m_pushed += count;
     }
@@ -112,11 +108,10 @@ inline void killAtRandomMoments(const std::string& engine,
                                 const std::function<std::string()>& stored) {
     const TempFolder folder;
     const std::string copy = folder.write("copy", "");
-    const auto pusher = [&](const std::string& count) {
-        return std::vector<std::string>{"sh", "-c",
-                                        "exec " PUSHER " " + count + " " + engine +
-                                            " --format jsonl --spool " + (folder / "spool") +
-                                            " --output " + copy};
+    const std::string options =
+        engine + " --format jsonl --spool " + (folder / "spool") + " --output " + copy;
+    const auto pusher = [&](const char* count) -> std::vector<std::string> {
+        return {"sh", "-c", "exec " PUSHER " " + (count + (" " + options))};
     };
     std::mt19937 random(std::random_device{}());
     for (u64 kills = numberFrom("ANALYTICS_TEST_KILLS", 3); kills > 0; --kills) {
