@@ -24,14 +24,6 @@ protected:
         forwarder =
             std::make_unique<Forwarder>(outbox, std::move(sink), std::vector<ISink*>{}, options);
     }
-    // With an engine whose calls end with `onSend`.
-    FakeSink& startFake(const std::function<void()>& onSend) {
-        auto sink = std::make_unique<FakeSink>();
-        FakeSink& engine = *sink;
-        engine.onSend = onSend;
-        start(std::move(sink));
-        return engine;
-    }
     void waitForSend() { sent.waitUntil(monotonicNs() + 60 * nsPerSecond); }
 
     const MemReport before = MemLedger::report();
@@ -40,6 +32,8 @@ protected:
     ForwarderOptions options;
     ParcelOutbox outbox{100};
     Wakeup sent;
+    std::unique_ptr<FakeSink> fake = std::make_unique<FakeSink>();
+    FakeSink& engine = *fake;
     std::unique_ptr<Forwarder> forwarder;
 };
 
@@ -68,7 +62,8 @@ TEST_F(ForwarderTest, WhatIsPushedIsWrittenOrFailsAndTheAccountComesLast) {
 
 TEST_F(ForwarderTest, PushesAnswersAndAStopWakeAThreadThatWaits) {
     options.firstBackOff = options.longestBackOff = 24h;
-    FakeSink& engine = startFake([this] { sent.wake(); });
+    engine.onSend = [this] { sent.wake(); };
+    start(std::move(fake));
     for (const char* name : {"Event0", "Event1"}) { // the start itself may be what sends the first
         pushText(outbox, name);
         waitForSend();
@@ -88,7 +83,7 @@ TEST_F(ForwarderTest, PushesAnswersAndAStopWakeAThreadThatWaits) {
 
 // A tenth of the limit is for the return.
 TEST_F(ForwarderTest, AStopEndsAtItsLimitWithWhatWaits) {
-    startFake({});
+    start(std::move(fake));
     pushText(outbox, "Event");
     EXPECT_TRUE(forwarder->stop(1s));
     EXPECT_EQ(forwarder->account().numbers().text(),
@@ -97,10 +92,11 @@ TEST_F(ForwarderTest, AStopEndsAtItsLimitWithWhatWaits) {
 
 TEST_F(ForwarderTest, AStopDoesNotWaitForACallThatDoesNotReturn) {
     std::promise<void> release;
-    startFake([&, released = release.get_future().share()] {
+    engine.onSend = [&, released = release.get_future().share()] {
         sent.wake();
         released.wait();
-    });
+    };
+    start(std::move(fake));
     pushText(outbox, "Event");
     waitForSend();
     EXPECT_FALSE(forwarder->stop(50ms));

@@ -78,7 +78,6 @@ protected:
 
 TEST_F(SpoolTest, AnotherProcessFindsWhatWasNotDone) {
     open();
-    EXPECT_EQ(state(), "(0, 0 bytes, last 0)");
     add(1, 5);
     EXPECT_EQ(commit({{2, 3, 5}, {}, {}}), "1 4 (2, 328 bytes, last 5)");
     open();
@@ -99,8 +98,7 @@ TEST_F(SpoolTest, TheOldestGoBeyondTheLimitAndTheirRangesAreKeptForEachBoot) {
     EXPECT_EQ(add(9, 10, "later"),
               "3 4 5 6 7 8 9 10 (8, 1312 bytes, last 10, full) boot 1001-1002: 2 -1 -2");
     EXPECT_EQ(commit({{3}, {}, {}}), "4 5 6 7 8 9 10 (7, 1148 bytes, last 10) boot 1001-1002: 2");
-    EXPECT_EQ(add(11, 11), "4 5 6 7 8 9 10 11 (8, 1312 bytes, last 11, full) boot 1001-1002: 2");
-    add(12, 18);
+    add(11, 18);
     open(8 * 164);
     EXPECT_EQ(state(), "11 12 13 14 15 16 17 18 (8, 1312 bytes, last 18, full)"
                        " boot 1001-1008: 7 later 1009-1010: 2");
