@@ -33,9 +33,11 @@ inline Record makeRecord(u64 ticket, const std::string& boot = "boot", std::stri
     return record;
 }
 
-// A parcel that tells this, and no more.
-inline void pushText(IParcelOutbox& outbox, const std::string& text) {
-    auto* parcel = TRACKED_NEW(AnalyticsParcel)();
-    parcel->setText(text);
-    outbox.pushParcel(parcel, IParcelOutbox::KEL_ANALYTICS);
+// So many parcels, each with a text of so many bytes.
+inline void pushTexts(IParcelOutbox& outbox, u64 count, std::size_t size = 0) {
+    for (u64 i = 0; i < count; ++i) {
+        auto* parcel = TRACKED_NEW(AnalyticsParcel)();
+        parcel->setText(std::string(size, 'x'));
+        outbox.pushParcel(parcel, IParcelOutbox::KEL_ANALYTICS);
+    }
 }

@@ -29,9 +29,7 @@ public:
                                                   options())) {}
 
     void push(u64 count, std::size_t size = 0) {
-        for (u64 i = 0; i < count; ++i) {
-            pushText(m_outbox, std::string(size, 'x'));
-        }
+        pushTexts(m_outbox, count, size);
         m_pushed += count;
     }
     u64 pushed() const { return m_pushed; }
