@@ -68,7 +68,7 @@ TEST_F(ForwarderTest, PushesAnswersAndAStopWakeAThreadThatWaits) {
         pushTexts(outbox, 1);
         waitForSend();
     }
-    engine.answer(1, Fate::TryAgain, "away");
+    engine.answerAll(Fate::TryAgain, "away");
     ASSERT_TRUE(log.waitFor("engine takes no records: away"));
     auto stop = std::async(std::launch::async, [this] { return forwarder->stop(60s); });
     waitForSend();
@@ -102,7 +102,6 @@ TEST_F(ForwarderTest, AStopDoesNotWaitForACallThatDoesNotReturn) {
     EXPECT_FALSE(forwarder->stop(50ms));
     EXPECT_EQ(forwarder->account().numbers().waiting, 1U);
     release.set_value();
-    forwarder.reset();
 }
 
 TEST_F(ForwarderTest, TheOutboxCallsNoForwarderThatIsGone) {

@@ -40,10 +40,12 @@ TEST(RecordWriterTest, ALineHoldsWhatTheGettersGiveAndWhereAndWhenItWasMade) {
               R"({"d":"0.500000","inf":"-inf","nan":"nan"},)"
               R"("intEntries":{"i":-2,"j":0}})"
               "\n");
-    for (const auto& [ms, time] :
-         {std::pair(1U, "00.001Z"), {1'000U, "01.000Z"}, {999U, "00.999Z"}}) {
-        EXPECT_TRUE(holds(writer.line(AnalyticsParcel(), 1, ms),
-                          std::string(R"("forwardedAt":"1970-01-01T00:00:)") + time + "\""));
+    for (const auto& [ms, second] :
+         {std::pair(1U, "00.001"), {1'000U, "01.000"}, {999U, "00.999"}}) {
+        const std::string line = writer.line(AnalyticsParcel(), 1, ms);
+        EXPECT_TRUE(holds(
+            line, std::string("\"1970-01-01T00:00:") + second +
+                      R"(Z","eventName":"","category":"","account":"KEL","priority":"Normal")"));
     }
 }
 
@@ -75,9 +77,8 @@ TEST(RecordWriterTest, RecordsKeepTheSchemaAndTheDocumentItsTable) {
         const int status = std::system(command.c_str());
         return std::to_string(status) + " " + folder.read("errors");
     };
-    const std::string plain = writer.line(AnalyticsParcel(), 1, 0);
-    EXPECT_TRUE(holds(plain, R"("account":"KEL","priority":"Normal")"));
-    EXPECT_EQ(complaints(plain + writer.line(fullParcel(), 2, 0)), "0 ");
+    EXPECT_EQ(complaints(writer.line(AnalyticsParcel(), 1, 0) + writer.line(fullParcel(), 2, 0)),
+              "0 ");
     EXPECT_EQ(complaints(writer.line(AnalyticsParcel(), 0, 0)),
               "256 line 1: $.sequence: 0 is less than the minimum of 1\n");
     EXPECT_EQ(recordSchema(), readFile(DOCS "/records.schema.json"));

@@ -26,7 +26,6 @@ namespace {
 class SpoolTest : public testing::Test {
 protected:
     void open(u64 limitBytes = 1U << 20U, bool isDurable = false) {
-        spool.reset();
         spool.emplace(SpoolOptions{path, limitBytes, isDurable});
     }
     // Adds the tickets `first` to `last`; the first may tell what was evicted.
@@ -83,8 +82,7 @@ TEST_F(SpoolTest, AnotherProcessFindsWhatWasNotDone) {
     add(5, 6);
     EXPECT_EQ(tickets(4), "5 6 ");
     EXPECT_EQ(tickets(0, 2), "1 4 ");
-    EXPECT_EQ(tickets(0, 100, 200), "1 4 ");
-    EXPECT_EQ(tickets(0, 100, 201), "1 4 5 ");
+    EXPECT_EQ(tickets(0, 100, 200) + "but " + tickets(0, 100, 201), "1 4 but 1 4 5 ");
 }
 
 TEST_F(SpoolTest, TheOldestGoBeyondTheLimitAndTheirRangesAreKeptForEachBoot) {
