@@ -117,7 +117,7 @@ protected:
             {"back", [&] { answer(Fate::TryAgain, "away"); }},
             {"failed", [&] { answer(Fate::Failed, "no"); }},
             {"refused", [&] { answer(Fate::Failed, "16 or more chars"); }},
-            {"unexplained", [&] { answer(Fate::Failed, ""); }},
+            {"silent", [&] { answer(Fate::Failed, ""); }},
             {"discard", [&] { run->account.addDiscarded(); }},
             {"account", [&] { run->courier.addAccount(); }},
             {"full", [&] { fullDisk.emplace(0); }},
@@ -195,8 +195,7 @@ hurry step back 2 step hurry => [2 purge 2] pushed=2 delivered=1 waiting=1 lost=
 delivered 2 => [] pushed=2 delivered=2 idle
 push 1 step delivered 3 => [3] pushed=3 delivered=3 idle
 push 1 step failed 4 => [4] pushed=4 delivered=3 failed=1 lost=1 'no'=1 idle
-push 1 step unexplained 5 => [5] pushed=5 delivered=3 failed=2 lost=2
-    'no'=1 'no reason given'=1 idle
+push 1 step silent 5 => [5] pushed=5 delivered=3 failed=2 lost=2 'no'=1 'no reason given'=1 idle
 )");
     EXPECT_EQ(toBriefText(log), R"(common warn giveUp "engine takes no records: away\n"
 common warn noteDelivery "engine takes records again\n"

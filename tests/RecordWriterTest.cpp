@@ -62,9 +62,8 @@ TEST(RecordWriterTest, AnyBytesBecomeTheTextThatAnotherWriterMakesOfThem) {
         }
         AnalyticsParcel parcel;
         parcel.setText(text);
-        const std::string expected =
-            json(text).dump(-1, ' ', false, json::error_handler_t::replace);
-        ASSERT_TRUE(holds(writer.line(parcel, 1, 0), "\"text\":" + expected + ","));
+        const std::string quoted = json(text).dump(-1, ' ', false, json::error_handler_t::replace);
+        ASSERT_TRUE(holds(writer.line(parcel, 1, 0), "\"text\":" + quoted + ","));
     }
 }
 
