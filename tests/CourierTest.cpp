@@ -318,17 +318,17 @@ push 2 once begin => [] idle
 
 // What was evicted may be told a second later where there was no memory.
 TEST_F(CourierTest, TheAccountParcelStatesTheSumBeforeItself) {
-    followWithoutMemory(R"(spool 1200 begin discard push 5
-    => [4-5] pushed=5 evicted=3 waiting=2 lost=3 +30000
-back 4 => [purge] pushed=5 evicted=3 waiting=2 lost=3 +100
-after 100 step delivered 4 refused 5 step after 1000 step delivered 6
-    => [4-6] pushed=6 delivered=2 failed=1 evicted=3 lost=4 '16 or more chars'=1 idle
+    followWithoutMemory(R"(spool 1700 begin discard push 5
+    => [3-5] pushed=5 evicted=2 waiting=3 lost=2 +30000
+back 4 => [purge] pushed=5 evicted=2 waiting=3 lost=2 +100
+after 100 step delivered 3-4 refused 5 step after 1000 step delivered 6
+    => [3-6] pushed=6 delivered=3 failed=1 evicted=2 lost=3 '16 or more chars'=1 idle
 account step delivered 7
-    => [7] pushed=7 delivered=3 failed=1 evicted=3 lost=4 '16 or more chars'=1 idle
+    => [7] pushed=7 delivered=4 failed=1 evicted=2 lost=3 '16 or more chars'=1 idle
 beside => [1-7]
 )");
-    EXPECT_TRUE(holds(run->engine.lines()[5],
-                      R"("u64Entries":{"delivered":2,"discarded":1,"dropped":0,"evicted":3,)"
+    EXPECT_TRUE(holds(run->engine.lines()[7],
+                      R"("u64Entries":{"delivered":3,"discarded":1,"dropped":0,"evicted":2,)"
                       R"("failed":1,"failed: 16 or more chars":1,"outputLost":0,"pushed":6,)"
                       R"("restored":0,"waiting":0})"));
 }
