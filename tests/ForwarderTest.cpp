@@ -1,19 +1,17 @@
 #include "host/forwarding/Forwarder.h"
 
-#include "common/infra/IParcelOutbox.h"
 #include "host/forwarding/OutputSink.h"
 #include "host/services/Clock.h"
 #include "host/services/MemLedger.h"
 #include "host/testing/FakeSink.h"
 #include "host/testing/RecordingLog.h"
+#include "tests/support/Examples.h"
 #include "tests/support/Files.h"
 #include "tests/support/Test.h"
 
 namespace {
 
-using std::chrono::milliseconds;
-
-constexpr milliseconds longEnough(60'000);
+using namespace std::chrono_literals;
 
 class ForwarderTest : public testing::Test {
 protected:
@@ -26,19 +24,6 @@ protected:
         forwarder =
             std::make_unique<Forwarder>(outbox, std::move(sink), std::vector<ISink*>{}, options);
     }
-    // With an engine whose calls end with `onSend`.
-    FakeSink& startFake(const std::function<void()>& onSend) {
-        auto sink = std::make_unique<FakeSink>();
-        FakeSink& engine = *sink;
-        engine.onSend = onSend;
-        start(std::move(sink));
-        return engine;
-    }
-    void push(const std::string& name) {
-        auto* parcel = TRACKED_NEW(AnalyticsParcel)();
-        parcel->setEventName(name);
-        outbox.pushParcel(parcel, IParcelOutbox::KEL_ANALYTICS);
-    }
     void waitForSend() { sent.waitUntil(monotonicNs() + 60 * nsPerSecond); }
 
     const MemReport before = MemLedger::report();
@@ -47,66 +32,76 @@ protected:
     ForwarderOptions options;
     ParcelOutbox outbox{100};
     Wakeup sent;
+    std::unique_ptr<FakeSink> fake = std::make_unique<FakeSink>();
+    FakeSink& engine = *fake;
     std::unique_ptr<Forwarder> forwarder;
 };
 
-TEST_F(ForwarderTest, WhatIsPushedIsWrittenAndTheAccountComesLast) {
-    for (const auto& [format, begin] :
-         {std::pair(ParcelFormat::Text, "Event0  "), {ParcelFormat::JsonLines, "{\"schema\":1,"}}) {
-        OutputFile file(folder.write("output", ""));
-        push("Event0"); // before there is a forwarder
+TEST_F(ForwarderTest, WhatIsPushedIsWrittenOrFailsAndTheAccountComesLast) {
+    for (const auto& [path, format, outcome, content] :
+         {std::tuple(folder / "output", ParcelFormat::Text, "delivered=3 failed=0",
+                     R"([^]*text: x\n[^]*text: x\n[^]*\nForwardingAccountParcel  [^]*)"),
+          {folder / "output", ParcelFormat::JsonLines, "delivered=3 failed=0",
+           R"(\{"schema":1,[^]*"text":"x"[^]*"text":"x"[^]*"ForwardingAccountParcel"[^]*)"},
+          {"/dev/full", ParcelFormat::JsonLines, "delivered=0 failed=3", ""}}) {
+        folder.write("output", "");
+        OutputFile file(path);
+        pushTexts(outbox, 1, 1); // before there is a forwarder
         start(std::make_unique<OutputSink>(file, format));
-        push("Event1");
-        ASSERT_TRUE(forwarder->stop(longEnough));
-        EXPECT_EQ(forwarder->account().numbers().text(),
-                  "pushed=3 restored=0 delivered=3 failed=0 dropped=0 evicted=0 waiting=0");
-        const std::string text = folder.read("output");
-        EXPECT_EQ(text.rfind(begin, 0), 0U) << text;
-        EXPECT_LT(text.find("Event0"), text.find("Event1"));
-        EXPECT_LT(text.find("Event1"), text.find("ForwardingAccountParcel"));
-        EXPECT_TRUE(holds(text, "ForwardingAccountParcel"));
+        pushTexts(outbox, 1, 1);
+        ASSERT_TRUE(forwarder->stop(60s));
+        const AccountNumbers account = forwarder->account().numbers();
+        EXPECT_EQ(account.text(),
+                  "pushed=3 restored=0 " + std::string(outcome) + " dropped=0 evicted=0 waiting=0");
+        EXPECT_EQ(account.failures.count("cannot write to '/dev/full': No space left on device"),
+                  account.failures.size());
+        EXPECT_TRUE(std::regex_match(folder.read("output"), std::regex(content)));
         forwarder.reset();
     }
 }
 
 TEST_F(ForwarderTest, PushesAnswersAndAStopWakeAThreadThatWaits) {
-    options.firstBackOff = options.longestBackOff = std::chrono::hours(24);
-    FakeSink& engine = startFake([this] { sent.wake(); });
-    push("Event");
-    waitForSend();
-    engine.answer(1, Fate::TryAgain, "away");
+    options.firstBackOff = options.longestBackOff = 24h;
+    engine.onSend = [this] { sent.wake(); };
+    start(std::move(fake));
+    for (int i = 0; i < 2; ++i) { // the start itself may be what sends the first
+        pushTexts(outbox, 1);
+        waitForSend();
+    }
+    engine.answerAll(Fate::TryAgain, "away");
     ASSERT_TRUE(log.waitFor("engine takes no records: away"));
-    auto stop = std::async(std::launch::async, [this] { return forwarder->stop(longEnough); });
+    auto stop = std::async(std::launch::async, [this] { return forwarder->stop(60s); });
     waitForSend();
-    EXPECT_EQ(engine.calls(), "1 purge 1") << "a stop ends the back-off";
+    EXPECT_EQ(engine.calls(), "1-2 purge 1-2") << "a stop ends the back-off";
     engine.answerAll(Fate::Delivered);
     waitForSend();
-    EXPECT_EQ(engine.calls(), "2") << "the account";
+    EXPECT_EQ(engine.calls(), "3") << "the account";
     engine.answerAll(Fate::Delivered);
     EXPECT_TRUE(stop.get());
-    EXPECT_EQ(forwarder->account().numbers().delivered, 2U);
+    EXPECT_EQ(forwarder->account().numbers().delivered, 3U);
 }
 
+// A tenth of the limit is for the return.
 TEST_F(ForwarderTest, AStopEndsAtItsLimitWithWhatWaits) {
-    startFake({});
-    push("Event");
-    EXPECT_TRUE(forwarder->stop(milliseconds(1'000))); // a tenth of it for the return
+    start(std::move(fake));
+    pushTexts(outbox, 1);
+    EXPECT_TRUE(forwarder->stop(1s));
     EXPECT_EQ(forwarder->account().numbers().text(),
               "pushed=2 restored=0 delivered=0 failed=0 dropped=0 evicted=0 waiting=2");
 }
 
 TEST_F(ForwarderTest, AStopDoesNotWaitForACallThatDoesNotReturn) {
     std::promise<void> release;
-    startFake([&, released = release.get_future().share()] {
+    engine.onSend = [&, released = release.get_future().share()] {
         sent.wake();
         released.wait();
-    });
-    push("Event");
+    };
+    start(std::move(fake));
+    pushTexts(outbox, 1);
     waitForSend();
-    EXPECT_FALSE(forwarder->stop(milliseconds(50)));
+    EXPECT_FALSE(forwarder->stop(50ms));
     EXPECT_EQ(forwarder->account().numbers().waiting, 1U);
     release.set_value();
-    forwarder.reset();
 }
 
 TEST_F(ForwarderTest, TheOutboxCallsNoForwarderThatIsGone) {
@@ -114,20 +109,8 @@ TEST_F(ForwarderTest, TheOutboxCallsNoForwarderThatIsGone) {
     auto* gone = new (place.data()) Forwarder(outbox, std::make_unique<FakeSink>(), {}, options);
     gone->~Forwarder();
     place.fill(0);
-    push("Event");
+    pushTexts(outbox, 1);
     EXPECT_EQ(place, decltype(place){});
-}
-
-TEST_F(ForwarderTest, WhatCannotBeWrittenFailsWithItsReason) {
-    OutputFile full("/dev/full");
-    options.onFailure = [this] { sent.wake(); };
-    start(std::make_unique<OutputSink>(full, ParcelFormat::JsonLines));
-    push("Event");
-    waitForSend();
-    EXPECT_EQ(
-        forwarder->account().numbers().failures,
-        (std::map<std::string, u64>{{"cannot write to '/dev/full': No space left on device", 1}}));
-    forwarder.reset();
 }
 
 } // namespace

@@ -10,33 +10,21 @@
 
 namespace {
 
-// Standard output goes to this descriptor, which it owns, until the end.
-class Redirection {
-public:
-    explicit Redirection(int descriptor) {
-        dup2(descriptor, STDOUT_FILENO);
-        close(descriptor);
-    }
-    ~Redirection() { dup2(m_before.get(), STDOUT_FILENO); }
-    Redirection(const Redirection&) = delete;
-    Redirection& operator=(const Redirection&) = delete;
-
-private:
-    const FileDescriptor m_before{dup(STDOUT_FILENO)};
-};
+// Standard output goes to this descriptor while the action runs. Returns what the action throws.
+std::string withStandardOutput(int descriptor, const std::function<void()>& action) {
+    const FileDescriptor before(dup(STDOUT_FILENO));
+    dup2(descriptor, STDOUT_FILENO);
+    close(descriptor);
+    const std::string message = messageOf(action);
+    dup2(before.get(), STDOUT_FILENO);
+    return message;
+}
 
 class OutputFileTest : public testing::Test {
 protected:
-    std::string refusal() const {
-        return messageOf([this] { const OutputFile output(path); });
-    }
-
     const RecordingLog log;
     const TempFolder folder;
     const std::string path = folder / "output";
-    const std::string nobody = "cannot open '" + path +
-                               "': nobody reads it (expected a file that "
-                               "can be appended to, see --output)";
 };
 
 TEST_F(OutputFileTest, ALineThatAKilledProcessLeftIsEnded) {
@@ -52,16 +40,15 @@ TEST_F(OutputFileTest, APartOfALineIsTakenBack) {
     for (const auto& [name, shown] : {std::pair(path, "'" + path + "'"), {"", "standard output"}}) {
         folder.write("output", "");
         std::string error;
-        {
-            const Redirection redirection(open(path.c_str(), O_WRONLY));
+        withStandardOutput(open(path.c_str(), O_WRONLY), [&, name = name] {
             OutputFile output(name);
             output.write("first\n");
-            {
+            error = messageOf([&] {
                 const FileSizeLimit limit(10);
-                error = messageOf([&] { output.write("second\n"); });
-            }
+                output.write("second\n");
+            });
             output.write("third\n");
-        }
+        });
         EXPECT_EQ(error, "cannot write to " + shown + ": File too large");
         EXPECT_EQ(folder.read("output"), "first\nthird\n");
     }
@@ -74,14 +61,16 @@ TEST_F(OutputFileTest, IsOpenedAnewOnRequestAlone) {
     output.write("2\n");
     output.requestReopen();
     output.write("3\n");
-    EXPECT_EQ(folder.read("moved"), "1\n2\n");
-    EXPECT_EQ(folder.read("output"), "3\n");
+    EXPECT_EQ(folder.read("moved") + "moved\n" + folder.read("output"), "1\n2\nmoved\n3\n");
 }
 
 TEST_F(OutputFileTest, AFifoIsWrittenWhileSomebodyReadsIt) {
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+    const std::string nobody = "cannot open '" + path +
+                               "': nobody reads it (expected a file that "
+                               "can be appended to, see --output)";
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-    EXPECT_EQ(refusal(), nobody);
+    EXPECT_EQ(messageOf([&] { OutputFile output(path); }), nobody);
     FileDescriptor reader(open(path.c_str(), O_RDONLY | O_NONBLOCK));
     OutputFile output(path);
     EXPECT_EQ(messageOf([&] { output.write("1\n"); }), "no error");
@@ -96,22 +85,13 @@ TEST_F(OutputFileTest, AFifoIsWrittenWhileSomebodyReadsIt) {
 TEST_F(OutputFileTest, AFullPipeThatDoesNotBlockIsWaitedFor) {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
-    ASSERT_EQ(fcntl(ends[0], F_SETFL, 0), 0);
-    const FileDescriptor source(ends[0]);
-    std::string got;
-    std::thread reader([&] {
-        char piece[4096];
-        for (ssize_t length = 0; (length = read(source.get(), piece, sizeof piece)) > 0;) {
-            got.append(piece, static_cast<std::size_t>(length));
-        }
-    });
+    std::ifstream reader("/proc/self/fd/" + std::to_string(ends[0])); // which blocks
+    close(ends[0]);
+    auto got = std::async(std::launch::async,
+                          [&] { return std::string(std::istreambuf_iterator<char>(reader), {}); });
     const std::string text(1U << 20U, 'x');
-    {
-        const Redirection redirection(ends[1]);
-        EXPECT_NO_THROW(OutputFile("").write(text));
-    }
-    reader.join();
-    EXPECT_EQ(got, text);
+    EXPECT_EQ(withStandardOutput(ends[1], [&] { OutputFile("").write(text); }), "no error");
+    EXPECT_EQ(got.get(), text);
 }
 
 } // namespace

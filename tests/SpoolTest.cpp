@@ -8,6 +8,8 @@
 
 #include <sys/syscall.h>
 
+#include <deque>
+
 // SQLite's calls come here, so they are exported: how often a file was brought to the disk.
 static std::atomic<int> syncs{0};
 extern "C" __attribute__((visibility("default"))) int fsync(int fd) {
@@ -21,55 +23,45 @@ extern "C" __attribute__((visibility("default"))) int fdatasync(int fildes) {
 
 namespace {
 
-using Tickets = std::vector<u64>;
-
 class SpoolTest : public testing::Test {
 protected:
     void open(u64 limitBytes = 1U << 20U, bool isDurable = false) {
-        spool.reset();
         spool.emplace(SpoolOptions{path, limitBytes, isDurable});
     }
-    // Adds the tickets `first` to `last`; returns what was evicted.
-    Tickets add(u64 first, u64 last, const std::string& boot = "boot", bool tells = false) {
-        std::vector<Record> records;
+    // Adds the tickets `first` to `last`; the first may tell what was evicted.
+    std::string add(u64 first, u64 last, const std::string& boot = "boot", bool tells = false) {
+        std::deque<Record> records;
         SpoolChange change;
         for (u64 ticket = first; ticket <= last; ++ticket) {
-            records.push_back(makeRecord(ticket, boot, line));
-            for (const EvictedRange& range :
-                 tells ? spool->untold() : std::vector<EvictedRange>{}) {
-                change.told.emplace_back(range.id, ticket);
-            }
+            change.added.push_back(&records.emplace_back(makeRecord(ticket, boot, line)));
         }
-        for (const Record& each : records) {
-            change.added.push_back(&each);
+        for (const EvictedRange& range : tells ? spool->untold() : std::vector<EvictedRange>()) {
+            change.told.emplace_back(range.id, first);
         }
-        return spool->commit(change);
+        return commit(change);
     }
-    void finish(const Tickets& tickets) { spool->commit({tickets, {}, {}}); }
-    Tickets tickets(u64 after = 0, std::size_t most = 100, std::size_t bytes = 1U << 20U) {
-        Tickets result;
+    std::string commit(const SpoolChange& change) {
+        spool->commit(change);
+        return state();
+    }
+    std::string tickets(u64 after = 0, std::size_t most = 100, std::size_t bytes = 1U << 20U) {
+        std::string text;
         for (const Record& each : spool->read(after, most, bytes)) {
-            result.push_back(each.ticket);
+            text += std::to_string(each.ticket) + " ";
         }
-        return result;
+        return text;
     }
     // The tickets, what the spool says of itself, and "boot first-last: count" of what was evicted.
     std::string state() {
         std::ostringstream text;
-        for (const u64 ticket : tickets()) {
-            text << ticket << " ";
-        }
-        text << "(" << spool->count() << ", " << spool->bytes() << " bytes, last "
-             << spool->lastTicket() << ")";
+        text << tickets() << "(" << spool->count() << ", " << spool->bytes() << " bytes, last "
+             << spool->lastTicket() << (spool->hasRoom() ? ")" : ", full)");
         for (const EvictedRange& range : spool->untold()) {
             text << " " << range.origin.boot << " " << range.first << "-" << range.last << ": "
                  << range.count;
         }
         EXPECT_EQ(spool->hasUntold(), !spool->untold().empty());
         return text.str();
-    }
-    std::string refusal() const {
-        return messageOf([this] { const Spool second(SpoolOptions{path}); });
     }
 
     const std::string line = std::string(98, 'a') + "\xc3\xa9"; // a record takes 64 more
@@ -81,57 +73,42 @@ protected:
 
 TEST_F(SpoolTest, AnotherProcessFindsWhatWasNotDone) {
     open();
-    EXPECT_EQ(state(), "(0, 0 bytes, last 0)");
     add(1, 5);
-    finish({2, 3, 5});
+    EXPECT_EQ(commit({{2, 3, 5}, {}, {}}), "1 4 (2, 328 bytes, last 5)");
     open();
     EXPECT_EQ(state(), "1 4 (2, 328 bytes, last 4)");
     const Record found = spool->read(3, 1, 1)[0];
-    EXPECT_EQ(found.id(), "host-boot-1004");
-    EXPECT_EQ(found.line, line);
+    EXPECT_EQ(found.id() + found.line, "host-boot-1004" + line);
+    add(5, 6);
+    EXPECT_EQ(tickets(4), "5 6 ");
+    EXPECT_EQ(tickets(0, 2), "1 4 ");
+    EXPECT_EQ(tickets(0, 100, 200) + "but " + tickets(0, 100, 201), "1 4 but 1 4 5 ");
 }
 
-TEST_F(SpoolTest, ReadingStopsAtItsLimits) {
-    open();
-    add(1, 5);
-    EXPECT_EQ(tickets(2), (Tickets{3, 4, 5}));
-    EXPECT_EQ(tickets(0, 2), (Tickets{1, 2}));
-    EXPECT_EQ(tickets(0, 100, 200), (Tickets{1, 2}));
-    EXPECT_EQ(tickets(0, 100, 201), (Tickets{1, 2, 3}));
-}
-
-TEST_F(SpoolTest, TheOldestGoBeyondTheLimit) {
+TEST_F(SpoolTest, TheOldestGoBeyondTheLimitAndTheirRangesAreKeptForEachBoot) {
     open(8 * 164);
-    EXPECT_EQ(add(1, 7), Tickets{});
-    EXPECT_TRUE(spool->hasRoom());
-    EXPECT_EQ(add(8, 8), Tickets{});
-    EXPECT_FALSE(spool->hasRoom());
-    EXPECT_EQ(add(9, 10), (Tickets{1, 2}));
-    finish({3});
-    EXPECT_EQ(add(11, 11), Tickets{});
-    EXPECT_EQ(state(), "4 5 6 7 8 9 10 11 (8, 1312 bytes, last 11) boot 1001-1002: 2");
-}
-
-TEST_F(SpoolTest, EvictedRangesAreKeptForEachBoot) {
-    open(164);
-    add(1, 3);
-    add(4, 6, "later");
-    EXPECT_EQ(state(), "6 (1, 164 bytes, last 6) boot 1001-1003: 3 later 1004-1005: 2");
-    open(164);
-    EXPECT_EQ(state(), "6 (1, 164 bytes, last 6) boot 1001-1003: 3 later 1004-1005: 2");
+    EXPECT_EQ(add(1, 7), "1 2 3 4 5 6 7 (7, 1148 bytes, last 7)");
+    EXPECT_EQ(add(8, 8), "1 2 3 4 5 6 7 8 (8, 1312 bytes, last 8, full)");
+    EXPECT_EQ(add(9, 10, "later"),
+              "3 4 5 6 7 8 9 10 (8, 1312 bytes, last 10, full) boot 1001-1002: 2");
+    EXPECT_EQ(commit({{3}, {}, {}}), "4 5 6 7 8 9 10 (7, 1148 bytes, last 10) boot 1001-1002: 2");
+    add(11, 18);
+    open(8 * 164);
+    EXPECT_EQ(state(), "11 12 13 14 15 16 17 18 (8, 1312 bytes, last 18, full)"
+                       " boot 1001-1008: 7 later 1009-1010: 2");
 }
 
 TEST_F(SpoolTest, ARangeIsForgottenWhenARecordHasToldIt) {
     open(2 * 164);
     add(1, 3);
-    add(4, 4, "boot", true);
-    EXPECT_EQ(state(), "3 4 (2, 328 bytes, last 4) boot 1002-1002: 1") << "evicted by the teller";
-    finish({4});
+    EXPECT_EQ(add(4, 4, "boot", true), "3 4 (2, 328 bytes, last 4, full) boot 1002-1002: 1")
+        << "evicted by the teller";
+    commit({{4}, {}, {}});
     open(2 * 164);
     EXPECT_EQ(state(), "3 (1, 164 bytes, last 3) boot 1002-1002: 1");
     add(4, 4, "boot", true); // the same ticket as the forgotten one's
-    add(6, 7);
-    EXPECT_EQ(state(), "6 7 (2, 328 bytes, last 7) boot 1002-1002: 1 boot 1003-1004: 2")
+    EXPECT_EQ(add(6, 7), "6 7 (2, 328 bytes, last 7, full) boot 1002-1002: 1 "
+                         "boot 1003-1004: 2")
         << "the teller is evicted";
 }
 
@@ -143,8 +120,7 @@ TEST_F(SpoolTest, AChangeThatFailsLeavesEverythingAsItWas) {
     again.ticket = 2; // which is there
     EXPECT_THROW(spool->commit({{1}, {&fresh, &again}, {}}), SpoolError);
     EXPECT_EQ(state(), "1 2 (2, 328 bytes, last 2)");
-    spool->commit({{1}, {&fresh}, {}});
-    EXPECT_EQ(state(), "2 3 (2, 328 bytes, last 3)");
+    EXPECT_EQ(commit({{1}, {&fresh}, {}}), "2 3 (2, 328 bytes, last 3)");
     EXPECT_EQ(spool->read(2, 1, 1)[0].origin->boot, "other");
 }
 
@@ -152,43 +128,38 @@ TEST_F(SpoolTest, ADurableCommitIsBroughtToTheDisk) {
     for (const bool isDurable : {false, true}) {
         open(1U << 20U, isDurable);
         const int before = syncs;
-        add(spool->lastTicket() + 1, spool->lastTicket() + 1);
+        add(1 + isDurable, 1 + isDurable);
         EXPECT_EQ(syncs > before, isDurable);
     }
 }
 
-TEST_F(SpoolTest, ADamagedFileIsPutAsideUnderAFreeName) {
-    folder.write("spool.damaged-1", "earlier");
-    folder.write("spool", std::string(10'000, 'x'));
-    open();
-    EXPECT_EQ(state(), "(0, 0 bytes, last 0)");
-    EXPECT_EQ(folder.read("spool.damaged-1"), "earlier");
-    EXPECT_EQ(folder.read("spool.damaged-2"), std::string(10'000, 'x'));
-    EXPECT_EQ(log.texts(ErrorLevel).back(),
-              "the damaged spool '" + path + "' is put aside as '" + path + ".damaged-2'\n");
-}
-
-TEST_F(SpoolTest, DamageWithinTheFileIsFoundAtTheStart) {
+TEST_F(SpoolTest, DamageIsFoundAndTheFilePutAsideUnderAFreeName) {
     open();
     add(1, 100);
     spool.reset();
     std::string bytes = folder.read("spool"); // the third page, an index, is not read by itself
-    folder.write("spool", bytes.replace(8'192, 4'096, 4'096, 'x'));
-    open();
-    EXPECT_EQ(spool->count(), 0U);
-    EXPECT_TRUE(std::filesystem::exists(path + ".damaged-1"));
-}
-
-TEST_F(SpoolTest, ARecordOfAnUnknownProcessIsDamage) {
-    open();
+    for (const auto& [suffix, damaged] :
+         {std::pair(".damaged-1", std::string(10'000, 'x')),
+          {".damaged-2", bytes.replace(8'192, 4'096, 4'096, 'x')}}) {
+        spool.reset();
+        folder.write("spool", damaged);
+        open();
+        EXPECT_EQ(state(), "(0, 0 bytes, last 0)");
+        EXPECT_EQ(readFile(path + suffix), damaged);
+        EXPECT_EQ(log.texts(ErrorLevel).back(),
+                  "the damaged spool '" + path + "' is put aside as '" + path + suffix + "'\n");
+    }
     add(1, 1);
     spool.reset();
     SqliteDatabase(path).run("DELETE FROM origins");
     open();
-    EXPECT_THROW(spool->read(0, 1, 1), SpoolDamage);
+    EXPECT_THROW(spool->read(0, 1, 1), SpoolDamage) << "a record of an unknown process";
 }
 
 TEST_F(SpoolTest, WhatIsNotOursIsRefusedWithTheReason) {
+    const auto refusal = [this] {
+        return messageOf([this] { const Spool second(SpoolOptions{path}); });
+    };
     open();
     EXPECT_EQ(refusal(), "the spool '" + path + "' is in use by another process");
     spool.reset();

@@ -1,6 +1,8 @@
 #pragma once
 
 #include "common/Analytics/AnalyticsParcel.h"
+#include "common/infra/IParcelOutbox.h"
+#include "common/infra/TrackedAllocation.h"
 #include "host/forwarding/Record.h"
 #include "tests/support/Test.h"
 
@@ -25,4 +27,13 @@ inline AnalyticsParcel storageReport() {
 inline Record makeRecord(u64 ticket, const std::string& boot = "boot", std::string line = "{}\n") {
     return {ticket, ticket + 1'000, std::make_shared<Origin>(Origin{"host", boot}),
             std::move(line)};
+}
+
+// So many parcels, each with a text of so many bytes.
+inline void pushTexts(IParcelOutbox& outbox, u64 count, std::size_t size = 0) {
+    for (u64 i = 0; i < count; ++i) {
+        auto* parcel = TRACKED_NEW(AnalyticsParcel)();
+        parcel->setText(std::string(size, 'x'));
+        outbox.pushParcel(parcel, IParcelOutbox::KEL_ANALYTICS);
+    }
 }

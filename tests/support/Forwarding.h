@@ -1,9 +1,7 @@
 #pragma once
 
-#include "common/Analytics/AnalyticsParcel.h"
-#include "common/infra/IParcelOutbox.h"
-#include "common/infra/TrackedAllocation.h"
 #include "host/forwarding/Forwarder.h"
+#include "tests/support/Examples.h"
 #include "tests/support/Files.h"
 #include "tests/support/Process.h"
 #include "tests/support/Test.h"
@@ -31,11 +29,7 @@ public:
                                                   options())) {}
 
     void push(u64 count, std::size_t size = 0) {
-        for (u64 i = 0; i < count; ++i) {
-            auto* parcel = TRACKED_NEW(AnalyticsParcel)();
-            parcel->setDetails(std::string(size, 'x'));
-            m_outbox.pushParcel(parcel, IParcelOutbox::KEL_ANALYTICS);
-        }
+        pushTexts(m_outbox, count, size);
         m_pushed += count;
     }
     u64 pushed() const { return m_pushed; }
