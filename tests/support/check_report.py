@@ -6,7 +6,7 @@ import random
 import sys
 
 import check_summary as small
-from report_records import START, iso
+from report_records import CLASSES, START, iso
 
 HOSTILE_NAMES = ['<script>alert("x")</script>', "</script><!-- ", "tab\there\x1b[31mred\x00\x7f",
                  "\u2028\u202e\u0085line", "h" * 1_000_000, "\U0001f600&amp;'\"",
@@ -92,9 +92,14 @@ class Fleet:
 
 def totals(reports):
     classes, failed, latencies, episodes = zip(*reports)
-    counts, sums, longest = zip(*episodes)
-    return small.totals(len(reports), [sum(each) for each in zip(*classes)], sum(failed),
-                        [max(each) for each in zip(*latencies)], (sum(counts), sum(sums), max(longest)))
+    counts = [sum(each) for each in zip(*classes)]
+    episode_counts, episode_sums, longest = zip(*episodes)
+    ios, slow, episode_count, episode_sum = sum(counts), sum(counts[2:]), sum(episode_counts), sum(episode_sums)
+    return dict(reports=len(reports), ios=ios, failedIos=sum(failed), classes=dict(zip(CLASSES, counts)), slowIos=slow,
+                slowShare=slow / ios if ios else 0.0,
+                worstPercentilesUs=dict(zip(("p50", "p90", "p99", "p99.9", "max"), map(max, zip(*latencies)))),
+                episodes=episode_count, episodeSumMs=episode_sum,
+                meanEpisodeMs=episode_sum / episode_count if episode_count else 0.0, longestEpisodeMs=max(longest))
 
 
 def check(fleet):

@@ -39,7 +39,7 @@ def figures(*arguments):
 
 def record(process, sequence, seconds, name="StoragePeriodicParcel", strings=None, u32s=None, u64s=None, ahead=0, threshold=50000):
     host, boot = process.split()
-    return report_records.Writer().line(
+    return report_records.line(
         json.dumps(host), boot, sequence, NOON + round(seconds * 1000), name, json.dumps(strings or {}), json.dumps(u32s or {}),
         json.dumps(u64s or {}), ahead, text=f"[Latency Threshold={threshold}][eq={threshold}]")
 

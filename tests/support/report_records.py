@@ -11,12 +11,9 @@ def iso(ms):
     return moment.strftime("%Y-%m-%dT%H:%M:%S.") + f"{ms % 1000:03d}Z"
 
 
-class Writer:
-    """Makes a line."""
-
-    def line(self, host, boot, sequence, stamp, name, strings, u32s, u64s, ahead, text):
-        return (f'{{"schema":1,"host":{host},"boot":"{boot}","sequence":{sequence},"service":"analytics-host",'
-                f'"forwardedAt":"{iso(stamp + ahead)}","eventName":"{name}","category":"storage","account":"KEL",'
-                f'"priority":"Normal","value":0,"text":"{text}","details":"","timeStampMs":{stamp},'
-                f'"timeStamp":"{iso(stamp)}","stringEntries":{strings},"u32Entries":{u32s},"u64Entries":{u64s},'
-                f'"longEntries":{{}},"doubleEntries":{{}},"intEntries":{{}}}}\n').encode()
+def line(host, boot, sequence, stamp, name, strings, u32s, u64s, ahead, text):
+    return (f'{{"schema":1,"host":{host},"boot":"{boot}","sequence":{sequence},"service":"analytics-host",'
+            f'"forwardedAt":"{iso(stamp + ahead)}","eventName":"{name}","category":"storage","account":"KEL",'
+            f'"priority":"Normal","value":0,"text":"{text}","details":"","timeStampMs":{stamp},'
+            f'"timeStamp":"{iso(stamp)}","stringEntries":{strings},"u32Entries":{u32s},"u64Entries":{u64s},'
+            f'"longEntries":{{}},"doubleEntries":{{}},"intEntries":{{}}}}\n').encode()
