@@ -283,7 +283,7 @@ TEST_F(CourierTest, ASpoolThatCannotBeWrittenIsTriedAgain) {
 push 1 => [] pushed=2 waiting=2 lost=2 +1000 outbox=1
 beside => []
 free after 999 => [] pushed=2 waiting=2 lost=2 +1 outbox=1
-after 1 step => [1-2] pushed=2 waiting=2 +30000
+after 1 => [1-2] pushed=2 waiting=2 +30000
 beside => [1-2]
 full delivered 1-2 => [] pushed=2 delivered=2 +1000
 free hurry => [] pushed=2 delivered=2 idle

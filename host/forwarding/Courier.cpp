@@ -100,6 +100,7 @@ Courier::~Courier() {
 
 u64 Courier::step(u64 nowNs, u64 epochMs) {
     const bool goesOn = std::exchange(m_isInStep, true); // another one threw
+    const bool hadFresh = !m_fresh.empty();
     m_mustAskSpool = false;
     takeAnswers(nowNs);
     takeParcels(epochMs);
@@ -112,8 +113,9 @@ u64 Courier::step(u64 nowNs, u64 epochMs) {
     watch(nowNs);
     send(nowNs);
     m_isInStep = false;
-    // The step that threw may have used up the wake-up for answers and parcels that still wait.
-    return goesOn ? nowNs : nextStepNs(nowNs);
+    // The step that threw may have used up the wake-up for answers and parcels that still wait. No
+    // parcels are taken while fresh records wait for the spool.
+    return goesOn || (hadFresh && m_fresh.empty()) ? nowNs : nextStepNs(nowNs);
 }
 
 bool Courier::isIdle() const {
