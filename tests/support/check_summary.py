@@ -333,8 +333,6 @@ def check_command_lines():
             (["--since", "x"], 2, "--since: expected a time such as 2026-11-23T14:00 or 2026-11-23, got 'x' (see --help)"),
             (["--since=2026-01-02", "--until=2026-01-02"], 2, "--until: expected a time after that of --since (see --help)"),
             (["--step", "5"], 2, "--step: expected a number with s, m, h or d, such as 30s or 5m, got '5' (see --help)"),
-            (["--follow", "--json"], 2, "--json excludes --follow (see --help)"),
-            (["--follow", "--html=x"], 2, "--html excludes --follow (see --help)"),
             ([FILE, "missing"], 1, f"cannot open missing: No such file or directory {READABLE}"),
             (["."], 1, f"cannot open .: Is a directory {READABLE}"),
             (["--follow", "."], 1, f"cannot open .: Is a directory {READABLE}"),
@@ -345,6 +343,10 @@ def check_command_lines():
         same(f"{arguments}", (got, said in shown if code == 0 else shown, error),
              (0, True, "") if code == 0 else (code, "", f"analytics-report: {said}\n"))
         same(f"lines of {arguments}", [line for line in shown.splitlines() if len(line) > 80 and '"' not in line], [])
+    for option in "--json", "--html":  # that they exclude each other is said in any words
+        code, _, error = run("--follow", option, "x")
+        same(f"--follow {option}", (code, sorted(re.findall("--[a-z]+", error)), error.count("\n")),
+             (2, sorted(["--follow", option, "--help"]), 1))
     rows = [(arguments, f"</dev/null {output}", "cannot write to standard output") for output in (">/dev/full", ">&-")
             for arguments in (["--help"], ["--version"], [FILE], ["--json", FILE], ["--follow", "-"])]
     for arguments, streams, error in *rows, ([], "<&-", "standard input, byte 0: Bad file descriptor; what stands before counts"):
