@@ -112,29 +112,6 @@ TEST_F(Reading, SaysWhyALineIsNoRecord) {
     }
 }
 
-TEST_F(Reading, OrdersProcessesAndLimitsByTimeWhateverTheOrder) {
-    std::vector<u32> made = {1, 2, 3}; // when, in ms, with a threshold of the same number
-    do {
-        read(aRecord);
-        Choice choice;
-        choice.stepMs = 1000;
-        Fleet fleet(choice);
-        for (const u32 ms : made) {
-            m_record.boot = ms == 1 ? "z" : "a";
-            m_record.sequence = ms;
-            m_record.forwardedAtMs = m_record.timeStampMs = ms;
-            m_record.limits.thresholdUs = ms;
-            fleet.add(m_record);
-        }
-        const Host& host = fleet.hosts().begin()->second;
-        ASSERT_EQ(host.bootsInOrder().size(), 2U);
-        EXPECT_EQ(host.bootsInOrder().front()->name, "z");
-        const Cell& cell = host.cells.cells().front();
-        EXPECT_EQ(cell.first.thresholdUs, 1U);
-        EXPECT_EQ(cell.last.thresholdUs, 3U);
-    } while (std::next_permutation(made.begin(), made.end()));
-}
-
 // ANALYTICS_FUZZ_ROUNDS asks for a longer run.
 TEST(ReportFuzz, CountsEveryLineOnceWhateverItsBytes) {
     const char* const asked = std::getenv("ANALYTICS_FUZZ_ROUNDS");
@@ -147,20 +124,10 @@ TEST(ReportFuzz, CountsEveryLineOnceWhateverItsBytes) {
         std::string line = aRecord;
         for (u64 changes = random() % 4; changes > 0; --changes) {
             const std::size_t at = random() % line.size();
-            const char byte = static_cast<char>(random());
-            switch (random() % 4) {
-            case 0:
-                line[at] = byte == '\n' ? ' ' : byte;
-                break;
-            case 1:
-                line.erase(at, random() % 20);
-                line += "}";
-                break;
-            case 2:
-                line.insert(at, aRecord, random() % aRecord.size(), random() % 40);
-                break;
-            default:
-                line[at] = "{}[]\",:09-eE.\\"[random() % 14];
+            if (random() % 2 == 0) { // a part of a record in place of another one
+                line.replace(at, random() % 20, aRecord, random() % aRecord.size(), random() % 40);
+            } else {
+                line[at] = "{}[]\",:09-eE.\\\r\t\x80\xff\xe2\xf0"[random() % 20];
             }
         }
         line += "\n";

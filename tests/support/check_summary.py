@@ -73,10 +73,10 @@ FLEET = [
     report(DB, 4, 180, (1000, 0, 0, 0, 0)),
     report(DB, 3, 120, (1000, 0, 0, 0, 0)),  # joins 2 and 4
     evicted(DB, 9, 240, DB, 3, 6, 3),  # of the gap from 5 to 8
+    report(DB, 13, 310, (1000, 0, 0, 0, 0), threshold=60000),  # limits change within a step, and this comes first
     report(DB, 10, 300, (1000, 0, 0, 0, 0), ahead=3_600_000),
     account(DB, 12, 305, 11, 2, 6, 1, 2, 3, 1),
     account(DB, 11, 301, 1, 1, 1, 1, 1, 1, 1),  # older, though it comes later
-    report(DB, 13, 310, (1000, 0, 0, 0, 0), threshold=60000),  # limits change within a step
     report(DB, 14, 360, (1000, 0, 0, 0, 0), threshold=60000),
     report(DB, 15, 420, (1000, 0, 0, 0, 0), threshold=60000, limits=NEW),  # and from one step to the next
     report(LATER, 2, 1439.999, (989_000, 10_000, 700, 0, 1), 2, (80, 3000, 25_000, 1_500_000, 7_250_000), (3, 4500, 3000),
