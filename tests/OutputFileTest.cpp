@@ -15,7 +15,7 @@ std::string withStandardOutput(int descriptor, const std::function<void()>& acti
     const FileDescriptor before(dup(STDOUT_FILENO));
     dup2(descriptor, STDOUT_FILENO);
     close(descriptor);
-    const std::string message = messageOf(action);
+    std::string message = messageOf(action);
     dup2(before.get(), STDOUT_FILENO);
     return message;
 }

@@ -158,7 +158,7 @@ protected:
         const std::string script = "cd " + (folder / "") + " && exec 2>err && run='" + program +
                                    options + "' && " + around;
         const int exitCode = WEXITSTATUS(std::system(script.c_str()));
-        const Outcome outcome{folder.read("out"), folder.read("err")};
+        Outcome outcome{folder.read("out"), folder.read("err")};
         if (outcome.errors.find("left out") == std::string::npos) { // an engine, when it was built
             EXPECT_EQ(exitCode, code) << name << outcome.errors;
             EXPECT_TRUE(holds(outcome.output + outcome.errors, part));
