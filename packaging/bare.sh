@@ -10,6 +10,7 @@ cd "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/.."
 
 release=$1
 folder=${2:-$(mktemp -d)}
+mkdir -p "$folder"
 bare=$folder/$release
 builder=$folder/$release.builder
 user=$folder/$release.user

@@ -6,6 +6,7 @@
 #include "host/testing/LogText.h"
 #include "tests/support/FailingMemory.h"
 #include "tests/support/Files.h"
+#include "tests/support/RefuseCall.h"
 #include "tests/support/Together.h"
 
 #include <fmt/format.h>
@@ -205,6 +206,15 @@ TEST_F(TweaksFileTest, FollowsTheWayToTheFile) {
     held << threshold << "=0" << std::flush;
     std::filesystem::permissions(folder / "b/f", std::filesystem::perms::owner_all);
     EXPECT_TRUE(log.waitFor("-> 0"));
+}
+
+TEST_F(TweaksFileTest, IsNotFollowedWhereItsFolderCannotBeWatched) {
+    load("");
+    std::thread([this] {
+        ASSERT_TRUE(refuseCall(SYS_inotify_add_watch, EACCES));
+        EXPECT_EQ(messageOf([this] { file->follow(); }),
+                  path + ": its folder cannot be watched (Permission denied)");
+    }).join();
 }
 
 TEST_F(TweaksFileTest, IsAppliedAsAWholeAndFollowedOnWhenMemoryFails) {
