@@ -65,8 +65,12 @@ TEST_F(AnalyticsParcelTest, IsLoggedBeforeItIsPushed) {
     EXPECT_EQ(services.outbox.pushes().at(0).type, IParcelOutbox::KEL_ANALYTICS);
     services.outbox.throwAtNextPush();
     EXPECT_THROW(send(nullptr), std::runtime_error);
+    EXPECT_TRUE(services.outbox.isEmpty());
+    EXPECT_EQ(send(nullptr), RC_SUCCESS);
+    EXPECT_EQ(services.outbox.size(), 1U);
     EXPECT_EQ("\n" + withName(toBriefText(log), &parcel, "PARCEL"), R"(
 kel info sendAnalyticsParcel "sending analytics parcel parcel=PARCEL \n"
+kel info sendAnalyticsParcel "sending analytics parcel parcel=0 \n"
 kel info sendAnalyticsParcel "sending analytics parcel parcel=0 \n"
 )");
 }

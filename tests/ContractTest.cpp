@@ -237,19 +237,6 @@ TEST(FakeTimerTest, TimeGoesOnInCallbacksThatArmThrowAndMoveIt) {
                      "tick21 tick22 ");
 }
 
-TEST(FakeOutboxTest, FailsOnePushAndLeavesItsParcelAlone) {
-    FakeOutbox outbox;
-    AnalyticsParcel parcel;
-    const auto push = [&] { return outbox.pushParcel(&parcel, IParcelOutbox::KEL_ANALYTICS); };
-    outbox.refuseNextPush(RC_ERROR);
-    EXPECT_EQ(push(), RC_ERROR);
-    outbox.throwAtNextPush();
-    EXPECT_THROW(push(), std::runtime_error);
-    EXPECT_TRUE(outbox.isEmpty());
-    EXPECT_EQ(push(), RC_SUCCESS);
-    EXPECT_EQ(outbox.popParcel(IParcelOutbox::KEL_ANALYTICS), &parcel);
-}
-
 } // namespace
 
 int main(int argc, char** argv) {

@@ -8,7 +8,6 @@
 #include "tests/support/Examples.h"
 #include "tests/support/FailingMemory.h"
 #include "tests/support/Files.h"
-#include "tests/support/Test.h"
 
 namespace {
 
@@ -158,6 +157,8 @@ TEST_F(CourierTest, AnAccountBeginsWithWhatTheOutboxHolds) {
     ParcelOutbox outbox(2);
     pushTexts(outbox, 3);
     TRACKED_DELETE(static_cast<AnalyticsParcel*>(outbox.popParcel(IParcelOutbox::KEL_ANALYTICS)));
+    outbox.freeAndRemoveAllParcels();
+    pushTexts(outbox, 1);
     Account later(outbox);
     pushTexts(outbox, 2);
     EXPECT_EQ(columns(later.numbers()), " pushed=3 dropped=1 waiting=2 lost=3");
@@ -184,13 +185,13 @@ beside => [1-6]
 }
 
 TEST_F(CourierTest, BackOffsDoubleUpToTheLongestUntilADelivery) {
-    options.longestBackOff = std::chrono::milliseconds(300);
+    options.longestBackOff = std::chrono::milliseconds(350);
     int failures = 0;
     options.onFailure = [&] { ++failures; };
     follow(R"(begin push 2 step back 1-2 => [1-2 purge] pushed=2 waiting=2 lost=2 +100
 after 100 step back 1-2 => [1-2 purge] pushed=2 waiting=2 lost=2 +200
-after 200 step back 1-2 => [1-2 purge] pushed=2 waiting=2 lost=2 +300
-after 300 step delivered 1 back 2 => [1-2 purge] pushed=2 delivered=1 waiting=1 lost=1 +100
+after 200 step back 1-2 => [1-2 purge] pushed=2 waiting=2 lost=2 +350
+after 350 step delivered 1 back 2 => [1-2 purge] pushed=2 delivered=1 waiting=1 lost=1 +100
 hurry step back 2 step hurry => [2 purge 2] pushed=2 delivered=1 waiting=1 lost=1 +30000
 delivered 2 => [] pushed=2 delivered=2 idle
 push 1 step delivered 3 => [3] pushed=3 delivered=3 idle
@@ -259,12 +260,13 @@ push 1 delivered 16385-16402 => [16403] pushed=16403 delivered=16402 waiting=1 +
 // About 1500 bytes a record.
 TEST_F(CourierTest, EvictionTakesTheOldestIsRecordedAndTold) {
     options.hostId = "here";
-    follow(R"(spool 6500 begin push 2*1000 step back 1-2 step push 6*1000
-    => [1-2 purge] pushed=8 evicted=4 waiting=4 lost=4 +100
-after 100 => [5-8] pushed=8 evicted=4 waiting=4 lost=4 +30000
-begin => [5-8] restored=4 waiting=4 +30000
-delivered 5 => [1] pushed=1 restored=4 delivered=1 waiting=4 +30000
-delivered 6-8 delivered 1 => [] pushed=1 restored=4 delivered=5 idle
+    follow(R"(spool 6500 begin push 1 step delivered 1 step push 8*1000
+    => [1 6-9] pushed=9 delivered=1 evicted=4 waiting=4 lost=4 +30000
+begin => [6-9] restored=4 waiting=4 +30000
+delivered 6 back 7 => [purge] restored=4 delivered=1 waiting=3 +100
+after 100 => [7-9] restored=4 delivered=1 waiting=3 +30000
+delivered 7 => [1] pushed=1 restored=4 delivered=2 waiting=3 +30000
+delivered 8-9 delivered 1 => [] pushed=1 restored=4 delivered=5 idle
 push 5*1000 step delivered 3-6
     => [3-6] pushed=6 restored=4 delivered=9 evicted=1 lost=1 +1000 idle
 after 1000 => [7] pushed=7 restored=4 delivered=9 evicted=1 waiting=1 lost=1 +30000
@@ -272,10 +274,10 @@ delivered 7 => [] pushed=7 restored=4 delivered=10 evicted=1 lost=1 idle
 )");
     const std::vector<std::string> lines = run->engine.lines();
     const std::string boot = lines[0].substr(lines[0].find(R"("boot":)"), 25); // 16 digits
-    EXPECT_TRUE(holds(lines[4], R"("eventName":"RecordsEvictedParcel")"));
-    EXPECT_TRUE(holds(lines[4], R"("stringEntries":{)" + boot +
+    EXPECT_TRUE(holds(lines[7], R"("eventName":"RecordsEvictedParcel")"));
+    EXPECT_TRUE(holds(lines[7], R"("stringEntries":{)" + boot +
                                     R"(,"host":"here"},"u32Entries":{},)"
-                                    R"("u64Entries":{"count":4,"first":1,"last":4})"));
+                                    R"("u64Entries":{"count":4,"first":2,"last":5})"));
 }
 
 TEST_F(CourierTest, ASpoolThatCannotBeWrittenIsTriedAgain) {

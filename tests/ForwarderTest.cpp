@@ -7,7 +7,6 @@
 #include "host/testing/RecordingLog.h"
 #include "tests/support/Examples.h"
 #include "tests/support/Files.h"
-#include "tests/support/Test.h"
 
 namespace {
 
@@ -79,15 +78,6 @@ TEST_F(ForwarderTest, PushesAnswersAndAStopWakeAThreadThatWaits) {
     engine.answerAll(Fate::Delivered);
     EXPECT_TRUE(stop.get());
     EXPECT_EQ(forwarder->account().numbers().delivered, 4U);
-}
-
-// A tenth of the limit is for the return.
-TEST_F(ForwarderTest, AStopEndsAtItsLimitWithWhatWaits) {
-    start(std::move(fake));
-    pushTexts(outbox, 1);
-    EXPECT_TRUE(forwarder->stop(1s));
-    EXPECT_EQ(forwarder->account().numbers().text(),
-              "pushed=2 restored=0 delivered=0 failed=0 dropped=0 evicted=0 waiting=2");
 }
 
 TEST_F(ForwarderTest, AStopDoesNotWaitForACallThatDoesNotReturn) {

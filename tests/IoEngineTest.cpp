@@ -8,7 +8,6 @@
 #include "host/testing/Installed.h"
 #include "host/testing/RecordingLog.h"
 #include "tests/support/FailingMemory.h"
-#include "tests/support/Files.h"
 #include "tests/support/Process.h"
 #include "tests/support/RefuseCall.h"
 #include "tests/support/Together.h"

@@ -2,11 +2,7 @@
 #include "host/forwarding/Destroy.h"
 #include "host/testing/RecordingAnswers.h"
 #include "host/testing/RecordingLog.h"
-#include "tests/support/Examples.h"
-#include "tests/support/Files.h"
 #include "tests/support/Forwarding.h"
-#include "tests/support/Process.h"
-#include "tests/support/Test.h"
 
 #include <librdkafka/rdkafka.h>
 #include <librdkafka/rdkafka_mock.h>

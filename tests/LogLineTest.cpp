@@ -18,7 +18,7 @@ namespace {
 
 // An assertion stands in an if without braces, takes a comma, and evaluates details on failure.
 TEST(LogLine, NamesItsPlace) {
-    EXPECT_STREQ(fileBaseName("b.cpp"), "b.cpp");
+    EXPECT_EQ(fileBaseName("b.cpp") + std::string(fileBaseName("/a/c/d.cpp")), "b.cppd.cpp");
     RecordingLog log;
     int size = 7;
     std::string evaluated;

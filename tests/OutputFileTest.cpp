@@ -3,7 +3,6 @@
 #include "host/services/FileDescriptor.h"
 #include "host/testing/RecordingLog.h"
 #include "tests/support/Files.h"
-#include "tests/support/Test.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

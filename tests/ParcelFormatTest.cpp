@@ -2,7 +2,6 @@
 
 #include "tests/support/Examples.h"
 #include "tests/support/Files.h"
-#include "tests/support/Test.h"
 
 namespace {
 

@@ -1,6 +1,5 @@
 #include "common/infra/Defs.h"
 #include "tests/support/Files.h"
-#include "tests/support/Test.h"
 
 #include <nlohmann/json.hpp>
 #include <sys/syscall.h>

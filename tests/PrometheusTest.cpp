@@ -2,9 +2,7 @@
 #include "host/services/FileDescriptor.h"
 #include "host/testing/RecordingAnswers.h"
 #include "tests/support/Examples.h"
-#include "tests/support/Files.h"
 #include "tests/support/Process.h"
-#include "tests/support/Test.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>

@@ -2,7 +2,6 @@
 
 #include "host/forwarding/Identity.h"
 #include "tests/support/Files.h"
-#include "tests/support/Test.h"
 
 #include <nlohmann/json.hpp>
 

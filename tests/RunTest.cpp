@@ -9,7 +9,6 @@
 #include "host/services/LogService.h"
 #include "host/testing/Installed.h"
 #include "tests/support/Files.h"
-#include "tests/support/Test.h"
 
 #include <poll.h>
 
@@ -130,7 +129,8 @@ TEST(OptionsTest, OptionsThatGoTogetherOrDoNotAreNamed) {
         {"--nats a", "--nats", "--subject"},
         {"--subject a", "--subject", "--nats"},
         {"--kafka a --topic t --nats a --subject a", "--kafka", "--nats"},
-        {"--durable", "--durable", "--spool"}};
+        {"--durable", "--durable", "--spool"},
+        {"--itervall=5", "'--itervall=5' is not an option", "'--interval'"}};
     for (const auto& [line, one, other] : rows) {
         const std::string words = std::string("[^\n]*") + one + "[^\n]*" + other + "[^\n]*";
         EXPECT_TRUE(std::regex_match(

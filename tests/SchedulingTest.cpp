@@ -124,12 +124,4 @@ kel assert reachedTimeout " PeriodicAnalyticsScheduler.cpp N: periodicAnalyticsS
 )");
 }
 
-TEST_F(SchedulerTest, AConstructorThatThrowsLeavesPolicyAndFinalizerToTheCaller) {
-    nextDelay = []() -> u64 { throw std::runtime_error("no calendar"); };
-    const TrackedPtr<Policy> policy(TRACKED_NEW(Policy)(), TRACKED_DELETE);
-    const TrackedPtr<Finalizer> finalizer(TRACKED_NEW(Finalizer)(), TRACKED_DELETE);
-    EXPECT_THROW(PeriodicAnalyticsScheduler(policy.get(), finalizer.get()), std::runtime_error);
-    EXPECT_EQ(services.memShield.live(), 2U);
-}
-
 } // namespace

@@ -4,7 +4,6 @@
 #include "host/testing/RecordingLog.h"
 #include "tests/support/Examples.h"
 #include "tests/support/Files.h"
-#include "tests/support/Test.h"
 
 #include <sys/syscall.h>
 
@@ -85,19 +84,6 @@ TEST_F(SpoolTest, AnotherProcessFindsWhatWasNotDone) {
     EXPECT_EQ(tickets(0, 100, 200) + "but " + tickets(0, 100, 201), "1 4 but 1 4 5 ");
 }
 
-TEST_F(SpoolTest, TheOldestGoBeyondTheLimitAndTheirRangesAreKeptForEachBoot) {
-    open(8 * 164);
-    EXPECT_EQ(add(1, 7), "1 2 3 4 5 6 7 (7, 1148 bytes, last 7)");
-    EXPECT_EQ(add(8, 8), "1 2 3 4 5 6 7 8 (8, 1312 bytes, last 8, full)");
-    EXPECT_EQ(add(9, 10, "later"),
-              "3 4 5 6 7 8 9 10 (8, 1312 bytes, last 10, full) boot 1001-1002: 2");
-    EXPECT_EQ(commit({{3}, {}, {}}), "4 5 6 7 8 9 10 (7, 1148 bytes, last 10) boot 1001-1002: 2");
-    add(11, 18);
-    open(8 * 164);
-    EXPECT_EQ(state(), "11 12 13 14 15 16 17 18 (8, 1312 bytes, last 18, full)"
-                       " boot 1001-1008: 7 later 1009-1010: 2");
-}
-
 TEST_F(SpoolTest, ARangeIsForgottenWhenARecordHasToldIt) {
     open(2 * 164);
     add(1, 3);
@@ -110,18 +96,6 @@ TEST_F(SpoolTest, ARangeIsForgottenWhenARecordHasToldIt) {
     EXPECT_EQ(add(6, 7), "6 7 (2, 328 bytes, last 7, full) boot 1002-1002: 1 "
                          "boot 1003-1004: 2")
         << "the teller is evicted";
-}
-
-TEST_F(SpoolTest, AChangeThatFailsLeavesEverythingAsItWas) {
-    open();
-    add(1, 2);
-    const Record fresh = makeRecord(3, "other", line);
-    Record again = fresh;
-    again.ticket = 2; // which is there
-    EXPECT_THROW(spool->commit({{1}, {&fresh, &again}, {}}), SpoolError);
-    EXPECT_EQ(state(), "1 2 (2, 328 bytes, last 2)");
-    EXPECT_EQ(commit({{1}, {&fresh}, {}}), "2 3 (2, 328 bytes, last 3)");
-    EXPECT_EQ(spool->read(2, 1, 1)[0].origin->boot, "other");
 }
 
 TEST_F(SpoolTest, ADurableCommitIsBroughtToTheDisk) {

@@ -44,16 +44,6 @@ protected:
     StorageLatency latency{[this] { return limits; }, [this] { return nowNs; }};
 };
 
-TEST_F(StorageLatencyTest, APeriodTellsWhatCompletedInIt) {
-    io(10'000), io(10'001, 2), io(20'000); // a bound is of its class
-    io(30'000, 4), io(40'000, 5), io(40'001, 6);
-    EXPECT_EQ(closed(), "classes 1 3 4 5 6 us 40 40 40 40 41 ");
-    io(5 * us), latency.countFailedIo(50 * us);
-    std::thread([&] { latency.countFailedIo(1 * us); }).join();
-    EXPECT_EQ(closed(), "classes 1 0 0 0 0 us 5 5 5 5 5 failed 2 ");
-    EXPECT_EQ(closed(), "");
-}
-
 // They are told as the middles of their buckets.
 TEST_F(StorageLatencyTest, APercentileIsOfTheNearestRank) {
     for (const auto& [longest, told] :

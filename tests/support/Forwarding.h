@@ -2,9 +2,7 @@
 
 #include "host/forwarding/Forwarder.h"
 #include "tests/support/Examples.h"
-#include "tests/support/Files.h"
 #include "tests/support/Process.h"
-#include "tests/support/Test.h"
 
 #include <nlohmann/json.hpp>
 #include <poll.h>

@@ -4,7 +4,6 @@
 #include "host/testing/LogText.h"
 #include "host/testing/ParcelText.h"
 #include "tests/support/FailingMemory.h"
-#include "tests/support/Test.h"
 
 // A test among fakes of the services that the library calls. Each tracked object is given back by
 // its end.

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "tests/support/Files.h"
-#include "tests/support/Test.h"
 
 #include <poll.h>
 #include <sys/prctl.h>
