@@ -1,11 +1,7 @@
 #include "host/forwarding/PrometheusEndpoint.h"
-#include "host/services/FileDescriptor.h"
 #include "host/testing/RecordingAnswers.h"
 #include "tests/support/Examples.h"
 #include "tests/support/Process.h"
-
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 namespace {
 
@@ -17,18 +13,14 @@ protected:
         endpoint->send({&record});
         EXPECT_EQ(answers.take(1), "1 delivered");
     }
-    // The answer to a GET, headers included; empty if there is none.
     std::string scrape() const {
-        const FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        const int port = std::stoi(endpoint->address().substr(loopback.size()));
-        const sockaddr_in address{
-            AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
-        connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-        std::string text = "GET /metrics HTTP/1.0\r\n\r\n";
-        ::send(socket.get(), text.data(), text.size(), MSG_NOSIGNAL);
-        text.resize(100'000);
-        const auto size = recv(socket.get(), text.data(), text.size(), MSG_WAITALL);
-        return text.substr(0, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+        const std::string read = "import http.client as h; c = h.HTTPConnection('" +
+                                 endpoint->address() +
+                                 "'); c.request('GET', '/metrics'); "
+                                 "print(c.getresponse().read().decode(), end='')";
+        Process python("python3 -c \"" + read + "\"", folder / "scraped");
+        EXPECT_EQ(python.wait(), 0) << python.output();
+        return python.output();
     }
     // The lines with a value, without the endpoint's own figures.
     std::string values() const {
@@ -37,6 +29,7 @@ protected:
     }
 
     const std::string loopback = "127.0.0.1:";
+    const TempFolder folder;
     RecordingAnswers answers;
     const std::unique_ptr<IPrometheusEndpoint> endpoint = openPrometheusEndpoint("0");
 };
@@ -83,11 +76,8 @@ analytics_parcels_total{fate="evicted"} 3
 analytics_parcels_total{fate="discarded"} 2
 analytics_parcels_total{fate="output_lost"} 1
 )");
-    const std::string text = scrape();
-    EXPECT_TRUE(holds(text, "# TYPE analytics_storage_latency_seconds untyped\n"));
-    const TempFolder folder;
-    const std::string body = folder.write("metrics", text.substr(text.find("\r\n\r\n") + 4));
-    Process promtool("promtool check metrics <" + body, folder / "out");
+    EXPECT_TRUE(holds(scrape(), "# TYPE analytics_storage_latency_seconds untyped\n"));
+    Process promtool("promtool check metrics <" + (folder / "scraped"), folder / "out");
     EXPECT_EQ(promtool.wait(), 0) << promtool.output();
     endpoint->followAccount({});
     AnalyticsParcel idle = storageReport();

@@ -91,12 +91,9 @@ TEST(IdentityTest, AMachineHasItsIdAndEachBootIsAnother) {
     EXPECT_EQ(deriveHostId(folder.write("machine", "")), ofName);
     EXPECT_NE(ofName, "563820154b217892") << "of no text";
     EXPECT_EQ(makeOrigin("given").host + makeOrigin("").host, "given" + deriveHostId());
-    std::set<std::string> boots;
-    for (int i = 0; i < 100; ++i) {
-        boots.insert(makeOrigin("given").boot);
-    }
-    EXPECT_EQ(boots.size(), 100U);
-    EXPECT_EQ(boots.begin()->size(), 16U);
+    const std::string boot = makeOrigin("given").boot;
+    EXPECT_EQ(boot.size(), 16U);
+    EXPECT_NE(makeOrigin("given").boot, boot);
 }
 
 } // namespace

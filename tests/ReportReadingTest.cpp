@@ -69,7 +69,6 @@ TEST(ReportFuzz, CountsEveryLineOnceWhateverItsBytes) {
     std::mt19937_64 random(1); // NOLINT(cert-msc51-cpp): the same bytes each time
     Collector collector({});
     LineSplitter lines = collector.linesOf("fuzz");
-    u64 notBlank = 0;
     for (u64 round = 0; round < rounds; ++round) {
         std::string line = aRecord;
         for (u64 changes = random() % 4; changes > 0; --changes) {
@@ -81,11 +80,10 @@ TEST(ReportFuzz, CountsEveryLineOnceWhateverItsBytes) {
             }
         }
         line += "\n";
-        notBlank += line.find_first_not_of(" \t\r\n") == std::string::npos ? 0 : 1;
         std::memcpy(lines.room(), line.data(), line.size());
         lines.bytesAdded(line.size());
     }
-    EXPECT_EQ(collector.fleet().recordsRead() + collector.notUnderstood(), notBlank);
+    EXPECT_EQ(collector.fleet().recordsRead() + collector.notUnderstood(), rounds);
     EXPECT_GT(collector.fleet().recordsRead(), rounds / 20);
     EXPECT_GT(collector.notUnderstood(), rounds / 20);
 }
@@ -119,47 +117,17 @@ TEST(LineSplitter, GivesTheSameLinesInAnyPieces) {
     EXPECT_EQ(splitInPieces("a\n" + longest + "y", 100'000), "1:a 2:! ") << "the last line";
 }
 
-std::string textOf(const std::vector<Gap>& gaps) {
+TEST(Ranges, AreOneWhereTheyOverlap) {
+    Ranges ranges;
     std::string text;
-    for (const Gap& gap : gaps) {
-        text += fmt::format("{} of {} to {}, {} {} {}; ", gap.count, gap.first, gap.last,
-                            gap.isFirst, gap.afterMs, gap.beforeMs);
+    for (const auto& [first, last] : {std::pair(5, 6), {1, 2}, {2, 3}, {9, 12}, {5, 10}, {4, 20}}) {
+        ranges.add(first, last);
+        for (const auto& [from, to] : ranges.ranges()) {
+            text += fmt::format("{}-{} ", from, to);
+        }
+        text += "; ";
     }
-    return text;
-}
-
-TEST(Sequences, NamesTheGapsOfASetWhateverTheOrder) {
-    std::mt19937_64 random(1); // NOLINT(cert-msc51-cpp): the same numbers each time
-    for (int round = 0; round < 5000; ++round) {
-        Sequences seen;
-        std::map<u64, s64> moments;
-        for (u64 left = random() % 14; left > 0; --left) {
-            const u64 number = 1 + random() % 16;
-            const auto moment = static_cast<s64>(left);
-            ASSERT_EQ(seen.add(number, moment), moments.emplace(number, moment).second);
-        }
-        Ranges evicted;
-        std::string fates(32, 'm');
-        for (u64 left = random() % 4; left > 0; --left) {
-            const u64 first = 1 + random() % 16;
-            const u64 count = 1 + random() % 5;
-            evicted.add(first, first + count - 1);
-            fates.replace(first, count, count, 'e');
-        }
-        std::vector<Gap> expected;
-        u64 begin = 1;
-        s64 afterMs = 0;
-        for (const auto& [number, moment] : moments) {
-            const std::string gap = fates.substr(begin, number - begin);
-            const auto count = static_cast<u64>(std::count(gap.begin(), gap.end(), 'm'));
-            if (count > 0) {
-                expected.push_back({begin, number - 1, count, begin == 1, afterMs, moment});
-            }
-            begin = number + 1;
-            afterMs = moment;
-        }
-        ASSERT_EQ(textOf(seen.gaps(evicted)), textOf(expected)) << round;
-    }
+    EXPECT_EQ(text, "5-6 ; 1-2 5-6 ; 1-3 5-6 ; 1-3 5-6 9-12 ; 1-3 5-12 ; 1-3 4-20 ; ");
 }
 
 std::string readMoment(const char* text) {
@@ -232,12 +200,9 @@ TEST(ShownText, FitsItsColumnsWithoutSteeringTheTerminal) {
         {"\xf0\x9f\x98\x80", "\xf0\x9f\x98\x80"},
         // The last one that steers and the first one that does not, at each edge.
         {"\xc2\x9f\xc2\xa0", "?\xc2\xa0"},
-        {"\xe2\x80\x8a\xe2\x80\x8b", "\xe2\x80\x8a?"},
-        {"\xe2\x80\x8f\xe2\x80\x90", "?\xe2\x80\x90"},
-        {"\xe2\x80\xa7\xe2\x80\xa8", "\xe2\x80\xa7?"},
-        {"\xe2\x80\xae\xe2\x80\xaf", "?\xe2\x80\xaf"},
-        {"\xe2\x81\xa5\xe2\x81\xa6", "\xe2\x81\xa5?"},
-        {"\xe2\x81\xa9\xe2\x81\xaa", "?\xe2\x81\xaa"},
+        {"\xe2\x80\x8a\xe2\x80\x8b \xe2\x80\x8f\xe2\x80\x90", "\xe2\x80\x8a? ?\xe2\x80\x90"},
+        {"\xe2\x80\xa7\xe2\x80\xa8 \xe2\x80\xae\xe2\x80\xaf", "\xe2\x80\xa7? ?\xe2\x80\xaf"},
+        {"\xe2\x81\xa5\xe2\x81\xa6 \xe2\x81\xa9\xe2\x81\xaa", "\xe2\x81\xa5? ?\xe2\x81\xaa"},
         {"\xef\xbb\xbf", "?"},
         // One column each, and two.
         {"123456789\xe1\x83\xbf", "123456789\xe1\x83\xbf"},
