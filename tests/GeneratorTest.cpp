@@ -55,18 +55,4 @@ TEST_F(GeneratorTest, ThePolicyHasTheIntervalOfTheTunable) {
     }
 }
 
-TEST_F(GeneratorTest, AReportThatMemoryFailsKeepsThePeriod) {
-    TrackedPtr<AnalyticsParcel> parcel(nullptr, TRACKED_DELETE);
-    LogService::setLevel(AssertLevel); // a log line without memory is dropped: no failure
-    const auto tryReport = [&] {
-        services.timer.advance(1'000);
-        parcel = report();
-    };
-    const int failures =
-        failEachAllocation(tryReport, [&] { EXPECT_EQ(services.memShield.live(), 0U); });
-    LogService::setLevel(InfoLevel);
-    EXPECT_GT(failures, 10);
-    EXPECT_EQ(parcel->getU64Entries().at("cd11"), failures + 1U);
-}
-
 } // namespace

@@ -4,7 +4,7 @@
 #include "host/program/ScratchFile.h"
 #include "host/services/Clock.h"
 #include "host/services/FileDescriptor.h"
-#include "host/testing/RecordingLog.h"
+#include "host/testing/LogText.h"
 #include "tests/support/Files.h"
 #include "tests/support/RefuseCall.h"
 
@@ -45,14 +45,13 @@ TEST(FailureLogTest, FailuresAreALineASecondAndOneAtTheirEnd) {
                        : failures.succeeded(nowNs);
         }
     }
-    EXPECT_EQ(log.texts(ErrorLevel),
-              (std::vector<std::string>{"read failed at offset=1200: Input/output error\n",
-                                        "read failed at offset=3000: Input/output error\n",
-                                        "further I/Os failed=10, the last: write failed at "
-                                        "offset=4000: moved 5 bytes of 7\n"}));
-    EXPECT_EQ(log.texts(WarnLevel),
-              (std::vector<std::string>{"no I/O has failed for a second; failed in all=1\n",
-                                        "no I/O has failed for a second; failed in all=15\n"}));
+    EXPECT_EQ("\n" + toBriefText(log), R"(
+common error failed "read failed at offset=1200: Input/output error\n"
+common warn succeeded "no I/O has failed for a second; failed in all=1\n"
+common error failed "read failed at offset=3000: Input/output error\n"
+common error failed "further I/Os failed=10, the last: write failed at offset=4000: moved 5 bytes of 7\n"
+common warn succeeded "no I/O has failed for a second; failed in all=15\n"
+)");
 }
 
 class ScratchFileTest : public testing::Test {

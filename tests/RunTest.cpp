@@ -178,8 +178,7 @@ TEST_F(ScheduleTest, EachMomentIsWhereTheOneBeforeItLeads) {
 TEST_F(ScheduleTest, TheRunKeepsTheDays) {
     const Options options = *parse("--days tue,sat --hour 3").options;
     FixedDaysSchedulingPolicy expected(options.weekly->days, 3);
-    EXPECT_NEAR(static_cast<double>(nextMs(options)),
-                static_cast<double>(expected.getNextSchedule()), 3'600'000)
+    EXPECT_LE(nextMs(options) - expected.getNextSchedule() + 3'600'000, 7'200'000U)
         << "the hour may end";
 }
 
@@ -253,8 +252,7 @@ TEST(RunSummaryTest, ARateThatIsNotReachedIsTold) {
         {"--rate 100", 189, ""},
         {"--rate 100", 188, "94 of the 100 I/Os per second that were asked for"},
         {"--rate 100 --max-ios 188", 188, ""},
-        {"--rate 1000", 1, "0 of the 1000 I/Os per second that were asked for"},
-        {"--rate 0", 0, ""}};
+        {"--rate 1000", 1, "0 of the 1000 I/Os per second that were asked for"}};
     for (const auto& [line, made, said] : rows) {
         EXPECT_EQ(rateShortfall(*parse(line).options, made, 2 * nsPerSecond), said) << line;
     }

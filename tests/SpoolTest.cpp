@@ -7,14 +7,8 @@
 
 #include <sys/syscall.h>
 
-#include <deque>
-
-// SQLite's calls come here, so they are exported: how often a file was brought to the disk.
+// SQLite's call comes here, so it is exported: how often a file was brought to the disk.
 static std::atomic<int> syncs{0};
-extern "C" __attribute__((visibility("default"))) int fsync(int fd) {
-    ++syncs;
-    return static_cast<int>(syscall(SYS_fsync, fd));
-}
 extern "C" __attribute__((visibility("default"))) int fdatasync(int fildes) {
     ++syncs;
     return static_cast<int>(syscall(SYS_fdatasync, fildes));
@@ -29,17 +23,14 @@ protected:
     }
     // Adds the tickets `first` to `last`; the first may tell what was evicted.
     std::string add(u64 first, u64 last, bool tells = false) {
-        std::deque<Record> records;
+        std::map<u64, Record> records;
         SpoolChange change;
         for (u64 ticket = first; ticket <= last; ++ticket) {
-            change.added.push_back(&records.emplace_back(makeRecord(ticket, "boot", line)));
+            change.added.push_back(&(records[ticket] = makeRecord(ticket, "boot", line)));
         }
         for (const EvictedRange& range : tells ? spool->untold() : std::vector<EvictedRange>()) {
             change.told.emplace_back(range.id, first);
         }
-        return commit(change);
-    }
-    std::string commit(const SpoolChange& change) {
         spool->commit(change);
         return state();
     }
@@ -71,7 +62,7 @@ TEST_F(SpoolTest, ARangeIsForgottenWhenARecordHasToldIt) {
     add(1, 3);
     EXPECT_EQ(add(4, 4, true), "3 4 (2, 328 bytes, last 4, full) boot 1002-1002: 1")
         << "evicted by the teller";
-    commit({{4}, {}, {}});
+    spool->commit({{4}, {}, {}});
     open(2 * 164);
     EXPECT_EQ(state(), "3 (1, 164 bytes, last 3) boot 1002-1002: 1");
     add(4, 4, true); // the same ticket as the forgotten one's

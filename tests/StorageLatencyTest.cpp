@@ -104,7 +104,7 @@ TEST(LatencyEpisodesTest, AnEpisodeIsTheTimeInWhichStorageWasSlow) {
     const char* const rows[][2] = {
         // An I/O that was handed over before a slow one ends nothing.
         {"slow 10 30 fast 10 35 fast 11 40 read 0 100", "1:30:30 "},
-        {"slow 10 30 slow 25 50 fast 20 51 fast 26 60 read 0 99", "1:50:50 "},
+        {"slow 10 30 slow 25 40 slow 20 50 fast 22 51 fast 26 60 read 0 99", "1:50:50 "},
         // An earlier hand-over that is known later moves the beginning.
         {"slow 20 30 slow 5 35 fast 36 40 read 0 99", "1:35:35 "},
         // Never before the end of the one before it.
@@ -178,9 +178,7 @@ TEST_F(StorageLatencyTest, NothingIsLostBetweenReadingAndCounting) {
     });
     u64 total = 0;
     for (int i = 0; i <= 1'000; ++i) {
-        if (i == 1'000) {
-            threads.clear();
-        }
+        i == 1'000 ? threads.clear() : void();
         const u32 unit = i % 3 == 0 ? 1'000 : 10;
         limits = {i < 100 ? 100U : 1'000U, {unit, 2 * unit, 3 * unit, 4 * unit}}; // first all slow
         const StoragePeriod period = latency.closePeriod();

@@ -78,10 +78,15 @@ TEST_F(StorageReportTest, AReportThatMemoryFailsIsMadeByTheNextAttempt) {
     LogService::setLevel(AssertLevel); // a log line without memory is dropped: no failure
     TrackedPtr<AnalyticsParcel> parcel(nullptr, TRACKED_DELETE);
     set.countIo(1);
-    EXPECT_GT(failEachAllocation([&] { parcel = report(generator); },
-                                 [&] { EXPECT_EQ(services.memShield.live(), 0U); }),
-              25);
+    const auto tryReport = [&] {
+        services.timer.advance(1'000);
+        parcel = report(generator);
+    };
+    const int failures =
+        failEachAllocation(tryReport, [&] { EXPECT_EQ(services.memShield.live(), 0U); });
+    EXPECT_GT(failures, 25);
     EXPECT_EQ(parcel->getU32Entries().at("cm1"), 1U); // none is lost with the failed reports
+    EXPECT_EQ(parcel->getU64Entries().at("cd11"), failures + 1U);
     LogService::setLevel(InfoLevel);
 }
 

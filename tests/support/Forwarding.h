@@ -15,9 +15,7 @@ inline u64 numberFrom(const char* variable, u64 otherwise) {
     return text == nullptr ? otherwise : std::stoull(text);
 }
 // How many records the long runs send.
-inline u64 recordsOfARun() {
-    return numberFrom("ANALYTICS_TEST_RECORDS", 3'000);
-}
+inline const u64 recordsOfARun = numberFrom("ANALYTICS_TEST_RECORDS", 3'000);
 
 // Sends parcels to an engine, and holds the account against what came of them.
 class Sending {
@@ -32,9 +30,6 @@ public:
     }
     u64 pushed() const { return m_pushed; }
     u64 delivered() { return m_forwarder->account().numbers().delivered; }
-    bool waitForDelivered() {
-        return waitUntil([this] { return delivered() == m_pushed; });
-    }
 
     // Ends the forwarder. The account has one record more than was pushed: its own.
     AccountNumbers end(std::chrono::seconds limit = std::chrono::seconds(20)) {
@@ -45,11 +40,6 @@ public:
         EXPECT_EQ(account.dropped, 0U);
         m_forwarder.reset();
         return account;
-    }
-    // The same, when the engine has to have everything. Returns how much that is.
-    u64 endWithAllDelivered() {
-        EXPECT_EQ(end().delivered, m_pushed);
-        return m_pushed;
     }
 
 private:
