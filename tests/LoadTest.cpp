@@ -164,6 +164,7 @@ TEST_F(LoadGeneratorTest, ReadsAreTheShareThatWasAskedForAndWritesCoverTheFile) 
 }
 
 // Each row is a queue depth, a rate, and the most seconds it may take, as the machine may be busy.
+// The first row has more places than I/Os, so that its queue is never full.
 // The last rate is out of reach: each I/O has to follow the one before at once.
 TEST_F(LoadGeneratorTest, ARateIsKept) {
     const FileDescriptor cached(open(self.c_str(), O_RDWR));

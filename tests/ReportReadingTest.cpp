@@ -19,8 +19,8 @@ const std::string aRecord =
     R"("stringEntries":{},"u32Entries":{"cm1":1,"cm2":2,"cm3":3,"cm4":4,"cm5":5},)"
     R"("u64Entries":{"failedIos":8},"longEntries":{},"doubleEntries":{},"intEntries":{}})";
 
-// Parses each line where nothing else may be read.
-TEST(RecordParser, SaysWhyALineIsNoRecord) {
+// Parses each line where nothing else may be read. The rows with "a record" are the edges.
+TEST(RecordParser, TakesARecordOrSaysWhyALineIsNone) {
     const std::vector<std::array<std::string, 3>> rows = {
         {aRecord, "hello", "it is not JSON"},
         {aRecord, "[]", "it is no JSON object"},

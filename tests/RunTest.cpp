@@ -118,8 +118,8 @@ TEST(OptionsTest, WhatIsWrongIsNamedInOneLine) {
     }
 }
 
-// Each row is a command line and two options that it names, in whatever words.
-TEST(OptionsTest, OptionsThatGoTogetherOrDoNotAreNamed) {
+// Each row is a command line and two options that the answer names, in whatever words.
+TEST(OptionsTest, WhatIsWrongNamesBothOptions) {
     const std::tuple<const char*, const char*, const char*> rows[] = {
         {"--days mon --hour 5 --interval 5", "--interval", "--days"},
         {"--days mon", "--days", "--hour"},

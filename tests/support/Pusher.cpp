@@ -1,7 +1,8 @@
 // pusher COUNT OPTION...
 //
-// Forwards as analytics-host does with these options, in place of reports so many events, twenty a
-// millisecond at most. With a COUNT of 0 it only sends what waits in the spool.
+// Pushes COUNT events, a multiple of 20, and forwards them as analytics-host does with these
+// options. It pushes twenty a millisecond at most. With a COUNT of 0 it only sends what waits in
+// the spool.
 #include "host/program/Forwarding.h"
 #include "tests/support/Examples.h"
 
