@@ -263,19 +263,19 @@ TEST_F(CourierTest, EvictionTakesTheOldestIsRecordedAndTold) {
     follow(R"(spool 6500 begin push 1 step delivered 1 step push 8*1000
     => [1 6-9] pushed=9 delivered=1 evicted=4 waiting=4 lost=4 +30000
 begin => [6-9] restored=4 waiting=4 +30000
-delivered 6 back 7 => [purge] restored=4 delivered=1 waiting=3 +100
-after 100 => [7-9] restored=4 delivered=1 waiting=3 +30000
-delivered 7 => [1] pushed=1 restored=4 delivered=2 waiting=3 +30000
-delivered 8-9 delivered 1 => [] pushed=1 restored=4 delivered=5 idle
+delivered 6 => [1] pushed=1 restored=4 delivered=1 waiting=4 +30000
+delivered 7-9 delivered 1 => [] pushed=1 restored=4 delivered=5 idle
 push 5*1000 step delivered 3-6
     => [3-6] pushed=6 restored=4 delivered=9 evicted=1 lost=1 +1000 idle
-after 1000 => [7] pushed=7 restored=4 delivered=9 evicted=1 waiting=1 lost=1 +30000
-delivered 7 => [] pushed=7 restored=4 delivered=10 evicted=1 lost=1 idle
+push 1 step back 7 step after 1000
+    => [7 purge 7] pushed=7 restored=4 delivered=9 evicted=1 waiting=1 lost=1 +30000
+delivered 7 => [8] pushed=8 restored=4 delivered=10 evicted=1 waiting=1 lost=1 +30000
+delivered 8 => [] pushed=8 restored=4 delivered=11 evicted=1 lost=1 idle
 )");
     const std::vector<std::string> lines = run->engine.lines();
     const std::string boot = lines[0].substr(lines[0].find(R"("boot":)"), 25); // 16 digits
-    EXPECT_TRUE(holds(lines[7], R"("eventName":"RecordsEvictedParcel")"));
-    EXPECT_TRUE(holds(lines[7], R"("stringEntries":{)" + boot +
+    EXPECT_TRUE(holds(lines[4], R"("eventName":"RecordsEvictedParcel")"));
+    EXPECT_TRUE(holds(lines[4], R"("stringEntries":{)" + boot +
                                     R"(,"host":"here"},"u32Entries":{},)"
                                     R"("u64Entries":{"count":4,"first":2,"last":5})"));
 }

@@ -25,7 +25,7 @@ struct AskedPolicy : Policy {
     tm now{};
 };
 
-TEST(FixedDays, ThenIsTheNextOfItsDaysAtItsHourAndNeverNow) {
+TEST(FixedDays, AnswersTheTimeToTheNextOfItsDays) {
     const RecordingLog quiet;
     AskedPolicy policy(days(3, 1), 5);
     std::string hours;

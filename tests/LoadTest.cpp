@@ -38,7 +38,7 @@ TEST(FailureLogTest, FailuresAreALineASecondAndOneAtTheirEnd) {
     FailureLog failures;
     u64 nowNs = nsPerSecond;
     for (const char* second :
-         {"..x.......", "..........", "xxxxxxxxxx", "xxxxx.....", ".........."}) {
+         {"..x..x....", "..........", "xxxxxxxxxx", "xxxxx.....", ".........."}) {
         for (const char* io = second; *io != '\0'; ++io, nowNs += nsPerSecond / 10) {
             const bool isRead = nowNs % 3 == 0;
             *io == 'x' ? failures.failed({isRead, nowNs / nsPerMs, isRead ? -EIO : 5, 7}, nowNs)
@@ -47,7 +47,7 @@ TEST(FailureLogTest, FailuresAreALineASecondAndOneAtTheirEnd) {
     }
     EXPECT_EQ("\n" + toBriefText(log), R"(
 common error failed "read failed at offset=1200: Input/output error\n"
-common warn succeeded "no I/O has failed for a second; failed in all=1\n"
+common warn succeeded "no I/O has failed for a second; failed in all=2\n"
 common error failed "read failed at offset=3000: Input/output error\n"
 common error failed "further I/Os failed=10, the last: write failed at offset=4000: moved 5 bytes of 7\n"
 common warn succeeded "no I/O has failed for a second; failed in all=15\n"

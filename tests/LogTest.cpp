@@ -69,8 +69,8 @@ TEST_F(LogTest, PiecesReadAsOnAnyStandardStream) {
         LogItem item{LogModuleKel, InfoLevel, "f", 3};
         char behind = '.';
     } line;
-    LogItem(LogModuleKel, InfoLevel, "f", 3) << "never flushed";
     line.item << static_cast<const char*>(nullptr) << static_cast<char*>(nullptr) << std::endl;
+    LogItem(LogModuleKel, InfoLevel, "f", 3) << "never flushed";
     EXPECT_EQ(log.texts(InfoLevel).back(), "(null)(null)\n");
     line.item << std::string(513, 'x');
     EXPECT_EQ(line.behind, '.');
