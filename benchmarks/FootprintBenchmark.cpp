@@ -1,4 +1,5 @@
 #include "benchmarks/Benchmark.h"
+#include "benchmarks/ScratchFolder.h"
 
 #include <spawn.h>
 #include <sys/wait.h>
@@ -8,7 +9,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -20,30 +20,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-
-class ScratchFolder {
-public:
-    ScratchFolder() {
-        std::string name = fs::temp_directory_path() / "analytics-bench-XXXXXX";
-        if (mkdtemp(name.data()) == nullptr) {
-            throw std::system_error(errno, std::generic_category(), name);
-        }
-        m_path = name;
-    }
-
-    ~ScratchFolder() {
-        std::error_code ignored; // what is left is a temporary file
-        fs::remove_all(m_path, ignored);
-    }
-
-    ScratchFolder(const ScratchFolder&) = delete;
-    ScratchFolder& operator=(const ScratchFolder&) = delete;
-
-    const fs::path& path() const { return m_path; }
-
-private:
-    fs::path m_path;
-};
 
 // Standard error goes to a file if there is one.
 pid_t start(std::vector<std::string> words, std::FILE* errors = nullptr) {
@@ -231,7 +207,7 @@ Result measureMemory() {
 }
 
 Result measureSize() {
-    const ScratchFolder folder;
+    const ScratchFolder folder(fs::temp_directory_path());
     const fs::path stripped = folder.path() / "stripped";
     waitFor(start({"strip", "-o", stripped, ANALYTICS_LIBRARY}), "strip");
     return {"size of libanalytics.so, stripped",

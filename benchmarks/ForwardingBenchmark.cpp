@@ -1,4 +1,5 @@
 #include "benchmarks/Benchmark.h"
+#include "benchmarks/ScratchFolder.h"
 #include "common/Analytics/AnalyticsParcel.h"
 #include "common/infra/IParcelOutbox.h"
 #include "common/infra/TrackedAllocation.h"
@@ -8,11 +9,9 @@
 #include "host/services/Clock.h"
 
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <memory>
 #include <string>
 #include <thread>
@@ -131,16 +130,11 @@ double greatestRate(ParcelOutbox& outbox, Forwarder& forwarder, double lasting) 
            (static_cast<double>(monotonicNs() - startNs) / nsPerSecond);
 }
 
-std::string pathIn(const Settings& settings, const char* name) {
-    return settings.path + "/analytics-bench." + std::to_string(getpid()) + name;
-}
-
 // Events at even distances of a millisecond's worth, whatever the forwarder does meanwhile.
 std::vector<Result> forwardPaced(const Settings& settings) {
     constexpr u64 eventsPerMs = 200;
-    const std::string path = pathIn(settings, ".jsonl");
-    OutputFile file(path);
-    std::remove(path.c_str());
+    const ScratchFolder folder(settings.path);
+    OutputFile file(folder.path() / "events.jsonl");
     ParcelOutbox outbox;
     Forwarder forwarder(outbox, std::make_unique<OutputSink>(file, ParcelFormat::JsonLines), {},
                         {});
@@ -184,10 +178,10 @@ std::vector<Result> forwardToNothing(const Settings& settings) {
 std::vector<Result> forwardBySpool(const Settings& settings) {
     std::vector<Result> rows;
     for (const bool isDurable : {false, true}) {
-        const std::string path = pathIn(settings, ".spool");
+        const ScratchFolder folder(settings.path);
         ParcelOutbox outbox;
         ForwarderOptions options;
-        options.spool = SpoolOptions{path};
+        options.spool = SpoolOptions{folder.path() / "spool"};
         options.spool->isDurable = isDurable;
         Forwarder forwarder(outbox, std::make_unique<InstantSink>(), {}, options);
         rows.push_back({isDurable ? "events spooled, --durable" : "events spooled",
@@ -197,8 +191,6 @@ std::vector<Result> forwardBySpool(const Settings& settings) {
                         {},
                         {},
                         isDurable ? Target::reported() : Target::atLeast(20'000)});
-        std::remove(path.c_str());
-        std::remove((path + "-wal").c_str());
     }
     return rows;
 }

@@ -78,6 +78,8 @@ TEST_F(ForwarderTest, PushesAnswersAndAStopWakeAThreadThatWaits) {
     engine.answerAll(Fate::Delivered);
     EXPECT_TRUE(stop.get());
     EXPECT_EQ(forwarder->account().numbers().delivered, 4U);
+    EXPECT_EQ(messageOf([&] { engine.answer(4, Fate::Delivered); }),
+              "FakeSink::answer: record 4 is not in flight");
 }
 
 TEST_F(ForwarderTest, AStopDoesNotWaitForACallThatDoesNotReturn) {

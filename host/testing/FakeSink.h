@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <functional>
 #include <iterator>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -65,7 +66,8 @@ public:
         return text;
     }
 
-    // Answers the oldest record in flight with this sequence; there has to be one.
+    // Answers the oldest record in flight with this sequence. Throws std::invalid_argument if there
+    // is none.
     void answer(u64 sequence, Fate fate, const std::string& reason = {}) {
         u64 ticket = 0;
         {
@@ -73,6 +75,10 @@ public:
             const auto record =
                 std::find_if(m_inFlight.begin(), m_inFlight.end(),
                              [&](const Record* each) { return each->sequence == sequence; });
+            if (record == m_inFlight.end()) {
+                throw std::invalid_argument("FakeSink::answer: record " + std::to_string(sequence) +
+                                            " is not in flight");
+            }
             ticket = (*record)->ticket;
             m_inFlight.erase(record);
         }

@@ -15,10 +15,10 @@ inline std::ptrdiff_t entriesOf(const std::string& folder) {
     return std::distance(std::filesystem::directory_iterator(folder), {});
 }
 
-// A folder that goes with its test.
+// A folder that goes with its test. It is new: a killed test leaves its own behind.
 class TempFolder {
 public:
-    TempFolder() { std::filesystem::create_directories(m_path); }
+    TempFolder() { EXPECT_NE(mkdtemp(m_path.data()), nullptr) << m_path; }
     ~TempFolder() { std::filesystem::remove_all(m_path); }
     TempFolder(const TempFolder&) = delete;
     TempFolder& operator=(const TempFolder&) = delete;
@@ -32,9 +32,7 @@ public:
     std::string read(const std::string& name) const { return readFile(*this / name); }
 
 private:
-    static inline int made = 0;
-    const std::string m_path =
-        testing::TempDir() + "tests." + std::to_string(getpid()) + "." + std::to_string(made++);
+    std::string m_path = testing::TempDir() + "tests.XXXXXX";
 };
 
 // Files of this process are not written beyond so many bytes, as on a full disk.
