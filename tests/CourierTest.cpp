@@ -181,6 +181,8 @@ back 5 delivered 2 => [] pushed=6 delivered=2 failed=1 waiting=3 lost=4 'no'=1 +
 after 100 => [3 5-6] pushed=6 delivered=2 failed=1 waiting=3 lost=4 'no'=1 +30000
 delivered 3 delivered 5-6 => [] pushed=6 delivered=5 failed=1 lost=1 'no'=1 idle
 beside => [1-6]
+push 2 step back 7 step hurry step back 8 step back 7-8
+    => [7-8 purge 7-8 purge] pushed=8 delivered=5 failed=1 waiting=2 lost=3 'no'=1 +200
 )");
 }
 

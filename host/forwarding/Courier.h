@@ -57,7 +57,7 @@ public:
     u64 step(u64 nowNs, u64 epochMs);
     // Nothing waits, and the spool has noted all that was settled.
     bool isIdle() const;
-    // The next step ends all back-offs.
+    // The next step ends all back-offs, and skips the one that would follow the records in flight.
     void hurry();
     // The next step makes a record of the account, and forwards it.
     void addAccount() { m_mustTellAccount = true; }

@@ -5,6 +5,7 @@
 #include "host/forwarding/Wakeup.h"
 
 #include <algorithm>
+#include <utility>
 
 // Whether records may be sent.
 //
@@ -14,7 +15,8 @@
 //     draining   | nothing is in flight: drained()    | backing off
 //     backing off| its time has come, or hurry()      | open
 //
-// The back-off doubles until a record is delivered. One thread at a time.
+// The back-off doubles until a record is delivered. hurry() while draining skips the back-off that
+// follows. One thread at a time.
 class ANALYTICS_TAG SendGate {
 public:
     // Nanoseconds, of the first back-off and of the longest.
@@ -29,15 +31,19 @@ public:
     void drained(u64 nowNs) {
         m_isDraining = false;
         m_backOffNs = std::clamp(2 * m_backOffNs, m_firstNs, m_longestNs);
-        m_opensNs = nowNs + m_backOffNs;
+        m_opensNs = std::exchange(m_isHurried, false) ? 0 : nowNs + m_backOffNs;
     }
     void delivered() { m_backOffNs = 0; }
-    void hurry() { m_opensNs = 0; }
+    void hurry() {
+        m_opensNs = 0;
+        m_isHurried = m_isDraining;
+    }
 
 private:
     const u64 m_firstNs;
     const u64 m_longestNs;
     bool m_isDraining = false;
+    bool m_isHurried = false; // since the draining began
     u64 m_opensNs = 0;
     u64 m_backOffNs = 0; // the last one, 0 after a delivery
 };
