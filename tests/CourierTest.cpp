@@ -190,7 +190,7 @@ TEST_F(CourierTest, BackOffsDoubleUpToTheLongestUntilADelivery) {
     options.longestBackOff = std::chrono::milliseconds(350);
     int failures = 0;
     options.onFailure = [&] { ++failures; };
-    follow(R"(begin push 2 step back 1-2 => [1-2 purge] pushed=2 waiting=2 lost=2 +100
+    follow(R"(begin push 2 step hurry back 1-2 => [1-2 purge] pushed=2 waiting=2 lost=2 +100
 after 100 step back 1-2 => [1-2 purge] pushed=2 waiting=2 lost=2 +200
 after 200 step back 1-2 => [1-2 purge] pushed=2 waiting=2 lost=2 +350
 after 350 step delivered 1 back 2 => [1-2 purge] pushed=2 delivered=1 waiting=1 lost=1 +100

@@ -156,12 +156,11 @@ TEST_F(KafkaSinkTest, OnlyTheRecordThatABrokerRefusesIsLostByAnError) {
     EXPECT_EQ(lastInOrder(cluster.values()), sending.pushed());
     EXPECT_TRUE(log.waitFor("one by one"));
     rd_kafka_mock_broker_set_rtt(cluster.get(), every, 100); // all are produced by then
-    rd_kafka_mock_push_request_errors(cluster.get(), produce, 1,
-                                      RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE);
+    rd_kafka_mock_push_request_errors(cluster.get(), produce, 1, RD_KAFKA_RESP_ERR_INVALID_RECORD);
     sending.push(20);
     const AccountNumbers account = sending.end();
     EXPECT_EQ(account.failures,
-              (std::map<std::string, u64>{{"Broker: Message size too large", 1}}));
+              (std::map<std::string, u64>{{"Broker: Broker failed to validate record", 1}}));
     EXPECT_EQ(account.delivered, sending.pushed() - 1) << account.text();
 }
 

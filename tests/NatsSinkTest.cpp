@@ -198,14 +198,14 @@ TEST_F(NatsSinkTest, AServerThatIsAwayIsWaitedFor) {
 // What is not acknowledged is published again under the same id.
 TEST_F(NatsSinkTest, ARepeatWithinTheWindowIsStoredOnce) {
     cluster.start();
-    const Record record = makeRecord(7);
+    const Record record = makeRecord(7), other = makeRecord(7, "another boot");
     sink = makeNatsSink(cluster.settings());
     sink->start(answers);
-    for (int i = 0; i < 2; ++i) {
-        sink->send({&record});
+    for (const Record* each : {&record, &record, &other}) {
+        sink->send({each});
         EXPECT_EQ(answers.take(1), "7 delivered");
     }
-    EXPECT_EQ(cluster.values(), "{}\n");
+    EXPECT_EQ(cluster.values(), "{}\n{}\n");
 }
 
 TEST_F(NatsSinkTest, OnlyARecordThatIsTooLargeFailsAndWhatAFullStreamDoesNotTakeWaits) {

@@ -55,12 +55,13 @@ TEST_F(OutputFileTest, APartOfALineIsTakenBack) {
 
 TEST_F(OutputFileTest, IsOpenedAnewOnRequestAlone) {
     OutputFile output(path);
-    output.write("1\n");
-    std::filesystem::rename(path, folder / "moved");
-    output.write("2\n");
-    output.requestReopen();
-    output.write("3\n");
-    EXPECT_EQ(folder.read("moved") + "moved\n" + folder.read("output"), "1\n2\nmoved\n3\n");
+    for (const char* moved : {"first", "second"}) {
+        output.write("1\n");
+        std::filesystem::rename(path, folder / moved);
+        output.write("2\n");
+        EXPECT_EQ(folder.read(moved), "1\n2\n");
+        output.requestReopen();
+    }
 }
 
 TEST_F(OutputFileTest, AFifoIsWrittenWhileSomebodyReadsIt) {

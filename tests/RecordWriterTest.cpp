@@ -85,8 +85,8 @@ TEST(RecordWriterTest, RecordsKeepTheSchemaAndTheDocumentItsTable) {
 
 TEST(IdentityTest, AMachineHasItsIdAndEachBootIsAnother) {
     const TempFolder folder;
-    const std::string id = "0123456789abcdef0123456789abcdef\n";
-    EXPECT_EQ(deriveHostId(folder.write("machine", id)), "32f51c08b4c08bb2");
+    const std::string id = "2023456789abcdef0123456789abcdef\n";
+    EXPECT_EQ(deriveHostId(folder.write("machine", id)), "042909ad23f9d71b");
     const std::string ofName = deriveHostId(folder / "none");
     EXPECT_EQ(deriveHostId(folder.write("machine", "")), ofName);
     EXPECT_NE(ofName, "563820154b217892") << "of no text";

@@ -172,7 +172,7 @@ TEST_F(TweaksFileTest, FollowsTheWayToTheFile) {
         {InfoLevel, "put b; ln -s b swap; mv -T swap current", "-> 4"},
         {ErrorLevel, "rm b/f", missing},
         {WarnLevel, "put c; ln -s ../c/f b/f", "-> 6"},
-        {ErrorLevel, "rm b/f", missing},
+        {ErrorLevel, "mv b/f b/g", missing},
         {WarnLevel, "put d; ln d/f b/f", "-> 8"},
         {ErrorLevel, "rm b/f; mkfifo b/f", "is not a regular file, expected a file of tunables"},
         {WarnLevel, "rm b/f; put b", "-> 10"},
@@ -228,6 +228,10 @@ TEST_F(TweaksFileTest, IsAppliedAsAWholeAndFollowedOnWhenMemoryFails) {
     EXPECT_GT(failEachAllocation([&] { file->load(); }, expectUnchanged), 10);
     LogService::setLevel(InfoLevel);
     EXPECT_TRUE(live.t_disablePeriodicAnalytics);
+    TweaksFile refused(folder / "refused"); // is not loaded again meanwhile
+    refused.follow();
+    folder.write("refused", "?");
+    EXPECT_TRUE(log.waitFor("; the values in force stay"));
     write(threshold + "=2");
     log.allocations = 0;
     file->follow();
@@ -241,6 +245,7 @@ TEST_F(TweaksFileTest, IsAppliedAsAWholeAndFollowedOnWhenMemoryFails) {
         }
     });
     EXPECT_TRUE(log.waitFor("2 -> 3")) << toText(log);
+    EXPECT_EQ(log.texts(ErrorLevel).size(), 2U);
     over = true;
 }
 

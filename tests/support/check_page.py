@@ -82,7 +82,7 @@ def check_texts(page):
     same("lists", lines("#lists li"), [
         "longest I/O in a report: 7.25 s", "deepestQueue = 7 (host db)", "longestIoUs = 5 (host web)",
         "33 read, 1 doubled, 14 missing, 5 evicted, 4 not understood",
-        *[f"{small.FILE}:{line}: {why}" for line, why in ((23, "it is not JSON"), (26, "it has no field schema"), (27, "it is no JSON object"))],
+        *[f"{small.SHOWN_FILE}:{line}: {why}" for line, why in ((23, "it is not JSON"), (26, "it has no field schema"), (27, "it is no JSON object"))],
         "2 processes: pushed 12 + restored 2 is not delivered 6 + failed 1 + dropped 2 + evicted 3 + waiting 1",
         "reads: 65 I/Os, 50.8 % slow, longest I/O 5 µs", "writes: 0 I/Os, 0.0 % slow, longest I/O 0 µs",
         f"2026-11-23 12:05:10, host db: threshold 50 ms, {last.format(1)}; then threshold 60 ms, {last.format(1)}",
