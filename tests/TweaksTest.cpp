@@ -73,8 +73,9 @@ protected:
     // Can make memory fail once on a thread that logs: `allocations` after its next line.
     struct Log : RecordingLog {
         void write(const LogRecord& record) override {
-            RecordingLog::write(record);
-            allocationsLeft = allocations.exchange(unlimitedAllocations);
+            const int left = allocations.exchange(unlimitedAllocations);
+            RecordingLog::write(record); // it wakes the test, which may set the next one
+            allocationsLeft = left;
         }
         std::atomic<int> allocations{unlimitedAllocations};
     } log;
@@ -228,9 +229,8 @@ TEST_F(TweaksFileTest, IsAppliedAsAWholeAndFollowedOnWhenMemoryFails) {
     EXPECT_GT(failEachAllocation([&] { file->load(); }, expectUnchanged), 10);
     LogService::setLevel(InfoLevel);
     EXPECT_TRUE(live.t_disablePeriodicAnalytics);
-    TweaksFile refused(folder / "refused"); // is not loaded again meanwhile
+    TweaksFile refused(folder.write("refused", "?")); // is not loaded again meanwhile
     refused.follow();
-    folder.write("refused", "?");
     EXPECT_TRUE(log.waitFor("; the values in force stay"));
     write(threshold + "=2");
     log.allocations = 0;
